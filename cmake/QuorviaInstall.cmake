@@ -1,0 +1,24 @@
+# Install rules: headers, the library, the resource bundle, the CMake package
+# (find_package(quorvia)) and a pkg-config file.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS quorvia EXPORT quorviaTargets
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(DIRECTORY include/quorvia DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_BINARY_DIR}/include/quorvia/export.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quorvia)
+install(DIRECTORY resources/ DESTINATION ${CMAKE_INSTALL_DATADIR}/quorvia/resources)
+
+set(QUORVIA_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/quorvia)
+install(EXPORT quorviaTargets NAMESPACE quorvia:: DESTINATION ${QUORVIA_CMAKE_DIR})
+configure_package_config_file(cmake/quorviaConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/quorviaConfig.cmake INSTALL_DESTINATION ${QUORVIA_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/quorviaConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/quorviaConfig.cmake
+  ${PROJECT_BINARY_DIR}/quorviaConfigVersion.cmake DESTINATION ${QUORVIA_CMAKE_DIR})
+
+configure_file(cmake/quorvia.pc.in ${PROJECT_BINARY_DIR}/quorvia.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/quorvia.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

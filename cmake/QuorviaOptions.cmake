@@ -1,0 +1,17 @@
+# Compiler settings shared by every target of the project.
+
+find_program(QUORVIA_CCACHE ccache)
+if(QUORVIA_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${QUORVIA_CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${QUORVIA_CCACHE})
+endif()
+
+if(QUORVIA_SANITIZE)
+  add_compile_options(-fsanitize=${QUORVIA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${QUORVIA_SANITIZE})
+endif()
+
+# Warnings are errors on our own code only; third-party headers are system headers.
+function(quorvia_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers)
+endfunction()

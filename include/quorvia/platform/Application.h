@@ -1,0 +1,101 @@
+#pragma once
+/// \file
+/// The application object (UIApplication) as a desktop stand-in: it records
+/// what it was asked so that hosts, tests and the simulator can observe it.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/NotificationSettings.h"
+#include "quorvia/platform/RunLoop.h"
+
+namespace quorvia::platform {
+
+class Window;  // the key window; defined by the view layer
+class Object;  // the application delegate; defined by the object runtime
+
+using BackgroundTaskIdentifier = std::uint64_t;
+/// The identifier that names no background task.
+inline constexpr BackgroundTaskIdentifier UIBackgroundTaskInvalid = 0;
+
+/// What the application was asked about one background task.
+struct BackgroundTaskRecord {
+  BackgroundTaskIdentifier identifier = UIBackgroundTaskInvalid;
+  std::string name;
+  bool ended = false;
+  bool expired = false;
+};
+
+/// Process-wide application object. Every member is thread-safe; callbacks
+/// (expiry handlers, observers) are called without the internal lock held.
+class QUORVIA_EXPORT Application final {
+ public:
+  /// The one application object of the process (sharedApplication).
+  static Application& sharedApplication();
+
+  Application();
+  ~Application();
+  Application(const Application&) = delete;
+  Application& operator=(const Application&) = delete;
+
+  // Remote notifications.
+  /// Asks for a push token; the request is counted. The token comes back
+  /// through the application delegate, which the host or simulator drives.
+  void registerForRemoteNotifications();
+  int remoteNotificationRegistrationCount() const;
+
+  // Notification settings.
+  NotificationSettings currentUserNotificationSettings() const;
+  /// Host/test side: the settings the user has granted so far.
+  void setCurrentUserNotificationSettings(NotificationSettings settings);
+  /// Whether this platform offers registerUserNotificationSettings: (default true).
+  bool respondsToRegisterUserNotificationSettings() const;
+  void setRespondsToRegisterUserNotificationSettings(bool responds);
+  /// Records the settings; the platform then asks the user. Current settings
+  /// are not changed here: the host reports the user's answer.
+  void registerUserNotificationSettings(NotificationSettings settings);
+  std::vector<NotificationSettings> registeredUserNotificationSettings() const;
+  /// Called (on the calling thread) after each registration is recorded.
+  void setSettingsRegisteredObserver(std::function<void(const NotificationSettings&)> observer);
+
+  // Background tasks.
+  /// Begins a named task and returns its identifier (never UIBackgroundTaskInvalid).
+  BackgroundTaskIdentifier beginBackgroundTaskWithName(std::string name, Task expirationHandler);
+  /// Ends a task; ending an unknown or already ended task is ignored.
+  void endBackgroundTask(BackgroundTaskIdentifier identifier);
+  /// Test/simulator side: the platform's time for `identifier` ran out; its
+  /// expiry handler runs now, on the calling thread. False when no such live task.
+  bool expireBackgroundTask(BackgroundTaskIdentifier identifier);
+  std::vector<BackgroundTaskRecord> backgroundTasks() const;
+  /// Called after each begin and end, with the record as it now stands.
+  void setBackgroundTaskObserver(
+      std::function<void(const BackgroundTaskRecord&, bool began)> observer);
+
+  // Opening URLs.
+  /// Whether some handler can open `url`. Default: URLs whose scheme is http,
+  /// https, mailto or tel; the host may decide instead.
+  bool canOpenURL(const std::string& url) const;
+  void setCanOpenURLHandler(std::function<bool(const std::string& url)> handler);
+  /// Hands the URL to the host's opener (default: none, the URL is only recorded).
+  void openURL(const std::string& url);
+  void setOpenURLHandler(std::function<void(const std::string& url)> handler);
+  std::vector<std::string> openedURLs() const;
+
+  // Windows and the delegate.
+  std::shared_ptr<Window> keyWindow() const;
+  void setKeyWindow(std::shared_ptr<Window> window);
+  /// The application delegate, an object of the delegate-class runtime; may be null.
+  std::shared_ptr<Object> delegate() const;
+  void setDelegate(std::shared_ptr<Object> delegate);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace quorvia::platform

@@ -1,0 +1,208 @@
+#include "quorvia/platform/Application.h"
+
+#include <mutex>
+
+#include "quorvia/platform/URL.h"
+
+namespace quorvia::platform {
+
+struct Application::State {
+  mutable std::mutex mu;
+  int remoteRegistrations = 0;
+  NotificationSettings current{0, CategorySet{}};  // a fresh app: no types, no categories
+  bool respondsToRegisterSettings = true;
+  std::vector<NotificationSettings> registered;
+  std::function<void(const NotificationSettings&)> settingsObserver;
+
+  BackgroundTaskIdentifier nextTask = 1;
+  std::vector<BackgroundTaskRecord> tasks;
+  std::vector<std::pair<BackgroundTaskIdentifier, Task>> expiryHandlers;
+  std::function<void(const BackgroundTaskRecord&, bool)> taskObserver;
+
+  std::function<bool(const std::string&)> canOpen;
+  std::function<void(const std::string&)> opener;
+  std::vector<std::string> opened;
+
+  std::shared_ptr<Window> keyWindow;
+  std::shared_ptr<Object> delegate;
+
+  BackgroundTaskRecord* findTask(BackgroundTaskIdentifier id) {
+    for (auto& t : tasks)
+      if (t.identifier == id) return &t;
+    return nullptr;
+  }
+};
+
+Application& Application::sharedApplication() {
+  static auto* app = new Application;  // lives for the process, like the platform's
+  return *app;
+}
+
+Application::Application() : state_(std::make_unique<State>()) {}
+Application::~Application() = default;
+
+void Application::registerForRemoteNotifications() {
+  std::lock_guard lock(state_->mu);
+  ++state_->remoteRegistrations;
+}
+
+int Application::remoteNotificationRegistrationCount() const {
+  std::lock_guard lock(state_->mu);
+  return state_->remoteRegistrations;
+}
+
+NotificationSettings Application::currentUserNotificationSettings() const {
+  std::lock_guard lock(state_->mu);
+  return state_->current;
+}
+
+void Application::setCurrentUserNotificationSettings(NotificationSettings settings) {
+  std::lock_guard lock(state_->mu);
+  state_->current = std::move(settings);
+}
+
+bool Application::respondsToRegisterUserNotificationSettings() const {
+  std::lock_guard lock(state_->mu);
+  return state_->respondsToRegisterSettings;
+}
+
+void Application::setRespondsToRegisterUserNotificationSettings(bool responds) {
+  std::lock_guard lock(state_->mu);
+  state_->respondsToRegisterSettings = responds;
+}
+
+void Application::registerUserNotificationSettings(NotificationSettings settings) {
+  std::function<void(const NotificationSettings&)> observer;
+  {
+    std::lock_guard lock(state_->mu);
+    state_->registered.push_back(settings);
+    observer = state_->settingsObserver;
+  }
+  if (observer) observer(settings);
+}
+
+std::vector<NotificationSettings> Application::registeredUserNotificationSettings() const {
+  std::lock_guard lock(state_->mu);
+  return state_->registered;
+}
+
+void Application::setSettingsRegisteredObserver(
+    std::function<void(const NotificationSettings&)> observer) {
+  std::lock_guard lock(state_->mu);
+  state_->settingsObserver = std::move(observer);
+}
+
+BackgroundTaskIdentifier Application::beginBackgroundTaskWithName(std::string name,
+                                                                  Task expirationHandler) {
+  BackgroundTaskRecord record;
+  std::function<void(const BackgroundTaskRecord&, bool)> observer;
+  {
+    std::lock_guard lock(state_->mu);
+    record = BackgroundTaskRecord{state_->nextTask++, std::move(name), false, false};
+    state_->tasks.push_back(record);
+    state_->expiryHandlers.emplace_back(record.identifier, std::move(expirationHandler));
+    observer = state_->taskObserver;
+  }
+  if (observer) observer(record, true);
+  return record.identifier;
+}
+
+void Application::endBackgroundTask(BackgroundTaskIdentifier identifier) {
+  BackgroundTaskRecord record;
+  std::function<void(const BackgroundTaskRecord&, bool)> observer;
+  {
+    std::lock_guard lock(state_->mu);
+    BackgroundTaskRecord* task = state_->findTask(identifier);
+    if (!task || task->ended) return;
+    task->ended = true;
+    record = *task;
+    std::erase_if(state_->expiryHandlers, [&](const auto& e) { return e.first == identifier; });
+    observer = state_->taskObserver;
+  }
+  if (observer) observer(record, false);
+}
+
+bool Application::expireBackgroundTask(BackgroundTaskIdentifier identifier) {
+  Task handler;
+  {
+    std::lock_guard lock(state_->mu);
+    BackgroundTaskRecord* task = state_->findTask(identifier);
+    if (!task || task->ended) return false;
+    task->expired = true;
+    for (auto& e : state_->expiryHandlers)
+      if (e.first == identifier) handler = e.second;
+  }
+  if (handler) handler();
+  return true;
+}
+
+std::vector<BackgroundTaskRecord> Application::backgroundTasks() const {
+  std::lock_guard lock(state_->mu);
+  return state_->tasks;
+}
+
+void Application::setBackgroundTaskObserver(
+    std::function<void(const BackgroundTaskRecord&, bool)> observer) {
+  std::lock_guard lock(state_->mu);
+  state_->taskObserver = std::move(observer);
+}
+
+bool Application::canOpenURL(const std::string& url) const {
+  std::function<bool(const std::string&)> canOpen;
+  {
+    std::lock_guard lock(state_->mu);
+    canOpen = state_->canOpen;
+  }
+  if (canOpen) return canOpen(url);
+  const auto parsed = URLWithString(url);
+  if (!parsed) return false;
+  return parsed->scheme == "http" || parsed->scheme == "https" || parsed->scheme == "mailto" ||
+         parsed->scheme == "tel";
+}
+
+void Application::setCanOpenURLHandler(std::function<bool(const std::string&)> handler) {
+  std::lock_guard lock(state_->mu);
+  state_->canOpen = std::move(handler);
+}
+
+void Application::openURL(const std::string& url) {
+  std::function<void(const std::string&)> opener;
+  {
+    std::lock_guard lock(state_->mu);
+    state_->opened.push_back(url);
+    opener = state_->opener;
+  }
+  if (opener) opener(url);
+}
+
+void Application::setOpenURLHandler(std::function<void(const std::string&)> handler) {
+  std::lock_guard lock(state_->mu);
+  state_->opener = std::move(handler);
+}
+
+std::vector<std::string> Application::openedURLs() const {
+  std::lock_guard lock(state_->mu);
+  return state_->opened;
+}
+
+std::shared_ptr<Window> Application::keyWindow() const {
+  std::lock_guard lock(state_->mu);
+  return state_->keyWindow;
+}
+
+void Application::setKeyWindow(std::shared_ptr<Window> window) {
+  std::lock_guard lock(state_->mu);
+  state_->keyWindow = std::move(window);
+}
+
+std::shared_ptr<Object> Application::delegate() const {
+  std::lock_guard lock(state_->mu);
+  return state_->delegate;
+}
+
+void Application::setDelegate(std::shared_ptr<Object> delegate) {
+  std::lock_guard lock(state_->mu);
+  state_->delegate = std::move(delegate);
+}
+
+}  // namespace quorvia::platform

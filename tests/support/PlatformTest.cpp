@@ -1,0 +1,75 @@
+#include "support/PlatformTest.h"
+
+#include <cstdlib>
+
+#include "quorvia/platform/Device.h"
+#include "quorvia/platform/Log.h"
+
+namespace quorvia::testing {
+
+void LogCapture::install() {
+  platform::setLogSink([this](std::string_view line) {
+    std::lock_guard lock(mu_);
+    lines_.emplace_back(line);
+  });
+}
+
+std::vector<std::string> LogCapture::lines() const {
+  std::lock_guard lock(mu_);
+  return lines_;
+}
+
+int LogCapture::count(const std::string& line) const {
+  std::lock_guard lock(mu_);
+  int n = 0;
+  for (const auto& l : lines_) n += l == line;
+  return n;
+}
+
+void LogCapture::clear() {
+  std::lock_guard lock(mu_);
+  lines_.clear();
+}
+
+std::filesystem::path makeTempDirectory(const std::string& prefix) {
+  std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "XXXXXX")).string();
+  if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+  return pattern;
+}
+
+void PlatformTest::SetUp() {
+  loop_ = std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual);
+  platform::setMainRunLoop(loop_);
+  dataDir_ = makeTempDirectory("quorvia-test-");
+  platform::setDataDirectory(dataDir_ / "data");
+  // 2026-11-21 12:00:00 UTC: a fixed instant, so dates in tests are repeatable.
+  wallNow_ = platform::SystemTime(std::chrono::seconds(1795262400));
+  platform::setWallClock([mu = wallMu_, now = &wallNow_] {
+    std::lock_guard lock(*mu);
+    return *now;
+  });
+  log_.install();
+  platform::setSystemVersion("17.0");
+}
+
+void PlatformTest::TearDown() {
+  loop_->drainOnce();
+  platform::setLogSink({});
+  platform::setWallClock({});
+  std::error_code ec;
+  std::filesystem::remove_all(dataDir_, ec);
+}
+
+void PlatformTest::advance(double secondsToAdvance) {
+  loop_->advance(platform::seconds(secondsToAdvance));
+}
+
+void PlatformTest::drain() { loop_->drainOnce(); }
+
+void PlatformTest::advanceWallClock(double secondsToAdvance) {
+  std::lock_guard lock(*wallMu_);
+  wallNow_ += std::chrono::duration_cast<platform::SystemTime::duration>(
+      std::chrono::duration<double>(secondsToAdvance));
+}
+
+}  // namespace quorvia::testing
