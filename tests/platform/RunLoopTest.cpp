@@ -1,1 +1,81 @@
 #include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "quorvia/platform/NotificationCenter.h"
+#include "quorvia/platform/RunLoop.h"
+
+namespace quorvia::platform {
+namespace {
+
+TEST(VirtualClockRunsDelayedTasksAtTheirDueTime, InOrder) {
+  RunLoop loop(RunLoop::Clock::kVirtual);
+  std::vector<std::pair<std::string, Duration>> ran;
+  auto note = [&](std::string name) { return [&, name] { ran.emplace_back(name, loop.now()); }; };
+  loop.postAfter(seconds(0.3), note("slide done"));
+  loop.postAfter(seconds(0.1), note("launch poll"));
+  loop.post(note("async"));
+  loop.postAfter(seconds(0.1), [&] { loop.postAfter(Duration::zero(), note("mask")); });
+
+  loop.advance(seconds(0.099));
+  ASSERT_EQ(ran.size(), 1u);
+  EXPECT_EQ(ran[0].first, "async");
+
+  loop.advance(seconds(0.001));
+  ASSERT_EQ(ran.size(), 3u);
+  EXPECT_EQ(ran[1].first, "launch poll");
+  EXPECT_EQ(ran[1].second, seconds(0.1));
+  EXPECT_EQ(ran[2].first, "mask") << "a zero-delay task posted by a due task runs in the same advance";
+
+  loop.advance(seconds(1));
+  ASSERT_EQ(ran.size(), 4u);
+  EXPECT_EQ(ran[3].second, seconds(0.3)) << "the clock stops at each due time";
+  EXPECT_EQ(loop.now(), seconds(1.1));
+}
+
+TEST(PostingNeverRunsTheTaskSynchronously, FromTheMainThread) {
+  RunLoop loop(RunLoop::Clock::kVirtual);
+  bool ran = false;
+  loop.post([&] { ran = true; });
+  EXPECT_FALSE(ran);
+  EXPECT_EQ(loop.drainOnce(), 1u);
+  EXPECT_TRUE(ran);
+}
+
+TEST(RunUntilWaitsForTasksPostedFromOtherThreads, WithoutMovingTheVirtualClock) {
+  RunLoop loop(RunLoop::Clock::kVirtual);
+  int delivered = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) threads.emplace_back([&] { loop.post([&] { ++delivered; }); });
+  EXPECT_TRUE(loop.runUntil([&] { return delivered == 8; }, std::chrono::seconds(10)));
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(loop.now(), Duration::zero());
+}
+
+TEST(RealRunLoopStopsWhenAskedFromAnotherThread, AndRunsTimers) {
+  RunLoop loop(RunLoop::Clock::kReal);
+  bool timerRan = false;
+  loop.postAfter(Duration::zero(), [&] { timerRan = true; });
+  loop.postAfter(Duration::zero(), [&] { loop.stop(); });
+  std::thread other([&] { loop.post([] {}); });
+  loop.run();
+  other.join();
+  EXPECT_TRUE(timerRan);
+}
+
+TEST(NotificationCenterCallsObserversOfThatName, InRegistrationOrder) {
+  NotificationCenter center;
+  std::string calls;
+  center.addObserver(UIApplicationDidBecomeActiveNotification, [&](std::string_view) { calls += "a"; });
+  const auto token = center.addObserver(UIApplicationDidBecomeActiveNotification,
+                                        [&](std::string_view) { calls += "b"; });
+  center.addObserver(UIApplicationWillTerminateNotification, [&](std::string_view) { calls += "x"; });
+  center.postNotificationName(UIApplicationDidBecomeActiveNotification);
+  center.removeObserver(token);
+  center.postNotificationName(UIApplicationDidBecomeActiveNotification);
+  EXPECT_EQ(calls, "aba");
+}
+
+}  // namespace
+}  // namespace quorvia::platform

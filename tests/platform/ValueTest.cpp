@@ -1,2 +1,119 @@
 #include <gtest/gtest.h>
-TEST(Placeholder, Builds) { EXPECT_EQ(1, 1); }
+
+#include "quorvia/platform/Error.h"
+#include "quorvia/platform/KeyedArchiver.h"
+#include "quorvia/platform/URL.h"
+#include "quorvia/platform/Value.h"
+
+namespace quorvia::platform {
+namespace {
+
+// Log lines, URL paths and the form body depend on these exact texts.
+TEST(DescribeFormatsAsFoundation, EveryKindOfValue) {
+  struct Case {
+    const char* name;
+    Value value;
+    std::string expected;
+  };
+  const Case cases[] = {
+      {"string as is", "x y", "x y"},
+      {"integer", 7, "7"},
+      {"negative", -25300, "-25300"},
+      {"double", 0.5, "0.5"},
+      {"double sum", 0.1 + 0.2, "0.3"},
+      {"bool", true, "1"},
+      {"null object", nullptr, "<null>"},
+      {"data with a blank every four bytes", dataValue({0x00, 0x01, 0xab, 0xff, 0x10}),
+       "<0001abff 10>"},
+      {"one-entry dictionary", Value{{"name", "A"}}, "{\n    name = A;\n}"},
+      {"keys sorted, odd strings quoted", Value{{"b", "x y"}, {"a_b", 1}, {"A", ""}},
+       "{\n    A = \"\";\n    \"a_b\" = 1;\n    b = \"x y\";\n}"},
+      {"nested dictionary", Value{{"aps", {{"alert", "Hi"}}}},
+       "{\n    aps =     {\n        alert = Hi;\n    };\n}"},
+      {"array", Value::array({1, "two"}), "(\n    1,\n    two\n)"},
+      {"array of dictionaries", Value::array({Value{{"a", 1}}}),
+       "(\n        {\n        a = 1;\n    }\n)"},
+      {"empty dictionary", Value::object(), "{\n}"},
+      {"escapes and non-ASCII", Value{{"k", "\"\xC3\xA9\xF0\x9F\x91\x8D"}},
+       "{\n    k = \"\\\"\\U00e9\\Ud83d\\Udc4d\";\n}"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(describe(c.value), c.expected) << c.name;
+  EXPECT_EQ(describe(static_cast<const Value*>(nullptr)), "(null)");
+  EXPECT_EQ(describe(std::optional<std::string>()), "(null)");
+}
+
+TEST(ParseJsonRefusesWhatThePlatformReaderRefuses, Cases) {
+  struct Case {
+    std::string text;
+    bool decodes;
+  };
+  const Case cases[] = {
+      {R"({"a":1})", true},
+      {"[1,2]", true},
+      {"7", false},                  // top-level fragments refused
+      {"\"s\"", false},
+      {"null", false},
+      {"{\"a\":", false},            // truncated
+      {"<html>500</html>", false},
+      {"{\"a\":\"\xff\"}", false},   // invalid UTF-8
+      {std::string(600, '[') + std::string(600, ']'), false},  // deeper than we walk
+      {std::string(100, '[') + std::string(100, ']'), true},
+      {"", false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(parseJson(c.text).has_value(), c.decodes) << c.text.substr(0, 40);
+  EXPECT_EQ(*parseJson(R"({"b":1,"a":2})")->begin(), 1) << "insertion order kept";
+}
+
+TEST(ErrorDescription, MatchesFoundation) {
+  Error plain{"com.lockwell.lkkeychain", -25300};
+  EXPECT_EQ(plain.description(), "Error Domain=com.lockwell.lkkeychain Code=-25300 \"(null)\"");
+  EXPECT_EQ(plain.localizedDescription(),
+            "The operation couldn\u2019t be completed. (com.lockwell.lkkeychain error -25300.)");
+  Error withText{"NSURLErrorDomain", -1004, Value{{kNSLocalizedDescriptionKey, "Could not connect."}}};
+  EXPECT_EQ(withText.description(),
+            "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect.\" "
+            "UserInfo={NSLocalizedDescription=Could not connect.}");
+}
+
+TEST(KeyedArchiveRoundTripsExactly, EveryKind) {
+  const Value original = {{"s", "x"},   {"i", -3},  {"u", 18446744073709551615ULL},
+                          {"d", 0.25},  {"n", nullptr}, {"b", true},
+                          {"data", dataValue({0, 255})}, {"z", Value::array({1, "a"})}};
+  const auto restored = unarchiveObjectWithData(archivedDataWithRootObject(original));
+  ASSERT_TRUE(restored);
+  EXPECT_EQ(*restored, original);
+  EXPECT_EQ(restored->dump(), original.dump()) << "order and number kinds kept";
+  EXPECT_FALSE(unarchiveObjectWithData({'q', 'v', 'k', 'a', 1, 0xff}));
+  EXPECT_FALSE(unarchiveObjectWithData({}));
+  EXPECT_FALSE(unarchiveObjectWithData({'j', 'u', 'n', 'k', 1, 0x01}));
+}
+
+TEST(URLWithStringRefusesWhatCannotBeAURL, Cases) {
+  struct Case {
+    const char* text;
+    bool valid;
+  };
+  const Case cases[] = {
+      {"http://127.0.0.1:8765/polls/7/replies/", true},
+      {"http://x/polls/(null)/replies/", true},
+      {"http://x/a%20b", true},
+      {"http://x/a b", false},
+      {"http://x/%zz", false},
+      {"http://x:99999999/", false},
+      {"http://x/\xC3\xA9", false},
+      {"not a url", false},
+      {"", false},
+      {"mailto:a@b.c", true},
+  };
+  for (const auto& c : cases) EXPECT_EQ(URLWithString(c.text).has_value(), c.valid) << c.text;
+  const auto url = URLWithString("HTTP://h:81/p?q=1#f");
+  ASSERT_TRUE(url);
+  EXPECT_EQ(url->scheme, "http");
+  EXPECT_EQ(url->host, "h");
+  EXPECT_EQ(url->port, 81);
+  EXPECT_EQ(url->path, "/p");
+  EXPECT_EQ(url->query, "q=1");
+}
+
+}  // namespace
+}  // namespace quorvia::platform

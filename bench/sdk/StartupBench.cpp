@@ -1,0 +1,55 @@
+// Start-up cost of initWithAppToken on the platform doubles (virtual main
+// queue, silent log, temporary data directory), beside an empty call.
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Device.h"
+#include "quorvia/platform/Log.h"
+#include "quorvia/platform/RunLoop.h"
+
+namespace {
+
+using namespace quorvia;
+
+void installDoubles() {
+  static bool done = [] {
+    platform::setMainRunLoop(std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual));
+    platform::setLogSink([](std::string_view) {});
+    platform::setSystemVersion("17.0");
+    platform::setDataDirectory(std::filesystem::temp_directory_path() / "quorvia-bench-startup");
+    return true;
+  }();
+  (void)done;
+}
+
+[[gnu::noinline]] void emptyCall(const std::string& token) { benchmark::DoNotOptimize(token.data()); }
+
+void BM_EmptyCall(benchmark::State& state) {
+  const std::string token = "bench-app-token";
+  for (auto _ : state) emptyCall(token);
+}
+
+// The first start-up of the process: creates the shared instance too.
+void BM_FirstStartup(benchmark::State& state) {
+  installDoubles();
+  for (auto _ : state) QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt);
+}
+
+// Every later start-up: what a host pays each time it calls initWithAppToken.
+void BM_Startup(benchmark::State& state) {
+  installDoubles();
+  QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt);
+  for (auto _ : state) {
+    QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt);
+    platform::mainRunLoop().drainOnce();
+  }
+}
+
+}  // namespace
+
+BENCHMARK(BM_FirstStartup)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_EmptyCall)->Repetitions(9)->DisplayAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Startup)->Repetitions(9)->DisplayAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
+BENCHMARK_MAIN();
