@@ -1,0 +1,28 @@
+// A fetch response body: JSON decoding, then poll parsing into the banner.
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "../FuzzSupport.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Error.h"
+#include "quorvia/service/QVModelPoll.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  using namespace quorvia;
+  fuzz::installPlatformDoubles();
+  const auto value = platform::parseJson(std::string_view(reinterpret_cast<const char*>(data), size));
+  if (!value) return 0;
+  (void)platform::describe(*value);
+  try {
+    QuorviaSDK::sharedInstance()->parsePollsReponse(*value);
+  } catch (const platform::Exception&) {
+    // The fetch completion's guard drops these.
+  }
+  platform::mainRunLoop().advance(platform::seconds(1));
+  if (auto self = QuorviaSDK::sharedInstance(); self->presentedPollView()) {
+    self->hideNotificationView(self->presentedPollView());
+    platform::mainRunLoop().advance(platform::seconds(1));
+  }
+  return 0;
+}
