@@ -272,6 +272,9 @@ class SQLiteKeychainStore final : public KeychainStore {
                         " PRAGMA secure_delete=ON;",
                         nullptr, nullptr, nullptr);
     }
+    // A damaged page that the lookups would never reach still makes the whole
+    // file suspect: refuse it once here rather than answer "not found" later.
+    if (rc == SQLITE_OK) rc = quickCheck();
     if (rc == SQLITE_OK) rc = sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr);
     if (rc == SQLITE_OK) rc = prepareStatements();
     if (rc != SQLITE_OK) {
@@ -280,6 +283,16 @@ class SQLiteKeychainStore final : public KeychainStore {
       return status;
     }
     return errSecSuccess;
+  }
+
+  int quickCheck() {
+    Statement check;
+    int rc = check.prepare(db_, "PRAGMA quick_check(1)");
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(check.get());
+    if (rc != SQLITE_ROW) return rc;
+    const auto* verdict = reinterpret_cast<const char*>(sqlite3_column_text(check.get(), 0));
+    return verdict && std::strcmp(verdict, "ok") == 0 ? SQLITE_OK : SQLITE_CORRUPT;
   }
 
   int prepareStatements() {
