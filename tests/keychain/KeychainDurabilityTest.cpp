@@ -31,7 +31,7 @@ using platform::Error;
 using platform::OSStatus;
 
 // A running keychain_helper whose stdout the test reads line by line.
-class Helper {
+class Helper final {
  public:
   explicit Helper(std::vector<std::string> args) {
     args.insert(args.begin(), KEYCHAIN_HELPER_PATH);

@@ -10,7 +10,7 @@
 
 #include "quorvia/keychain/LKKeychain.h"
 #include "quorvia/keychain/LKKeychainQuery.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "quorvia/platform/FaultInjectingKeychainStore.h"
 #include "quorvia/platform/Localization.h"
 #include "support/PlatformTest.h"
 

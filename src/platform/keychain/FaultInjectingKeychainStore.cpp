@@ -1,6 +1,6 @@
-#include <utility>
+#include "quorvia/platform/FaultInjectingKeychainStore.h"
 
-#include "quorvia/platform/KeychainStore.h"
+#include <utility>
 
 namespace quorvia::platform {
 

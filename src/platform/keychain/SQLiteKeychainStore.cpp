@@ -39,7 +39,7 @@ constexpr const char* kColumns =
     "SELECT id, svce, acct, agrp, sync, labl, desc, pdmn, cdat, mdat, data FROM items";
 
 // A prepared statement, reset after each use.
-class Statement {
+class Statement final {
  public:
   Statement() = default;
   Statement(const Statement&) = delete;
@@ -60,7 +60,7 @@ class Statement {
 };
 
 // Resets a statement and clears its bindings when the scope ends.
-class Use {
+class Use final {
  public:
   explicit Use(const Statement& s) : stmt_(s.get()) {}
   Use(const Use&) = delete;
