@@ -1,0 +1,58 @@
+#pragma once
+/// \file
+/// The seam behind the keychain item functions: the store they run against,
+/// installable by the host or a test before the first keychain call, plus the
+/// stores the platform provides (SQLite on disk, in memory).
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/Keychain.h"
+
+namespace quorvia::platform {
+
+/// A generic-password item store answering the four keychain item functions
+/// with their arguments and status codes. Implementations must be safe for
+/// concurrent use from several threads.
+class QUORVIA_EXPORT KeychainStore {
+ public:
+  KeychainStore() = default;
+  KeychainStore(const KeychainStore&) = delete;
+  KeychainStore& operator=(const KeychainStore&) = delete;
+  virtual ~KeychainStore();
+
+  virtual OSStatus add(const Value& attributes, Value* result) = 0;
+  virtual OSStatus update(const Value& query, const Value& attributesToUpdate) = 0;
+  virtual OSStatus remove(const Value& query) = 0;
+  virtual OSStatus copyMatching(const Value& query, Value* result) = 0;
+};
+
+/// Installs the store behind SecItemAdd/Update/Delete/CopyMatching; nullptr
+/// restores the default (the SQLite store in dataDirectory(), opened on first
+/// use). Thread-safe; calls already running finish on the store they started
+/// with, which the process keeps alive until they return.
+QUORVIA_EXPORT void setKeychainStore(std::shared_ptr<KeychainStore> store);
+
+/// The store the item functions use now (creating the default on first call).
+QUORVIA_EXPORT std::shared_ptr<KeychainStore> keychainStore();
+
+/// A store that lives in memory only (for tests); thread-safe.
+QUORVIA_EXPORT std::shared_ptr<KeychainStore> makeInMemoryKeychainStore();
+
+/// The durable store: the SQLite file "keychain.sqlite" in `directory`, which
+/// is created with mode 0700 when missing; the file is created with mode 0600.
+/// Opened lazily on each call until it opens. A file readable or writable by
+/// group or others is refused (errSecNotAvailable, logged); an unreadable one
+/// gives errSecNotAvailable, a corrupt one errSecDecode, on every call; such a
+/// file is never deleted nor written. Each successful add, update or delete is
+/// committed synchronously (write-ahead log, full sync) before it returns, and
+/// several processes may share the file. Thread-safe.
+QUORVIA_EXPORT std::shared_ptr<KeychainStore> makeSQLiteKeychainStore(
+    const std::filesystem::path& directory);
+
+/// The file name of the durable store inside its directory.
+inline constexpr const char* kKeychainStoreFileName = "keychain.sqlite";
+
+}  // namespace quorvia::platform

@@ -1,0 +1,74 @@
+#include "quorvia/platform/Keychain.h"
+
+#include <exception>
+#include <mutex>
+#include <string>
+
+#include "quorvia/platform/Device.h"
+#include "quorvia/platform/KeychainStore.h"
+#include "quorvia/platform/Log.h"
+
+namespace quorvia::platform {
+namespace {
+
+struct Seam {
+  std::mutex mu;
+  std::shared_ptr<KeychainStore> store;
+};
+
+Seam& seam() {
+  static auto* s = new Seam;  // never destroyed: calls may run during exit
+  return *s;
+}
+
+// The store calls stop any exception here, so none reaches the caller. The
+// message names the failure only: it never carries an argument's value.
+template <typename Call>
+OSStatus guarded(const char* function, Call&& call) noexcept {
+  try {
+    return call(*keychainStore());
+  } catch (const std::bad_alloc&) {
+    return errSecAllocate;
+  } catch (const std::exception& e) {
+    try {
+      NSLog(std::string("QuorviaSDK: ") + function + " failed: " + e.what());
+    } catch (...) {
+    }
+    return errSecParam;
+  }
+}
+
+}  // namespace
+
+KeychainStore::~KeychainStore() = default;
+
+void setKeychainStore(std::shared_ptr<KeychainStore> store) {
+  std::lock_guard lock(seam().mu);
+  seam().store = std::move(store);
+}
+
+std::shared_ptr<KeychainStore> keychainStore() {
+  std::lock_guard lock(seam().mu);
+  if (!seam().store) seam().store = makeSQLiteKeychainStore(dataDirectory());
+  return seam().store;
+}
+
+OSStatus SecItemAdd(const Value& attributes, Value* result) {
+  return guarded("SecItemAdd", [&](KeychainStore& s) { return s.add(attributes, result); });
+}
+
+OSStatus SecItemUpdate(const Value& query, const Value& attributesToUpdate) {
+  return guarded("SecItemUpdate",
+                 [&](KeychainStore& s) { return s.update(query, attributesToUpdate); });
+}
+
+OSStatus SecItemDelete(const Value& query) {
+  return guarded("SecItemDelete", [&](KeychainStore& s) { return s.remove(query); });
+}
+
+OSStatus SecItemCopyMatching(const Value& query, Value* result) {
+  return guarded("SecItemCopyMatching",
+                 [&](KeychainStore& s) { return s.copyMatching(query, result); });
+}
+
+}  // namespace quorvia::platform
