@@ -18,9 +18,9 @@ using platform::Object;
 // handlers and empty(), whose implementations swizzle() copies into the
 // delegate's class. Created once, never freed.
 Class* libraryClass() {
-  static Class* const cls = [] {
-    auto* owner = new std::shared_ptr<Class>(Class::create("QuorviaSDK"));
-    Class* c = owner->get();
+  static const std::shared_ptr<Class>* const owner = [] {
+    auto* created = new std::shared_ptr<Class>(Class::create("QuorviaSDK"));
+    Class* c = created->get();
     platform::class_addMethod(
         c, detail::kYpDidRegisterForRemoteNotificationsSelector,
         [](Object& self, const MessageArguments& a) {
@@ -55,16 +55,16 @@ Class* libraryClass() {
     platform::class_addMethod(
         c, detail::kYpHandleActionWithResponseInfoSelector,
         [](Object& self, const MessageArguments& a) {
-          QuorviaSDK::yp_application(self, a.application, a.identifier, a.userInfo,
-                                     a.responseInfo, a.completionHandler);
+          QuorviaSDK::yp_application(self, a.application, a.identifier, a.userInfo, a.responseInfo,
+                                     a.completionHandler);
         },
         platform::kFourObjectsAndBlockTypeEncoding);
     platform::class_addMethod(
         c, detail::kEmptySelector, [](Object&, const MessageArguments&) {},
         platform::kNoArgumentsTypeEncoding);
-    return c;
+    return created;
   }();
-  return cls;
+  return owner->get();
 }
 
 }  // namespace
@@ -88,9 +88,9 @@ void QuorviaSDK::swizzleMethodForClass(Class* cls, std::string_view originalSele
 
   // Succeeds only when the class itself lacks the callback; an inherited one
   // counts as missing.
-  const bool didAddMethod =
-      platform::class_addMethod(cls, originalSelector, platform::method_getImplementation(swizzledMethod),
-                                platform::method_getTypeEncoding(swizzledMethod));
+  const bool didAddMethod = platform::class_addMethod(
+      cls, originalSelector, platform::method_getImplementation(swizzledMethod),
+      platform::method_getTypeEncoding(swizzledMethod));
   if (didAddMethod) {
     platform::class_replaceMethod(cls, swizzledSelector,
                                   platform::method_getImplementation(emptyMethod),

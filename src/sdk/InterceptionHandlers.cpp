@@ -130,8 +130,8 @@ void QuorviaSDK::yp_application(platform::Object& self, platform::Application* a
     return;
   }
   // The reply decides when the completion runs; the host gets it as well.
-  shared->sendReplyWithIdentifier(handleActionWithIdentifier,
-                                  payloadOrNil(forRemoteNotification), completion);
+  shared->sendReplyWithIdentifier(handleActionWithIdentifier, payloadOrNil(forRemoteNotification),
+                                  completion);
   MessageArguments callThrough;
   callThrough.application = application;
   callThrough.identifier = handleActionWithIdentifier;

@@ -57,7 +57,8 @@ platform::MessageArguments HostDelegateTest::argumentsFor(std::string_view selec
     arguments.identifier = "Yes";
     arguments.userInfo = pollPayload_;
     if (selector == platform::kHandleActionWithResponseInfoSelector) {
-      arguments.responseInfo = platform::Value{{"UIUserNotificationActionResponseTypedTextKey", "hi"}};
+      arguments.responseInfo =
+          platform::Value{{"UIUserNotificationActionResponseTypedTextKey", "hi"}};
     }
     arguments.completionHandler = [count = actionCompletions_] { ++*count; };
   }

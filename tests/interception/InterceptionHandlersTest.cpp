@@ -41,9 +41,9 @@ struct CompletionCase {
 };
 
 // One process per row: each needs fresh process-wide interception state.
-class LibraryCompletesOnlyWhatTheHostCannot
-    : public InterceptionHandlersTest,
-      public ::testing::WithParamInterface<CompletionCase> {};
+class LibraryCompletesOnlyWhatTheHostCannot : public InterceptionHandlersTest,
+                                              public ::testing::WithParamInterface<CompletionCase> {
+};
 
 TEST_P(LibraryCompletesOnlyWhatTheHostCannot, AfterTheCallThrough) {
   const CompletionCase& c = GetParam();
@@ -58,22 +58,28 @@ TEST_P(LibraryCompletesOnlyWhatTheHostCannot, AfterTheCallThrough) {
 INSTANTIATE_TEST_SUITE_P(
     Callbacks, LibraryCompletesOnlyWhatTheHostCannot,
     ::testing::Values(
-        CompletionCase{"FetchWithoutHost", platform::kDidReceiveRemoteNotificationFetchSelector,
-                       false, {platform::UIBackgroundFetchResultNewData}, 0},
-        CompletionCase{"FetchWithHost", platform::kDidReceiveRemoteNotificationFetchSelector, true,
-                       {}, 0},
+        CompletionCase{"FetchWithoutHost",
+                       platform::kDidReceiveRemoteNotificationFetchSelector,
+                       false,
+                       {platform::UIBackgroundFetchResultNewData},
+                       0},
+        CompletionCase{
+            "FetchWithHost", platform::kDidReceiveRemoteNotificationFetchSelector, true, {}, 0},
         CompletionCase{"ActionWithoutHost", platform::kHandleActionSelector, false, {}, 1},
         CompletionCase{"ActionWithHost", platform::kHandleActionSelector, true, {}, 0},
         // "Yes" is a reply: its completion is the reply's to call, never the handler's.
-        CompletionCase{"ResponseInfoWithoutHost", platform::kHandleActionWithResponseInfoSelector,
-                       false, {}, 0},
-        CompletionCase{"ResponseInfoWithHost", platform::kHandleActionWithResponseInfoSelector,
-                       true, {}, 0}),
+        CompletionCase{"ResponseInfoWithoutHost",
+                       platform::kHandleActionWithResponseInfoSelector,
+                       false,
+                       {},
+                       0},
+        CompletionCase{
+            "ResponseInfoWithHost", platform::kHandleActionWithResponseInfoSelector, true, {}, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(InterceptionHandlersTest, HostReceivesTheCompletionAndCompletesOnce) {
-  startWithHost({platform::kDidReceiveRemoteNotificationFetchSelector,
-                 platform::kHandleActionSelector});
+  startWithHost(
+      {platform::kDidReceiveRemoteNotificationFetchSelector, platform::kHandleActionSelector});
   deliver(platform::kDidReceiveRemoteNotificationFetchSelector);
   deliver(platform::kHandleActionSelector);
   EXPECT_TRUE(fetchCompletions_->empty());

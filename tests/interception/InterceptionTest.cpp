@@ -49,7 +49,8 @@ void start(bool swizzling = true) {
 class InterceptionTest : public HostDelegateTest {};
 
 TEST_F(InterceptionTest, OnlyTheTokenCallbackImplementedRunsLibraryThenHostAndAddsTheRest) {
-  auto cls = makeDelegateClass("HostAppDelegate", {platform::kDidRegisterForRemoteNotificationsSelector});
+  auto cls =
+      makeDelegateClass("HostAppDelegate", {platform::kDidRegisterForRemoteNotificationsSelector});
   installDelegate(cls);
   start();
 
@@ -79,11 +80,11 @@ TEST_F(InterceptionTest, OnlyTheTokenCallbackImplementedRunsLibraryThenHostAndAd
 }
 
 TEST_F(InterceptionTest, InheritedOnlyImplementationCountsAsMissing) {
-  auto base = makeDelegateClass("HostBaseDelegate",
-                                {platform::kDidRegisterForRemoteNotificationsSelector,
-                                 platform::kDidReceiveRemoteNotificationFetchSelector});
-  auto derived = makeDelegateClass("HostAppDelegate",
-                                   {platform::kDidFailToRegisterForRemoteNotificationsSelector}, base);
+  auto base =
+      makeDelegateClass("HostBaseDelegate", {platform::kDidRegisterForRemoteNotificationsSelector,
+                                             platform::kDidReceiveRemoteNotificationFetchSelector});
+  auto derived = makeDelegateClass(
+      "HostAppDelegate", {platform::kDidFailToRegisterForRemoteNotificationsSelector}, base);
   installDelegate(derived);
   start();
 
@@ -136,9 +137,9 @@ TEST_F(InterceptionTest, SecondStartUpInstallsNothingTwice) {
 }
 
 TEST_F(InterceptionTest, SwizzlingOffLeavesTheClassUntouched) {
-  auto cls = makeDelegateClass("HostAppDelegate",
-                               {platform::kDidRegisterForRemoteNotificationsSelector,
-                                platform::kDidReceiveRemoteNotificationFetchSelector});
+  auto cls =
+      makeDelegateClass("HostAppDelegate", {platform::kDidRegisterForRemoteNotificationsSelector,
+                                            platform::kDidReceiveRemoteNotificationFetchSelector});
   installDelegate(cls);
   const auto methodsBefore = platform::class_copyMethodList(cls.get());
   start(/*swizzling=*/false);
@@ -159,8 +160,8 @@ TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpIsIntercepted) {
     std::string name;
     bool delegateAtStartUp;
   };
-  for (const Case& c : std::vector<Case>{{"NoDelegateAtStartUp", false},
-                                         {"DelegateReplacedAfterStartUp", true}}) {
+  for (const Case& c :
+       std::vector<Case>{{"NoDelegateAtStartUp", false}, {"DelegateReplacedAfterStartUp", true}}) {
     SCOPED_TRACE(c.name);
     if (c.delegateAtStartUp) {
       installDelegate(makeDelegateClass("FirstDelegate", {}));
@@ -190,8 +191,8 @@ TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpIsIntercepted) {
 TEST_F(InterceptionTest, CompletionNeverReachesThePlatformTwice) {
   installDelegate(makeDelegateClass("FirstDelegate", {}));
   start();
-  installDelegate(makeDelegateClass("HostAppDelegate", allCallbacks(), nullptr,
-                                    HostCompletion::kAtOnce));
+  installDelegate(
+      makeDelegateClass("HostAppDelegate", allCallbacks(), nullptr, HostCompletion::kAtOnce));
   start();
 
   deliver(platform::kDidReceiveRemoteNotificationFetchSelector);

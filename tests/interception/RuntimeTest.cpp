@@ -2,7 +2,9 @@
 // on the class's own method, replace that always succeeds.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "quorvia/platform/Runtime.h"
@@ -89,8 +91,8 @@ TEST(RuntimeTest, ReplaceAlwaysSucceedsOnTheClassItself) {
     std::string selector;
     bool hadOwnMethod;
   };
-  for (const Case& c : std::vector<Case>{
-           {"inherited", false}, {"overridden", true}, {"missing", false}}) {
+  for (const Case& c :
+       std::vector<Case>{{"inherited", false}, {"overridden", true}, {"missing", false}}) {
     SCOPED_TRACE(c.selector);
     Hierarchy h;
     IMP previous = class_replaceMethod(h.derived.get(), c.selector, tagging(h.ran, "replaced"),
@@ -116,8 +118,10 @@ TEST(RuntimeTest, MethodHandleSeesReplacementInPlace) {
 
 TEST(RuntimeTest, NullClassAndMethodChangeNothing) {
   EXPECT_EQ(class_getInstanceMethod(nullptr, "x"), nullptr);
-  EXPECT_FALSE(class_addMethod(nullptr, "x", [](Object&, const MessageArguments&) {}, "v16@0:8"));
-  EXPECT_FALSE(class_replaceMethod(nullptr, "x", [](Object&, const MessageArguments&) {}, "v"));
+  EXPECT_FALSE(class_addMethod(
+      nullptr, "x", [](Object&, const MessageArguments&) {}, "v16@0:8"));
+  EXPECT_FALSE(class_replaceMethod(
+      nullptr, "x", [](Object&, const MessageArguments&) {}, "v"));
   EXPECT_TRUE(class_copyMethodList(nullptr).empty());
   EXPECT_FALSE(static_cast<bool>(method_getImplementation(nullptr)));
   EXPECT_EQ(method_getTypeEncoding(nullptr), "");
@@ -145,6 +149,27 @@ TEST(RuntimeTest, ImplementationReceivesItsReceiverAndArguments) {
   EXPECT_EQ(seenSelf, &object);
   EXPECT_EQ(seenIdentifier, "Yes");
   EXPECT_EQ(object_getClass(&object), cls.get());
+}
+
+TEST(RuntimeTest, SendingWhileAClassChangesRunsOneWholeImplementation) {
+  constexpr int kSends = 2000;
+  auto cls = Class::create("Busy");
+  std::atomic<int> oldRuns{0};
+  std::atomic<int> newRuns{0};
+  class_addMethod(
+      cls.get(), "tick", [&](Object&, const MessageArguments&) { ++oldRuns; }, "v16@0:8");
+  Object object(cls);
+  std::thread sender([&] {
+    for (int i = 0; i < kSends; ++i) EXPECT_TRUE(object.send("tick"));
+  });
+  for (int i = 0; i < kSends; ++i) {
+    class_replaceMethod(
+        cls.get(), "tick", [&](Object&, const MessageArguments&) { ++newRuns; }, "v16@0:8");
+    class_addMethod(cls.get(), "extra" + std::to_string(i), nullptr, "v16@0:8");
+  }
+  sender.join();
+  EXPECT_EQ(oldRuns + newRuns, kSends);
+  EXPECT_EQ(class_copyMethodList(cls.get()).size(), static_cast<std::size_t>(kSends) + 1);
 }
 
 }  // namespace

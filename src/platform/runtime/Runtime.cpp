@@ -9,9 +9,7 @@ namespace quorvia::platform {
 class Method final {
  public:
   Method(std::string selector, IMP implementation, std::string typeEncoding)
-      : name(std::move(selector)),
-        imp(std::move(implementation)),
-        types(std::move(typeEncoding)) {}
+      : name(std::move(selector)), imp(std::move(implementation)), types(std::move(typeEncoding)) {}
 
   const std::string name;
   // Both guarded by runtimeMutex().
@@ -122,9 +120,7 @@ std::vector<std::string> class_copyMethodList(const Class* cls) {
   return names;
 }
 
-std::string method_getName(const Method* method) {
-  return method ? method->name : std::string();
-}
+std::string method_getName(const Method* method) { return method ? method->name : std::string(); }
 
 IMP method_getImplementation(const Method* method) {
   if (!method) return {};
@@ -138,8 +134,6 @@ std::string method_getTypeEncoding(const Method* method) {
   return method->types;
 }
 
-Class* object_getClass(const Object* object) {
-  return object ? object->getClass().get() : nullptr;
-}
+Class* object_getClass(const Object* object) { return object ? object->getClass().get() : nullptr; }
 
 }  // namespace quorvia::platform
