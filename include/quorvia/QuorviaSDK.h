@@ -173,7 +173,8 @@ class QUORVIA_EXPORT QuorviaSDK final : public QVNotificationViewDelegate,
                              const std::optional<std::string>& handleActionWithIdentifier,
                              const std::optional<platform::Value>& forRemoteNotification,
                              CompletionHandler completionHandler);
-  /// application:handleActionWithIdentifier:forRemoteNotification:withResponseInfo:completionHandler:
+  /// application:handleActionWithIdentifier:forRemoteNotification:
+  /// withResponseInfo:completionHandler:
   /// The default action (the notification itself was opened) presents the
   /// poll expanded, completes only when the host's class lacked the callback,
   /// and does not call the host. Any other identifier is sent as a reply that

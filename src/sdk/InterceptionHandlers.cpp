@@ -1,5 +1,7 @@
 // The library's handlers of the six intercepted application-delegate
-// callbacks. They run with the host's delegate as `self`.
+// callbacks. They run with the host's delegate as `self`. A failure in the
+// library's part is dropped at this boundary so that the host's own
+// implementation is still called.
 
 #include <atomic>
 #include <memory>
@@ -50,8 +52,10 @@ const Value& payloadOrNil(const std::optional<Value>& payload) {
 void QuorviaSDK::yp_application(
     platform::Object& self, platform::Application* application,
     const std::optional<platform::Bytes>& didRegisterForRemoteNotificationsWithDeviceToken) {
-  log("Received device push token from iOS.");
-  setDeviceToken(didRegisterForRemoteNotificationsWithDeviceToken);
+  platform::runDroppingExceptions("Device token", [&] {
+    log("Received device push token from iOS.");
+    setDeviceToken(didRegisterForRemoteNotificationsWithDeviceToken);
+  });
   MessageArguments callThrough;
   callThrough.application = application;
   callThrough.deviceToken = didRegisterForRemoteNotificationsWithDeviceToken;
@@ -99,8 +103,10 @@ void QuorviaSDK::yp_application(platform::Object& self, platform::Application* a
                                 const std::optional<Value>& forRemoteNotification,
                                 CompletionHandler completionHandler) {
   auto completion = completingOnce(std::move(completionHandler));
-  QuorviaSDK::handleActionWithIdentifier(handleActionWithIdentifier,
-                                         payloadOrNil(forRemoteNotification));
+  platform::runDroppingExceptions("Notification action", [&] {
+    QuorviaSDK::handleActionWithIdentifier(handleActionWithIdentifier,
+                                           payloadOrNil(forRemoteNotification));
+  });
   MessageArguments callThrough;
   callThrough.application = application;
   callThrough.identifier = handleActionWithIdentifier;
@@ -124,14 +130,17 @@ void QuorviaSDK::yp_application(platform::Object& self, platform::Application* a
       auto view = shared->presentPollWithPollDict(poll);
       shared->showOptionsForNotificationView(view);
     });
-    // Deliberately the host is not called here, and when it implements this
-    // callback nobody completes it; hosts written for this SDK rely on that.
+    // Deliberately asymmetric with the reply branch: the host is not called,
+    // and when it implements this callback nobody completes it. Hosts already
+    // integrated depend on this; keep it.
     if (completion && hostLacks(platform::kHandleActionWithResponseInfoSelector)) completion();
     return;
   }
   // The reply decides when the completion runs; the host gets it as well.
-  shared->sendReplyWithIdentifier(handleActionWithIdentifier, payloadOrNil(forRemoteNotification),
-                                  completion);
+  platform::runDroppingExceptions("Notification action", [&] {
+    shared->sendReplyWithIdentifier(handleActionWithIdentifier, payloadOrNil(forRemoteNotification),
+                                    completion);
+  });
   MessageArguments callThrough;
   callThrough.application = application;
   callThrough.identifier = handleActionWithIdentifier;
