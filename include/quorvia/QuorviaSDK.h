@@ -19,10 +19,17 @@
 #include <string_view>
 
 #include "quorvia/export.h"
+#include "quorvia/platform/Error.h"
 #include "quorvia/platform/Value.h"
 #include "quorvia/ui/QVNotificationViewDelegate.h"
 
 namespace quorvia {
+
+namespace platform {
+class Application;
+class Class;
+class Object;
+}  // namespace platform
 
 class QVNotificationView;
 
@@ -109,10 +116,74 @@ class QUORVIA_EXPORT QuorviaSDK final : public QVNotificationViewDelegate,
                                 const std::optional<platform::Value>& launchOptions,
                                 bool swizzling);
 
-  /// Intercepts the application delegate's six push callbacks.
+  /// Intercepts the six push callbacks of the class of the application's
+  /// current delegate (not its superclasses, not a later delegate): each runs
+  /// the library's handler first, then the host's own implementation, or
+  /// nothing when the host's class lacked it (recorded in addedMethods()).
+  /// Running it again installs nothing twice. No delegate: nothing happens.
+  /// Main thread, before the platform delivers any of the callbacks.
   void swizzle();
+  /// Installs one callback: `originalSelector` of `cls` will run the library's
+  /// method `swizzledSelector`, and sending `swizzledSelector` to the delegate
+  /// reaches the host's own implementation, or empty() when `cls` itself had
+  /// none (then addedMethods() gets `originalSelector` -> true). A null `cls`
+  /// changes nothing. Main thread.
+  void swizzleMethodForClass(platform::Class* cls, std::string_view originalSelector,
+                             std::string_view swizzledSelector);
   /// The do-nothing operation that stands in for a callback the host lacks.
   void empty() {}
+
+  /// A remote-notification fetch completion, taking a fetch result.
+  using FetchCompletionHandler = std::function<void(int fetchResult)>;
+
+  // ---- The library's interception handlers ----
+  //
+  // The implementations that swizzle() places into the delegate's class under
+  // the platform callbacks' names. The platform calls them on the main thread
+  // with the host's delegate as `self`, never the shared instance; they reach
+  // library state only through the class operations and sharedInstance(). Each
+  // does the library's work, then sends the matching "yp_" message to `self`
+  // with the same arguments (the host's own code, or empty()). A completion
+  // handler is called by the library at most once, and only where the host's
+  // class had no implementation of its own.
+
+  /// application:didRegisterForRemoteNotificationsWithDeviceToken: logs the
+  /// token's arrival and registers it with setDeviceToken().
+  static void yp_application(platform::Object& self, platform::Application* application,
+                             const std::optional<platform::Bytes>&
+                                 didRegisterForRemoteNotificationsWithDeviceToken);
+  /// application:didFailToRegisterForRemoteNotificationsWithError: logs a
+  /// fixed hint (not the error).
+  static void yp_application(
+      platform::Object& self, platform::Application* application,
+      const std::optional<platform::Error>& didFailToRegisterForRemoteNotificationsWithError);
+  /// application:didReceiveRemoteNotification: hands the payload to
+  /// handleRemoteNotification().
+  static void yp_application(platform::Object& self, platform::Application* application,
+                             const std::optional<platform::Value>& didReceiveRemoteNotification);
+  /// application:didReceiveRemoteNotification:fetchCompletionHandler: as
+  /// above; completes with new data when the host's class lacked the callback.
+  static void yp_application(platform::Object& self, platform::Application* application,
+                             const std::optional<platform::Value>& didReceiveRemoteNotification,
+                             FetchCompletionHandler fetchCompletionHandler);
+  /// application:handleActionWithIdentifier:forRemoteNotification:completionHandler:
+  /// replies through handleActionWithIdentifier(); completes when the host's
+  /// class lacked the callback.
+  static void yp_application(platform::Object& self, platform::Application* application,
+                             const std::optional<std::string>& handleActionWithIdentifier,
+                             const std::optional<platform::Value>& forRemoteNotification,
+                             CompletionHandler completionHandler);
+  /// application:handleActionWithIdentifier:forRemoteNotification:
+  /// withResponseInfo:completionHandler:
+  /// The default action (the notification itself was opened) presents the
+  /// poll expanded, completes only when the host's class lacked the callback,
+  /// and does not call the host. Any other identifier is sent as a reply that
+  /// carries the completion handler, then the host is called.
+  static void yp_application(platform::Object& self, platform::Application* application,
+                             const std::optional<std::string>& handleActionWithIdentifier,
+                             const std::optional<platform::Value>& forRemoteNotification,
+                             const std::optional<platform::Value>& withResponseInfo,
+                             CompletionHandler completionHandler);
 
   /// Observer of the app becoming active: fetches polls.
   void appDidBecomeActive();

@@ -24,7 +24,6 @@ struct ReplyCall {
 };
 
 struct CallTrace {
-  std::atomic<int> swizzle{0};
   std::atomic<int> fetchPolls{0};
   std::atomic<int> presentPoll{0};
   std::atomic<int> showOptions{0};

@@ -6,6 +6,8 @@
 #include "quorvia/CategoriesManager.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "quorvia/platform/Runtime.h"
 #include "quorvia/platform/Device.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "sdk/CallTrace.h"
@@ -82,14 +84,18 @@ TEST_F(StartupTest, DebugOffSilencesEveryGatedLine) {
 }
 
 TEST_F(StartupTest, SwizzlingChoiceDecidesInterception) {
+  // A host delegate implementing none of the six callbacks.
+  app().setDelegate(std::make_shared<platform::Object>(platform::Class::create("HostDelegate")));
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  EXPECT_EQ(trace().swizzle, 0);
+  EXPECT_TRUE(QuorviaSDK::sharedInstance()->addedMethods().empty());
+  EXPECT_FALSE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
   EXPECT_TRUE(log_.contains(
       "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."));
   QuorviaSDK::initWithAppToken("A", std::nullopt);  // the two-argument form means swizzling on
-  EXPECT_EQ(trace().swizzle, 1);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods().size(), 6u);
+  EXPECT_TRUE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
   QuorviaSDK::initWithAppToken("B", std::nullopt, true);
-  EXPECT_EQ(trace().swizzle, 2);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods().size(), 6u);
   EXPECT_EQ(QuorviaSDK::currentAppToken(), "B") << "a second start-up replaces the token";
 }
 
