@@ -64,6 +64,7 @@ TEST_F(DevServerTest, BadRequestsGetJsonErrorsAndTheServerCarriesOn) {
       {"registration without push_token", "POST", "/endpoints/", "app_token=A&platform=ios", 400},
       {"registration without app_token", "POST", "/endpoints/", "push_token=bb&platform=ios", 400},
       {"registration with an empty body", "POST", "/endpoints/", "", 400},
+      {"push token not UTF-8", "POST", "/endpoints/", "push_token=\xff\xfe&app_token=A", 400},
       {"user info without user_info", "POST", "/me", "name=A", 400},
       {"reply poll id not a number", "POST", "/polls/abc/replies/", "reply_text=Y", 404},
       {"admin poll_id not a number", "GET", "/admin/replies?poll_id=1x", "", 400},

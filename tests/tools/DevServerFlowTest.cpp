@@ -116,6 +116,7 @@ TEST_F(DevServerTest, EndpointsTakeTheBodiesAndPathsTheSdkSends) {
       {"user info path with a slash", "POST", "/me/", "user_info=" + userInfo, 200},
       {"reply holding '&' and '='", "POST", pollPath + "/replies/", "reply_text=Rock & Roll = ok", 201},
       {"reply path without a slash", "POST", pollPath + "/replies", "reply_text=Yes", 201},
+      {"reply not UTF-8", "POST", pollPath + "/replies/", "reply_text=\xc3", 201},
       {"reply to a poll without an id", "POST", "/polls/(null)/replies/", "reply_text=Yes", 404},
       {"reply to an unknown poll", "POST", "/polls/999/replies/", "reply_text=Yes", 404},
       {"reply without reply_text", "POST", pollPath + "/replies/", "", 400},
@@ -136,9 +137,10 @@ TEST_F(DevServerTest, EndpointsTakeTheBodiesAndPathsTheSdkSends) {
   EXPECT_EQ(devices[0]["push_token"], "00ff");
   EXPECT_EQ(devices[0]["user_info"], userInfo);
   json replies = adminGet("/admin/replies")["replies"];
-  ASSERT_EQ(replies.size(), 2u);
+  ASSERT_EQ(replies.size(), 3u);
   EXPECT_EQ(replies[0]["reply_text"], "Rock & Roll = ok");
   EXPECT_EQ(replies[1]["reply_text"], "Yes");
+  EXPECT_EQ(replies[2]["reply_text"], "\xef\xbf\xbd");  // stored as sent, listed as U+FFFD
 }
 
 TEST_F(DevServerTest, RegisteringAgainKeepsOneDeviceAndItsReplies) {

@@ -24,6 +24,16 @@ json pollJson(const PollRecord& poll) {
   return json{{"id", poll.id}, {"question", poll.question}, {"options", std::move(options)}};
 }
 
+// Tokens carry these texts in their JSON claims, which must be UTF-8 to match them again later.
+bool isUtf8(const std::string& text) {
+  try {
+    (void)json(text).dump();
+    return true;
+  } catch (const json::exception&) {
+    return false;
+  }
+}
+
 std::optional<int64_t> parseId(std::string_view text) {
   int64_t id = 0;
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), id);
@@ -73,6 +83,10 @@ void registerDevice(const httplib::Request& request, httplib::Response& response
   }
   if (appToken == form.end() || appToken->second.empty()) {
     sendError(response, 400, "missing app_token");
+    return;
+  }
+  if (!isUtf8(pushToken->second) || !isUtf8(appToken->second)) {
+    sendError(response, 400, "push_token and app_token must be UTF-8 text");
     return;
   }
   std::string platform = form.contains("platform") ? form["platform"] : "";

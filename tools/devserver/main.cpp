@@ -100,17 +100,16 @@ int main(int argc, char** argv) {
   std::printf("listening on http://%s:%d\n", host.c_str(), boundPort);
   std::fflush(stdout);
 
+  // The waiter lives until main wakes it with SIGUSR1 after run() returned, so that signal
+  // always finds it; a second SIGINT while stopping is harmless.
   std::thread waiter([&server, &signals] {
-    int received = 0;
-    sigwait(&signals, &received);
-    if (received != SIGUSR1) {
+    for (int received = 0; sigwait(&signals, &received) == 0 && received != SIGUSR1;) {
       std::printf("quorvia-devserver: shutting down\n");
       std::fflush(stdout);
       server->stop();
     }
   });
   bool served = server->run();
-  // Wakes the waiter when run() ended by itself rather than on a signal.
   pthread_kill(waiter.native_handle(), SIGUSR1);
   waiter.join();
   std::printf("quorvia-devserver: stopped\n");
