@@ -1,0 +1,20 @@
+#pragma once
+
+#include <httplib.h>
+
+#include "AccessToken.h"
+#include "PollStore.h"
+
+namespace quorvia::devserver {
+
+// The four endpoints the SDK calls, taking bodies exactly as the SDK writes them:
+//   POST /endpoints/               push_token, app_token, platform  -> {"access_token": ...}
+//   POST /me                       user_info (authorised)           -> {"status": "ok"}
+//   POST /polls/<id>/replies/      reply_text (authorised)          -> the stored reply
+//   GET  /apps/<app token>/polls/  (authorised)                     -> {"results": [poll...]}
+// Each path is accepted with and without its trailing slash. Calls that need a device answer
+// 401 {"error": ...} without a valid "Authorization: JWT <token>" header.
+// `store` and `tokens` must outlive `server`.
+void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens);
+
+}  // namespace quorvia::devserver
