@@ -195,8 +195,9 @@ struct URLCache::State {
                       static_cast<int>(response.response.url.size()), SQLITE_TRANSIENT);
     sqlite3_bind_text(insert.get(), 4, headers.data(), static_cast<int>(headers.size()),
                       SQLITE_TRANSIENT);
-    sqlite3_bind_blob64(insert.get(), 5, response.data.data(), response.data.size(),
-                        SQLITE_TRANSIENT);
+    static const std::uint8_t kNoBytes = 0;  // an empty blob, not NULL
+    sqlite3_bind_blob64(insert.get(), 5, response.data.empty() ? &kNoBytes : response.data.data(),
+                        response.data.size(), SQLITE_TRANSIENT);
     sqlite3_bind_int64(insert.get(), 6, static_cast<sqlite3_int64>(size));
     sqlite3_bind_int64(insert.get(), 7, ++accessCounter);
     if (sqlite3_step(insert.get()) != SQLITE_DONE) {
