@@ -29,6 +29,7 @@ class LoopbackServer {
     server_.set_tcp_nodelay(true);
     // One worker per kept-alive connection, so 16 in flight never queue.
     server_.new_task_queue = [] { return new httplib::ThreadPool(32); };
+    server_.set_keep_alive_max_count(1000000);
     server_.Get("/json", [](const httplib::Request&, httplib::Response& res) {
       res.set_content(kBody, "application/json");
     });
@@ -164,9 +165,12 @@ class SideBySideReporter final : public benchmark::ConsoleReporter {
   }
 
   void Summarise() const {
-    auto time = [&](const std::string& prefix) {
+    auto time = [&](const std::string& prefix, const std::string& suffix = "") {
       for (const auto& [name, value] : times_) {
-        if (name.rfind(prefix, 0) == 0) return value;
+        if (name.rfind(prefix, 0) == 0 && name.size() >= suffix.size() &&
+            name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+          return value;
+        }
       }
       return 0.0;
     };
@@ -178,7 +182,7 @@ class SideBySideReporter final : public benchmark::ConsoleReporter {
       std::printf("16 in flight: %.0f requests/s (target >= 10000)\n", rate);
     }
     std::printf("cached hit median: %.2f us (target < 5)\n",
-                time("BM_GetJsonCachedHit_median") / 1e3);
+                time("BM_GetJsonCachedHit", "_median") / 1e3);
   }
 
  private:
