@@ -1,0 +1,24 @@
+#pragma once
+/// \file
+/// Decoded images (UIImage imageWithData:).
+
+#include <memory>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/Value.h"
+
+namespace quorvia::platform {
+
+/// An image decoded to 8-bit RGBA pixels, rows top to bottom. Immutable once
+/// made; shared by reference.
+struct QUORVIA_EXPORT Image {
+  int width = 0;
+  int height = 0;
+  Bytes rgba;  ///< width * height * 4 bytes
+};
+
+/// The image encoded in `data` (PNG, JPEG, GIF, BMP...), or nullptr (nil)
+/// when the bytes do not decode. Thread-safe.
+QUORVIA_EXPORT std::shared_ptr<Image> imageWithData(const Bytes& data);
+
+}  // namespace quorvia::platform
