@@ -11,6 +11,7 @@
 /// be called from any thread.
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -107,6 +108,10 @@ class QUORVIA_EXPORT QuorviaSDK final : public QVNotificationViewDelegate,
   /// The token of the most recent start-up that passed the release gate, or
   /// nil before one (the process-wide token, not the appToken property).
   static std::optional<std::string> currentAppToken();
+
+  /// The background task of the reply in flight, or 0 (the platform's
+  /// invalid identifier) when none is tracked. Main thread.
+  static std::uint64_t currentReplyBackgroundTask();
 
   // ---- Instance operations ----
 

@@ -2,8 +2,27 @@
 
 #include "quorvia/platform/Application.h"
 #include "sdk/CallTrace.h"
+#include "support/FakeTransport.h"
 
 namespace quorvia::testing {
+
+void HostDelegateTest::SetUp() {
+  PlatformTest::SetUp();
+  transport_ = FakeTransport::install();
+}
+
+std::vector<std::size_t> HostDelegateTest::requestsTo(const std::string& part) const {
+  std::vector<std::size_t> indexes;
+  const auto lines = transport_->requestLines();
+  for (std::size_t i = 0; i < lines.size(); ++i)
+    if (lines[i].find(part) != std::string::npos) indexes.push_back(i);
+  return indexes;
+}
+
+void HostDelegateTest::answerAll(const std::string& body) {
+  for (; answered_ < transport_->requestCount(); ++answered_) transport_->respond(answered_, 200, body);
+  drain();
+}
 
 std::shared_ptr<platform::Class> HostDelegateTest::makeDelegateClass(
     const std::string& name, const std::vector<std::string_view>& implemented,
@@ -11,15 +30,10 @@ std::shared_ptr<platform::Class> HostDelegateTest::makeDelegateClass(
   auto cls = platform::Class::create(name, std::move(superclass));
   for (std::string_view selector : implemented) {
     auto calls = hostCalls_;
-    platform::IMP imp = [calls, name, selector = std::string(selector), completion](
+    platform::IMP imp = [this, calls, name, selector = std::string(selector), completion](
                             platform::Object&, const platform::MessageArguments& arguments) {
-      auto& trace = detail::callTrace();
-      HostCall call{name, selector, arguments, 0, 0, trace.presentPoll.load()};
-      {
-        std::lock_guard lock(trace.mu);
-        call.deviceTokensBefore = trace.deviceTokens.size();
-        call.repliesBefore = trace.replies.size();
-      }
+      HostCall call{name, selector, arguments, registrationCount(), replyCount(),
+                    detail::callTrace().presentPoll.load()};
       calls->push_back(std::move(call));
       if (completion == HostCompletion::kAtOnce) {
         if (arguments.fetchCompletionHandler) arguments.fetchCompletionHandler(1);

@@ -11,6 +11,7 @@
 
 #include "quorvia/platform/ApplicationDelegate.h"
 #include "quorvia/platform/Runtime.h"
+#include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {
@@ -40,6 +41,14 @@ inline const std::vector<std::string_view>& allCallbacks() {
 
 class HostDelegateTest : public PlatformTest {
  protected:
+  void SetUp() override;
+  /// Indexes of the recorded requests whose path contains `part`.
+  std::vector<std::size_t> requestsTo(const std::string& part) const;
+  std::size_t replyCount() const { return requestsTo("/replies/").size(); }
+  std::size_t registrationCount() const { return requestsTo("/endpoints/").size(); }
+  /// Answers every pending request with 200 and `body`, then runs the main queue.
+  void answerAll(const std::string& body = "{}");
+
   /// Host behaviour of an implemented callback that carries a completion.
   enum class HostCompletion { kNever, kAtOnce };
 
@@ -68,6 +77,8 @@ class HostDelegateTest : public PlatformTest {
   platform::Value pollPayload_ = platform::Value::parse(
       R"({"aps":{"alert":"Do you like it?"},"poll":{"id":7,"question":"Do you like it?"}})");
   platform::Bytes token_ = {0x00, 0x01, 0xab, 0xff, 0x10};
+  std::shared_ptr<FakeTransport> transport_;
+  std::size_t answered_ = 0;
 };
 
 }  // namespace quorvia::testing

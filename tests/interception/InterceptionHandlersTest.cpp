@@ -17,10 +17,6 @@ constexpr const char* kRegistrationFailedLine =
     "QuorviaSDK: Failed to register for remote notifications. Make sure Push Notifications is "
     "enabled in your target capabilities.";
 
-std::vector<detail::ReplyCall> replies() {
-  std::lock_guard lock(detail::callTrace().mu);
-  return detail::callTrace().replies;
-}
 
 class InterceptionHandlersTest : public HostDelegateTest {
  protected:
@@ -115,7 +111,7 @@ TEST_P(DefaultActionPresentsExpandedAndSkipsTheHost, CompletesOnlyWithoutHost) {
   ASSERT_TRUE(deliver(platform::kHandleActionWithResponseInfoSelector, arguments));
   EXPECT_EQ(detail::callTrace().presentPoll.load(), 1);
   EXPECT_EQ(detail::callTrace().showOptions.load(), 1);
-  EXPECT_TRUE(replies().empty());
+  EXPECT_EQ(replyCount(), 0u);
   // Deliberately: the host is not called either way, and nobody completes
   // when the host has an implementation.
   EXPECT_TRUE(hostCalls_->empty());
@@ -134,17 +130,17 @@ TEST_F(InterceptionHandlersTest, DefaultActionElsewhereIsAReplyLikeAnyOther) {
   deliver(platform::kHandleActionSelector, arguments);
   QuorviaSDK::handleActionWithIdentifier(std::string(kDefaultAction), pollPayload_);
 
-  auto sent = replies();
-  ASSERT_EQ(sent.size(), 2u);
-  for (const auto& reply : sent) {
-    EXPECT_EQ(reply.identifier, kDefaultAction);
-    EXPECT_TRUE(reply.viaUserInfo);
-    EXPECT_EQ(reply.userInfo, pollPayload_);
+  const auto replies = requestsTo("/replies/");
+  ASSERT_EQ(replies.size(), 2u);
+  for (std::size_t i : replies) {
+    EXPECT_EQ(transport_->requestLines()[i], "POST /polls/7/replies/");
+    EXPECT_EQ(transport_->bodyText(i), "reply_text=" + std::string(kDefaultAction));
   }
-  // The reply operation gets no completion from either path; the callback's
-  // own completion is the library's, since the host lacks it.
-  EXPECT_FALSE(sent[0].completionHandler);
-  EXPECT_FALSE(sent[1].completionHandler);
+  // The reply operation gets no completion from either path: answering them
+  // reaches nothing, and the callback's own completion is the library's,
+  // since the host lacks it.
+  EXPECT_EQ(*actionCompletions_, 1);
+  answerAll();
   EXPECT_EQ(*actionCompletions_, 1);
   EXPECT_EQ(detail::callTrace().presentPoll.load(), 0);
 }
@@ -153,12 +149,10 @@ TEST_F(InterceptionHandlersTest, YesThroughResponseInfoRepliesWithTheHostsComple
   startWithHost({platform::kHandleActionWithResponseInfoSelector});
   ASSERT_TRUE(deliver(platform::kHandleActionWithResponseInfoSelector));
 
-  auto sent = replies();
-  ASSERT_EQ(sent.size(), 1u);
-  EXPECT_EQ(sent[0].identifier, "Yes");
-  EXPECT_TRUE(sent[0].viaUserInfo);
-  EXPECT_EQ(sent[0].userInfo, pollPayload_);
-  ASSERT_TRUE(sent[0].completionHandler);
+  const auto replies = requestsTo("/replies/");
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_EQ(transport_->requestLines()[replies[0]], "POST /polls/7/replies/");
+  EXPECT_EQ(transport_->bodyText(replies[0]), "reply_text=Yes");
 
   auto host = hostCallsOf(platform::kHandleActionWithResponseInfoSelector);
   ASSERT_EQ(host.size(), 1u);
@@ -170,11 +164,14 @@ TEST_F(InterceptionHandlersTest, YesThroughResponseInfoRepliesWithTheHostsComple
   EXPECT_EQ(host[0].arguments.application, &platform::Application::sharedApplication());
   EXPECT_EQ(*actionCompletions_, 0);
 
-  // The handler the reply carries is the platform's, reached once at most.
-  sent[0].completionHandler();
-  EXPECT_EQ(*actionCompletions_, 1);
+  // The host implements the callback, so completing it is the host's duty:
+  // the reply's completion leaves it alone.
+  answerAll();
+  EXPECT_EQ(*actionCompletions_, 0);
   host[0].arguments.completionHandler();
   EXPECT_EQ(*actionCompletions_, 1);
+  host[0].arguments.completionHandler();
+  EXPECT_EQ(*actionCompletions_, 1) << "the platform's completion is reached once at most";
 }
 
 TEST_F(InterceptionHandlersTest, RegistrationFailureLogsOnlyWhileDebugAndAlwaysCallsHost) {
@@ -199,11 +196,11 @@ TEST_F(InterceptionHandlersTest, DeviceTokenIsRegisteredThenHandedToTheHost) {
   deliver(platform::kDidRegisterForRemoteNotificationsSelector);
   EXPECT_EQ(log_.lines(),
             std::vector<std::string>{"QuorviaSDK: Received device push token from iOS."});
-  {
-    std::lock_guard lock(detail::callTrace().mu);
-    EXPECT_EQ(detail::callTrace().deviceTokens,
-              (std::vector<std::optional<platform::Bytes>>{token_}));
-  }
+  const auto registrations = requestsTo("/endpoints/");
+  ASSERT_EQ(registrations.size(), 1u);
+  EXPECT_EQ(transport_->requestLines()[registrations[0]], "POST /endpoints/");
+  EXPECT_EQ(transport_->bodyText(registrations[0]),
+            "push_token=0001abff10&app_token=app-token&platform=ios");
   auto host = hostCallsOf(platform::kDidRegisterForRemoteNotificationsSelector);
   ASSERT_EQ(host.size(), 1u);
   EXPECT_EQ(host[0].deviceTokensBefore, 1u);
