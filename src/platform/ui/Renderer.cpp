@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
 
 #include "platform/ui/TextLayout.h"
 #include "quorvia/platform/BlurView.h"
@@ -113,14 +114,27 @@ class Painter {
     const int smallW = std::max(1, static_cast<int>(std::ceil(devW / kBlurDownscale)));
     const int smallH = std::max(1, static_cast<int>(std::ceil(devH / kBlurDownscale)));
     cairo_surface_flush(target_);
-    cairo_surface_t* small = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, smallW, smallH);
-    cairo_t* sc = cairo_create(small);
-    cairo_scale(sc, smallW / devW, smallH / devH);
-    cairo_set_source_surface(sc, target_, -x0, -y0);
-    cairo_pattern_set_filter(cairo_get_source(sc), CAIRO_FILTER_GOOD);
-    cairo_pattern_set_extend(cairo_get_source(sc), CAIRO_EXTEND_PAD);
-    cairo_paint(sc);
-    cairo_destroy(sc);
+    // Halving steps with bilinear filtering average 2 x 2 pixels each: a box
+    // filter much cheaper than one filtered step down.
+    double w = devW, h = devH;
+    cairo_surface_t* small = nullptr;
+    cairo_surface_t* from = target_;
+    double fromX = x0, fromY = y0;
+    while (true) {
+      const bool last = w / 2 < smallW * 1.5 || h / 2 < smallH * 1.5;
+      const int toW = last ? smallW : static_cast<int>(std::ceil(w / 2));
+      const int toH = last ? smallH : static_cast<int>(std::ceil(h / 2));
+      cairo_surface_t* next = shrink(from, fromX, fromY, w, h, toW, toH);
+      if (from != target_) cairo_surface_destroy(from);
+      from = next;
+      fromX = fromY = 0;
+      w = toW;
+      h = toH;
+      if (last) {
+        small = next;
+        break;
+      }
+    }
 
     cairo_save(cr_);
     cairo_scale(cr_, bounds.width() / smallW, bounds.height() / smallH);
@@ -137,6 +151,20 @@ class Painter {
     cairo_fill(cr_);
   }
 
+  static cairo_surface_t* shrink(cairo_surface_t* source, double x, double y, double w, double h,
+                                 int toW, int toH) {
+    cairo_surface_t* out = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, toW, toH);
+    cairo_t* c = cairo_create(out);
+    cairo_scale(c, toW / w, toH / h);
+    cairo_set_source_surface(c, source, -x, -y);
+    cairo_pattern_set_filter(cairo_get_source(c), CAIRO_FILTER_BILINEAR);
+    cairo_pattern_set_extend(cairo_get_source(c), CAIRO_EXTEND_PAD);
+    cairo_set_operator(c, CAIRO_OPERATOR_SOURCE);
+    cairo_paint(c);
+    cairo_destroy(c);
+    return out;
+  }
+
   cairo_surface_t* target_;
   cairo_t* cr_;
   PangoContext* text_;
@@ -147,8 +175,19 @@ cairo_surface_t* renderSurface(Window& window) {
   const double scale = window.scale() > 0 ? window.scale() : 1;
   const int w = std::max(1, static_cast<int>(std::lround(window.bounds().width() * scale)));
   const int h = std::max(1, static_cast<int>(std::lround(window.bounds().height() * scale)));
-  cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h);
+  // One frame surface per thread, reused while the size stays: a fresh 4 MB
+  // surface per frame costs more in page faults than the drawing itself.
+  thread_local std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> cached(
+      nullptr, &cairo_surface_destroy);
+  if (!cached || cairo_image_surface_get_width(cached.get()) != w ||
+      cairo_image_surface_get_height(cached.get()) != h) {
+    cached.reset(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h));
+  }
+  cairo_surface_t* surface = cairo_surface_reference(cached.get());
   cairo_t* cr = cairo_create(surface);
+  cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
+  cairo_paint(cr);
+  cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
   cairo_scale(cr, scale, scale);
   {
     Painter painter(surface, cr);
@@ -177,12 +216,15 @@ RenderedImage Renderer::render(Window& window) {
     for (int x = 0; x < image.width; ++x, out += 4) {
       const std::uint32_t p = row[x];
       const unsigned a = p >> 24;
-      auto channel = [a](unsigned c) {
-        return static_cast<std::uint8_t>(a ? std::min(255u, (c * 255 + a / 2) / a) : 0);
-      };
-      out[0] = channel((p >> 16) & 0xff);
-      out[1] = channel((p >> 8) & 0xff);
-      out[2] = channel(p & 0xff);
+      unsigned r = (p >> 16) & 0xff, g = (p >> 8) & 0xff, b = p & 0xff;
+      if (a != 255 && a != 0) {  // opaque pixels, the common case, need no division
+        r = std::min(255u, (r * 255 + a / 2) / a);
+        g = std::min(255u, (g * 255 + a / 2) / a);
+        b = std::min(255u, (b * 255 + a / 2) / a);
+      }
+      out[0] = static_cast<std::uint8_t>(r);
+      out[1] = static_cast<std::uint8_t>(g);
+      out[2] = static_cast<std::uint8_t>(b);
       out[3] = static_cast<std::uint8_t>(a);
     }
   }
