@@ -22,14 +22,12 @@ PangoLayout* makeTextLayout(PangoContext* context, const std::string& text,
 }
 
 PangoContext* measuringContext() {
+  // The thread's default font map, which the renderer draws with too, so
+  // measured and drawn lines agree; it lives as long as the thread.
   struct Holder {
-    PangoFontMap* map = pango_cairo_font_map_new();
-    PangoContext* context = pango_font_map_create_context(map);
+    PangoContext* context = pango_font_map_create_context(pango_cairo_font_map_get_default());
     Holder() { pango_cairo_context_set_resolution(context, 72); }
-    ~Holder() {
-      g_object_unref(context);
-      g_object_unref(map);
-    }
+    ~Holder() { g_object_unref(context); }
   };
   thread_local Holder holder;
   return holder.context;
