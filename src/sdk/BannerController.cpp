@@ -1,26 +1,153 @@
+#include <exception>
+
 #include "quorvia/QuorviaSDK.h"
-#include "sdk/CallTrace.h"
+#include "quorvia/platform/Accessibility.h"
+#include "quorvia/platform/Animation.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/BlurView.h"
+#include "quorvia/platform/URL.h"
+#include "quorvia/platform/Window.h"
+#include "quorvia/ui/QVNotificationView.h"
 
 namespace quorvia {
+namespace {
 
-// Placeholders until the banner lands: nothing is shown yet.
-std::shared_ptr<QVNotificationView> QuorviaSDK::presentPollWithPollDict(const platform::Value*) {
-  ++detail::callTrace().presentPoll;
-  return nullptr;
+using platform::Rect;
+
+constexpr double kBannerX = 0.0;
+constexpr double kBannerHeight = 330.0;
+constexpr double kBannerStartY = -430.0;
+constexpr double kBannerShownY = 20.0;
+constexpr double kSlideDuration = 0.3;
+constexpr double kBackdropFadeDuration = 0.2;
+// Lets hiding find the backdrop again without keeping a reference to it.
+constexpr int kBackdropTag = 234555;
+constexpr double kPlainBackdropAlpha = 0.5;
+constexpr unsigned kFlexibleSize =
+    platform::kAutoresizingFlexibleWidth | platform::kAutoresizingFlexibleHeight;
+constexpr const char* kDismissIdentifier = "Dismiss";
+
+std::string questionOf(const std::shared_ptr<QVNotificationView>& view) {
+  return view && view->poll() ? platform::describe(view->poll()->question()) : "(null)";
 }
 
-void QuorviaSDK::showOptionsForNotificationView(const std::shared_ptr<QVNotificationView>&) {
-  ++detail::callTrace().showOptions;
+const platform::Value* pollIdOf(const std::shared_ptr<QVNotificationView>& view) {
+  if (!view || !view->poll() || !view->poll()->objectId()) return nullptr;
+  return &*view->poll()->objectId();
 }
 
-void QuorviaSDK::hideNotificationView(const std::shared_ptr<QVNotificationView>&) {}
+std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
+  auto backdrop = platform::View::make(windowBounds);
+  if (platform::UIAccessibilityIsReduceTransparencyEnabled()) {
+    backdrop->setBackgroundColor(platform::Color::blackColor().colorWithAlphaComponent(kPlainBackdropAlpha));
+  } else {
+    auto blur = std::make_shared<platform::BlurView>(platform::BlurEffectStyle::kDark);
+    blur->setFrame(windowBounds);
+    blur->setAutoresizingMask(kFlexibleSize);
+    backdrop->addSubview(blur);
+  }
+  return backdrop;
+}
 
-void QuorviaSDK::notificationViewDidPressExpand(const std::shared_ptr<QVNotificationView>&) {}
+}  // namespace
 
-void QuorviaSDK::notificationView(const std::shared_ptr<QVNotificationView>&,
-                                  const std::optional<std::string>&,
-                                  const std::optional<std::string>&) {}
+std::shared_ptr<QVNotificationView> QuorviaSDK::presentPollWithPollDict(
+    const platform::Value* pollDict) {
+  auto shared = sharedInstance();
+  if (shared->presentedPollView_) return nullptr;
+  auto window = platform::keyWindow();
 
-void QuorviaSDK::notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>&) {}
+  std::shared_ptr<QVModelPoll> poll;
+  try {
+    poll = QVModelPoll::objectWithDictionary(pollDict);
+  } catch (const std::exception& e) {
+    log(std::string("Could not read poll: ") + e.what());
+    return nullptr;
+  }
+  log("Presenting poll: " + platform::describe(poll->question()));
+
+  auto view = QVNotificationView::initWithFrame(
+      Rect::make(kBannerX, kBannerStartY, window->bounds().width(), kBannerHeight));
+  if (!view->isLoaded()) {
+    log("Could not load the poll banner's layout files; the poll is not shown.");
+    return nullptr;
+  }
+  view->setPoll(poll);
+  view->setDelegate(shared);
+  window->addSubview(view);
+  shared->presentedPollView_ = view;
+  platform::animateWithDuration(kSlideDuration, [&view] {
+    Rect frame = view->frame();
+    frame.origin.y = kBannerShownY;
+    view->setFrame(frame);
+  });
+  return view;
+}
+
+void QuorviaSDK::showOptionsForNotificationView(const std::shared_ptr<QVNotificationView>& view) {
+  auto window = platform::keyWindow();
+  if (view) view->removeFromSuperview();
+  auto backdrop = makeBackdrop(window->bounds());
+  backdrop->setAlpha(0.0);
+  backdrop->setTag(kBackdropTag);
+  window->addSubview(backdrop);
+  if (view) window->addSubview(view);
+  platform::animateWithDuration(kBackdropFadeDuration, [&backdrop] { backdrop->setAlpha(1.0); });
+  // At once, not after the fade: the options slide in while the backdrop fades in.
+  if (view) view->setShowOptions(true);
+}
+
+void QuorviaSDK::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
+  auto window = platform::keyWindow();
+  auto backdrop = window->viewWithTag(kBackdropTag);
+  platform::animateWithDuration(
+      kBackdropFadeDuration,
+      [&backdrop] {
+        if (backdrop) backdrop->setAlpha(0.0);
+      },
+      [backdrop](bool) {
+        if (backdrop) backdrop->removeFromSuperview();
+      });
+  // The banner stays in the window above its top edge on purpose: only the
+  // property is cleared, which frees the way for the next banner.
+  platform::animateWithDuration(
+      kSlideDuration,
+      [&view] {
+        if (!view) return;
+        Rect frame = view->frame();
+        frame.origin.y = -frame.height();
+        view->setFrame(frame);
+      },
+      [](bool) { sharedInstance()->setPresentedPollView(nullptr); });
+}
+
+void QuorviaSDK::notificationViewDidPressExpand(const std::shared_ptr<QVNotificationView>& view) {
+  log("User expanded poll: " + questionOf(view));
+  sharedInstance()->showOptionsForNotificationView(view);
+}
+
+void QuorviaSDK::notificationView(const std::shared_ptr<QVNotificationView>& view,
+                                  const std::optional<std::string>& identifier,
+                                  const std::optional<std::string>& link) {
+  log("User tapped action: " + platform::describe(identifier));
+  sendReplyWithIdentifier(identifier, pollIdOf(view), nullptr);
+  hideNotificationView(view);
+  if (!link) return;
+  auto& app = platform::Application::sharedApplication();
+  const auto url = platform::URLWithString(*link);
+  if (url && app.canOpenURL(url->absoluteString)) {
+    log("User tapped link. Opening: " + *link);
+    app.openURL(url->absoluteString);
+  } else {
+    log("User tapped link but link is invalid: " + *link);
+  }
+}
+
+void QuorviaSDK::notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>& view) {
+  log("User dismissed poll: " + questionOf(view));
+  // A dismissal is reported to the service like an answer.
+  sendReplyWithIdentifier(std::string(kDismissIdentifier), pollIdOf(view), nullptr);
+  hideNotificationView(view);
+}
 
 }  // namespace quorvia

@@ -1,0 +1,42 @@
+#pragma once
+/// \file
+/// The window (UIWindow): the root of a view tree, with the scale of the
+/// screen it is on, and the entry point of touches. Main thread.
+
+#include <memory>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/View.h"
+
+namespace quorvia::platform {
+
+class QUORVIA_EXPORT Window final : public View {
+ public:
+  /// Pixels per point of the screen (2 on the default window).
+  double scale() const { return scale_; }
+  void setScale(double scale) { scale_ = scale; }
+
+  /// Delivers a touch that begins at `point` (window coordinates) to the
+  /// view under it. Returns that view, which stays the touch's view.
+  std::shared_ptr<View> touchDown(Point point);
+  /// Ends the touch in progress: a control under it gets its action, else a
+  /// tap recogniser of the view or its ancestors fires (the view's touches
+  /// are then cancelled), else the view gets touchesEnded and a table row
+  /// under it is selected.
+  void touchUp();
+  /// Cancels the touch in progress.
+  void touchCancel();
+  /// touchDown then touchUp at `point`.
+  void tap(Point point);
+
+ private:
+  double scale_ = 1;
+  std::shared_ptr<View> touchView_;
+  Point touchPoint_;
+};
+
+/// The application's key window; when the host has set none, a default
+/// window of 375 x 667 points at scale 2 is made, made key and returned.
+QUORVIA_EXPORT std::shared_ptr<Window> keyWindow();
+
+}  // namespace quorvia::platform

@@ -1,0 +1,74 @@
+#pragma once
+/// \file
+/// The in-app poll banner: a view holding one table that shows the card
+/// (header and question rows) and, once expanded, one row per option. Its
+/// logic lives in QVNotificationViewModel; this class drives the table.
+
+#include <memory>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/TableView.h"
+#include "quorvia/ui/QVNotificationHeaderCellDelegate.h"
+#include "quorvia/ui/QVNotificationViewModel.h"
+
+namespace quorvia {
+
+/// Main thread. Owned by whoever shows it (the SDK while it is presented);
+/// holds its poll and table strongly and its delegate weakly.
+class QUORVIA_EXPORT QVNotificationView final : public platform::View,
+                                                public platform::TableViewDataSource,
+                                                public platform::TableViewDelegate,
+                                                public QVNotificationHeaderCellDelegate {
+ public:
+  /// Makes the banner with `frame` and builds its table (setup). When the
+  /// resource bundle or a layout file is missing the banner is made without
+  /// rows and isLoaded() is false (a line is logged).
+  static std::shared_ptr<QVNotificationView> initWithFrame(platform::Rect frame);
+
+  /// Builds the table; called once by initWithFrame.
+  void setup();
+  /// Whether every layout file of the rows was found.
+  bool isLoaded() const { return loaded_; }
+
+  const std::shared_ptr<QVModelPoll>& poll() const { return model_.poll(); }
+  /// Stores the poll and reloads the whole table.
+  void setPoll(std::shared_ptr<QVModelPoll> poll);
+  bool showOptions() const { return model_.showOptions(); }
+  /// Shows (true) or hides the options section; see QVNotificationViewModel.
+  void setShowOptions(bool showOptions);
+  std::shared_ptr<QVNotificationViewDelegate> delegate() const { return model_.delegate(); }
+  void setDelegate(std::weak_ptr<QVNotificationViewDelegate> delegate) {
+    model_.setDelegate(std::move(delegate));
+  }
+  const std::shared_ptr<platform::TableView>& tableView() const { return tableView_; }
+  const QVNotificationViewModel& viewModel() const { return model_; }
+
+  /// The card's tap recogniser fired.
+  void notificationTapped();
+
+  // Table data source and delegate.
+  int numberOfSectionsInTableView(platform::TableView& tableView) override;
+  int numberOfRowsInSection(platform::TableView& tableView, int section) override;
+  std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(
+      platform::TableView& tableView, platform::IndexPath indexPath) override;
+  double heightForRowAtIndexPath(platform::TableView& tableView,
+                                 platform::IndexPath indexPath) override;
+  double heightForHeaderInSection(platform::TableView& tableView, int section) override;
+  std::shared_ptr<platform::View> viewForHeaderInSection(platform::TableView& tableView,
+                                                         int section) override;
+  void didSelectRowAtIndexPath(platform::TableView& tableView,
+                               platform::IndexPath indexPath) override;
+
+  // QVNotificationHeaderCellDelegate
+  void headerCell(const std::shared_ptr<QVNotificationHeaderCell>& cell,
+                  const std::shared_ptr<platform::Button>& closeButton) override;
+
+  bool performAction(std::string_view selector, const std::shared_ptr<void>& sender) override;
+
+ private:
+  QVNotificationViewModel model_;
+  std::shared_ptr<platform::TableView> tableView_;
+  bool loaded_ = false;
+};
+
+}  // namespace quorvia

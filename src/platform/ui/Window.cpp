@@ -1,0 +1,78 @@
+#include "quorvia/platform/Window.h"
+
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/Button.h"
+#include "quorvia/platform/TableView.h"
+
+namespace quorvia::platform {
+namespace {
+
+constexpr double kDefaultWidth = 375;
+constexpr double kDefaultHeight = 667;
+constexpr double kDefaultScale = 2;
+
+template <typename T>
+std::shared_ptr<T> nearest(std::shared_ptr<View> view) {
+  for (; view; view = view->superview()) {
+    if (auto typed = std::dynamic_pointer_cast<T>(view)) return typed;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+std::shared_ptr<View> Window::touchDown(Point point) {
+  layoutIfNeeded();
+  touchPoint_ = point;
+  touchView_ = hitTest(point);
+  if (touchView_) touchView_->touchesBegan({Touch{point}});
+  return touchView_;
+}
+
+void Window::touchUp() {
+  auto view = std::move(touchView_);
+  touchView_.reset();
+  if (!view) return;
+  const TouchSet touches{Touch{touchPoint_}};
+  if (auto button = nearest<Button>(view)) {
+    view->touchesEnded(touches);
+    button->sendActions();
+    return;
+  }
+  for (auto v = view; v; v = v->superview()) {
+    if (!v->gestureRecognizers().empty()) {
+      // A recognised tap cancels the touches of the view, as the platform does.
+      view->touchesCancelled(touches);
+      // Recognisers of one view do not recognise together: the first one wins.
+      auto recognizer = v->gestureRecognizers().front();
+      recognizer->recognize();
+      return;
+    }
+  }
+  view->touchesEnded(touches);
+  if (auto cell = nearest<TableViewCell>(view)) {
+    if (auto table = nearest<TableView>(cell->superview())) table->selectRowForCell(cell.get());
+  }
+}
+
+void Window::touchCancel() {
+  auto view = std::move(touchView_);
+  touchView_.reset();
+  if (view) view->touchesCancelled({Touch{touchPoint_}});
+}
+
+void Window::tap(Point point) {
+  touchDown(point);
+  touchUp();
+}
+
+std::shared_ptr<Window> keyWindow() {
+  auto& app = Application::sharedApplication();
+  if (auto window = app.keyWindow()) return window;
+  auto window = View::make<Window>(Rect::make(0, 0, kDefaultWidth, kDefaultHeight));
+  window->setScale(kDefaultScale);
+  app.setKeyWindow(window);
+  return window;
+}
+
+}  // namespace quorvia::platform

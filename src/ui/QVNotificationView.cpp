@@ -1,0 +1,188 @@
+#include "quorvia/ui/QVNotificationView.h"
+
+#include <mutex>
+
+#include "quorvia/platform/Bundle.h"
+#include "quorvia/platform/Log.h"
+#include "quorvia/ui/QVNotificationActionCell.h"
+#include "quorvia/ui/QVNotificationHeaderCell.h"
+#include "quorvia/ui/QVNotificationTextCell.h"
+
+namespace quorvia {
+namespace {
+
+using platform::IndexPath;
+using platform::TableView;
+
+constexpr const char* kBundleIdentifier = "com.quorvia.sdk.ios";
+constexpr const char* kHeaderCell = "QVNotificationHeaderCell";
+constexpr const char* kTextCell = "QVNotificationTextCell";
+constexpr const char* kActionCell = "QVNotificationActionCell";
+constexpr int kSeparatorStyleNone = 0;
+
+void registerCellClasses() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    platform::Nib::registerClass(kHeaderCell, [] { return std::make_shared<QVNotificationHeaderCell>(); });
+    platform::Nib::registerClass(kTextCell, [] { return std::make_shared<QVNotificationTextCell>(); });
+    platform::Nib::registerClass(kActionCell, [] { return std::make_shared<QVNotificationActionCell>(); });
+  });
+}
+
+// Makes the view layer's table carry out the model's section updates.
+class TableUpdater final : public QVNotificationViewModel::TableUpdates {
+ public:
+  explicit TableUpdater(TableView& table) : table_(table) {}
+  void beginUpdates() override { table_.beginUpdates(); }
+  void insertSections(int s) override {
+    table_.insertSections(s, platform::TableViewRowAnimation::kTop);
+  }
+  void deleteSections(int s) override {
+    table_.deleteSections(s, platform::TableViewRowAnimation::kTop);
+  }
+  void endUpdates() override { table_.endUpdates(); }
+
+ private:
+  TableView& table_;
+};
+
+}  // namespace
+
+std::shared_ptr<QVNotificationView> QVNotificationView::initWithFrame(platform::Rect frame) {
+  auto view = platform::View::make<QVNotificationView>(frame);
+  view->model_ = QVNotificationViewModel(view);
+  view->setup();
+  return view;
+}
+
+void QVNotificationView::setup() {
+  registerCellClasses();
+  auto self = std::static_pointer_cast<QVNotificationView>(shared_from_this());
+  // No resizing rule: the table keeps the size the banner had at creation.
+  tableView_ = platform::View::make<TableView>(bounds());
+  tableView_->setScrollEnabled(false);
+  tableView_->setDelegate(self);
+  tableView_->setDataSource(self);
+  // A touch reaches an option row at once, which colours it on touch-down.
+  tableView_->setDelaysContentTouches(false);
+  tableView_->setCanCancelContentTouches(false);
+  tableView_->setBackgroundColor(platform::Color::clearColor());
+  tableView_->setSeparatorStyle(kSeparatorStyleNone);
+  tableView_->setSeparatorColor(platform::Color::blackColor());
+  tableView_->setEstimatedRowHeight(QVNotificationViewModel::kEstimatedRowHeight);
+  tableView_->setRowHeight(platform::UITableViewAutomaticDimension);
+  addSubview(tableView_);
+
+  auto bundle = platform::Bundle::bundleWithIdentifier(kBundleIdentifier);
+  if (!bundle) platform::NSLog(std::string("Could not find the resource bundle ") + kBundleIdentifier);
+  loaded_ = bundle != nullptr;
+  for (const char* name : {kHeaderCell, kTextCell, kActionCell}) {
+    auto nib = platform::Nib::nibWithNibName(name, bundle);
+    loaded_ = loaded_ && nib;
+    tableView_->registerNib(std::move(nib), name);
+  }
+}
+
+void QVNotificationView::setPoll(std::shared_ptr<QVModelPoll> poll) {
+  model_.setPoll(std::move(poll));
+  tableView_->reloadData();
+}
+
+void QVNotificationView::setShowOptions(bool showOptions) {
+  TableUpdater updater(*tableView_);
+  model_.setShowOptions(showOptions, &updater);
+}
+
+void QVNotificationView::notificationTapped() { model_.notificationTapped(); }
+
+int QVNotificationView::numberOfSectionsInTableView(TableView&) {
+  // Without its layout files the banner has no rows to make.
+  return loaded_ ? model_.numberOfSections() : 0;
+}
+
+int QVNotificationView::numberOfRowsInSection(TableView&, int section) {
+  return model_.numberOfRowsInSection(section);
+}
+
+std::shared_ptr<platform::TableViewCell> QVNotificationView::cellForRowAtIndexPath(
+    TableView& tableView, IndexPath indexPath) {
+  auto self = std::static_pointer_cast<QVNotificationView>(shared_from_this());
+  const std::string text = model_.textForRow(indexPath.section, indexPath.row);
+  switch (model_.rowKind(indexPath.section, indexPath.row)) {
+    case QVNotificationViewModel::RowKind::kHeader: {
+      // A new recogniser each time a card row is handed out, also to a reused
+      // cell that has one: kept as it is, every recogniser sends the same event.
+      auto tap = std::make_shared<platform::TapGestureRecognizer>(self, "notificationTapped:");
+      auto cell = std::dynamic_pointer_cast<QVNotificationHeaderCell>(
+          tableView.dequeueReusableCellWithIdentifier(kHeaderCell));
+      if (!cell) return nullptr;
+      cell->setDelegate(self);
+      cell->setBackgroundColor(platform::Color::clearColor());
+      cell->addGestureRecognizer(tap);
+      return cell;
+    }
+    case QVNotificationViewModel::RowKind::kQuestion: {
+      auto tap = std::make_shared<platform::TapGestureRecognizer>(self, "notificationTapped:");
+      auto cell = std::dynamic_pointer_cast<QVNotificationTextCell>(
+          tableView.dequeueReusableCellWithIdentifier(kTextCell));
+      if (!cell) return nullptr;
+      cell->setBackgroundColor(platform::Color::clearColor());
+      if (cell->customLabel()) cell->customLabel()->setText(text);
+      cell->addGestureRecognizer(tap);
+      return cell;
+    }
+    case QVNotificationViewModel::RowKind::kOption: {
+      auto cell = std::dynamic_pointer_cast<QVNotificationActionCell>(
+          tableView.dequeueReusableCellWithIdentifier(kActionCell));
+      if (!cell) return nullptr;
+      if (cell->customLabel()) cell->customLabel()->setText(text);
+      cell->setBackgroundColor(platform::Color::clearColor());
+      switch (model_.maskForOptionRow(indexPath.row)) {
+        case QVNotificationViewModel::Mask::kTop:
+          cell->setTopMask();
+          break;
+        case QVNotificationViewModel::Mask::kBottom:
+          cell->setBottomMask();
+          break;
+        case QVNotificationViewModel::Mask::kNone:
+          cell->setNoMask();
+          break;
+      }
+      return cell;
+    }
+  }
+  return nullptr;
+}
+
+double QVNotificationView::heightForRowAtIndexPath(TableView&, IndexPath indexPath) {
+  const double height = model_.heightForRow(indexPath.section, indexPath.row);
+  return height == QVNotificationViewModel::kAutomaticHeight ? platform::UITableViewAutomaticDimension
+                                                              : height;
+}
+
+double QVNotificationView::heightForHeaderInSection(TableView&, int section) {
+  return model_.heightForHeaderInSection(section);
+}
+
+std::shared_ptr<platform::View> QVNotificationView::viewForHeaderInSection(TableView& tableView,
+                                                                           int section) {
+  return platform::View::make(platform::Rect::make(0, 0, tableView.bounds().width(),
+                                                   model_.heightForHeaderInSection(section)));
+}
+
+void QVNotificationView::didSelectRowAtIndexPath(TableView&, IndexPath indexPath) {
+  model_.didSelectRow(indexPath.section, indexPath.row);
+}
+
+void QVNotificationView::headerCell(const std::shared_ptr<QVNotificationHeaderCell>&,
+                                    const std::shared_ptr<platform::Button>&) {
+  model_.closeButtonPressed();
+}
+
+bool QVNotificationView::performAction(std::string_view selector, const std::shared_ptr<void>&) {
+  if (selector != "notificationTapped:") return false;
+  notificationTapped();
+  return true;
+}
+
+}  // namespace quorvia

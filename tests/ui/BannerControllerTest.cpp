@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Accessibility.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/BlurView.h"
+#include "quorvia/platform/Window.h"
+#include "sdk/CallTrace.h"
+#include "support/PlatformTest.h"
+#include "ui/BannerTestSupport.h"
+
+namespace quorvia {
+namespace {
+
+using platform::Value;
+using testing::pollDict;
+
+constexpr int kBackdropTag = 234555;
+
+class BannerControllerTest : public testing::PlatformTest {
+ protected:
+  std::shared_ptr<QVNotificationView> present(const Value& poll) {
+    return QuorviaSDK::sharedInstance()->presentPollWithPollDict(&poll);
+  }
+  std::shared_ptr<platform::Window> window() { return platform::keyWindow(); }
+  std::vector<detail::ReplyCall> replies() {
+    std::lock_guard lock(detail::callTrace().mu);
+    return detail::callTrace().replies;
+  }
+};
+
+TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenths) {
+  auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
+  ASSERT_TRUE(view);
+  EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, 375, 330));  // the model value at once
+  EXPECT_EQ(view->presentationFrame().y(), -430);
+  EXPECT_EQ(view->superview(), window());
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), view);
+  EXPECT_TRUE(log_.contains("QuorviaSDK: Presenting poll: Coffee?"));
+  advance(0.15);
+  EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
+  advance(0.15);
+  EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, 20, 375, 330));
+}
+
+TEST_F(BannerControllerTest, BannerTakesTheKeyWindowsWidth) {
+  auto custom = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 414, 896));
+  platform::Application::sharedApplication().setKeyWindow(custom);
+  auto view = present(pollDict("Q", {{"A", ""}}));
+  ASSERT_TRUE(view);
+  EXPECT_EQ(view->frame().width(), 414);
+  EXPECT_EQ(view->superview(), custom);
+}
+
+TEST_F(BannerControllerTest, OneBannerAtATimeIncludingTheSlideOut) {
+  auto first = present(pollDict("First", {{"A", ""}}));
+  ASSERT_TRUE(first);
+  log_.clear();
+  EXPECT_EQ(present(pollDict("Second", {{"B", ""}})), nullptr);  // while shown
+  EXPECT_TRUE(log_.lines().empty());
+  advance(0.3);
+  QuorviaSDK::sharedInstance()->hideNotificationView(first);
+  advance(0.29);
+  EXPECT_EQ(present(pollDict("Third", {{"C", ""}})), nullptr);  // while hiding
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), first);
+  advance(0.01);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  auto next = present(pollDict("Fourth", {{"D", ""}}));
+  ASSERT_TRUE(next);
+  EXPECT_NE(next, first);
+}
+
+TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
+  for (bool reduce : {false, true}) {
+    SCOPED_TRACE(reduce ? "reduce transparency" : "blur");
+    platform::setReduceTransparencyEnabled(reduce);
+    auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 375, 667));
+    platform::Application::sharedApplication().setKeyWindow(w);
+    QuorviaSDK::sharedInstance()->setPresentedPollView(nullptr);
+    auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}}));
+    ASSERT_TRUE(view);
+    advance(0.3);
+    log_.clear();
+    view->notificationTapped();
+    EXPECT_TRUE(log_.contains("QuorviaSDK: User expanded poll: Q"));
+    auto backdrop = w->viewWithTag(kBackdropTag);
+    ASSERT_TRUE(backdrop);
+    ASSERT_EQ(w->subviews().size(), 2u);
+    EXPECT_EQ(w->subviews()[0], backdrop);
+    EXPECT_EQ(w->subviews()[1], view);
+    EXPECT_EQ(backdrop->frame(), w->bounds());
+    if (reduce) {
+      EXPECT_EQ(backdrop->backgroundColor(), platform::Color::blackColor().colorWithAlphaComponent(0.5));
+      EXPECT_TRUE(backdrop->subviews().empty());
+    } else {
+      ASSERT_EQ(backdrop->subviews().size(), 1u);
+      auto blur = std::dynamic_pointer_cast<platform::BlurView>(backdrop->subviews()[0]);
+      ASSERT_TRUE(blur);
+      EXPECT_EQ(blur->style(), platform::BlurEffectStyle::kDark);
+      EXPECT_EQ(blur->autoresizingMask(), 18u);
+      EXPECT_EQ(blur->frame(), w->bounds());
+    }
+    EXPECT_TRUE(view->showOptions());  // at once, not after the fade
+    EXPECT_EQ(view->tableView()->numberOfSections(), 2);
+    EXPECT_EQ(backdrop->presentationAlpha(), 0.0);
+    advance(0.1);
+    EXPECT_GT(backdrop->presentationAlpha(), 0.0);
+    EXPECT_LT(backdrop->presentationAlpha(), 1.0);
+    advance(0.1);
+    EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
+    EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, 375, 330));
+  }
+}
+
+TEST_F(BannerControllerTest, ShowOptionsWithoutABannerOnlyAddsTheBackdrop) {
+  QuorviaSDK::sharedInstance()->showOptionsForNotificationView(nullptr);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  EXPECT_EQ(window()->subviews().back(), backdrop);
+  advance(0.2);
+  EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
+  advance(5);
+  EXPECT_EQ(backdrop->superview(), window());  // stays until a later hide
+}
+
+TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
+  struct Case {
+    const char* link;
+    bool opened;
+    const char* linkLine;
+  };
+  const Case cases[] = {
+      {"", false, nullptr},
+      {"https://example.com/more", true, "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
+      {"not a link", false, "QuorviaSDK: User tapped link but link is invalid: not a link"},
+      {"ftp://example.com", false, "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
+  };
+  auto& app = platform::Application::sharedApplication();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.link);
+    {
+      std::lock_guard lock(detail::callTrace().mu);
+      detail::callTrace().replies.clear();
+    }
+    auto view = present(pollDict("Q", {{"Yes", c.link}, {"No", ""}}, 7));
+    ASSERT_TRUE(view);
+    advance(0.3);
+    view->setShowOptions(true);
+    log_.clear();
+    bool openedAfterReplyAndHide = false;
+    app.setOpenURLHandler([&](const std::string&) {
+      openedAfterReplyAndHide = replies().size() == 1 && view->frame().y() == -330;
+    });
+    const auto openedBefore = app.openedURLs().size();
+    auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);
+    ASSERT_TRUE(cell);
+    window()->tap(testing::centerInWindow(*cell));
+
+    const auto calls = replies();
+    ASSERT_EQ(calls.size(), 1u);
+    EXPECT_EQ(calls[0].identifier, "Yes");
+    ASSERT_TRUE(calls[0].pollId);
+    EXPECT_EQ(*calls[0].pollId, Value(7));
+    EXPECT_FALSE(calls[0].completionHandler);
+    EXPECT_EQ(view->frame().y(), -330);  // hiding started
+    EXPECT_EQ(app.openedURLs().size() - openedBefore, c.opened ? 1u : 0u);
+    EXPECT_EQ(openedAfterReplyAndHide, c.opened);
+    const auto lines = log_.lines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "QuorviaSDK: User tapped action: Yes");
+    if (c.linkLine) {
+      EXPECT_EQ(lines.back(), c.linkLine);
+    } else {
+      EXPECT_EQ(lines.size(), 1u);
+    }
+    advance(0.3);
+    EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+    app.setOpenURLHandler({});
+  }
+}
+
+TEST_F(BannerControllerTest, CloseSendsDismissAndHides) {
+  auto view = present(pollDict("Lunch?", {{"Yes", ""}}, 9));
+  ASSERT_TRUE(view);
+  advance(0.3);
+  auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
+  ASSERT_TRUE(header);
+  window()->tap(testing::centerInWindow(*header->closeButton()));
+  EXPECT_TRUE(log_.contains("QuorviaSDK: User dismissed poll: Lunch?"));
+  const auto calls = replies();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].identifier, "Dismiss");
+  EXPECT_EQ(*calls[0].pollId, Value(9));
+  EXPECT_FALSE(view->showOptions());  // the close button does not expand
+  advance(0.3);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+}
+
+TEST_F(BannerControllerTest, HideLeavesTheBannerAboveTheWindowAndRemovesTheBackdrop) {
+  auto view = present(pollDict("Q", {{"A", ""}}));
+  ASSERT_TRUE(view);
+  advance(0.3);
+  QuorviaSDK::sharedInstance()->notificationViewDidPressExpand(view);
+  advance(0.2);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  QuorviaSDK::sharedInstance()->hideNotificationView(view);
+  advance(0.2);
+  EXPECT_EQ(backdrop->superview(), nullptr);
+  EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), view);
+  advance(0.1);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(view->superview(), window());
+  EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, -330, 375, 330));
+}
+
+TEST_F(BannerControllerTest, TappingTheCardExpandsOnce) {
+  auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}, {"C", ""}}));
+  ASSERT_TRUE(view);
+  advance(0.3);
+  auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
+  ASSERT_TRUE(question);
+  window()->tap(testing::centerInWindow(*question));
+  EXPECT_EQ(log_.count("QuorviaSDK: User expanded poll: Q"), 1);
+  EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), 3);
+}
+
+TEST_F(BannerControllerTest, MalformedPollOrMissingLayoutGivesNoBanner) {
+  const Value notADictionary = Value::array({1, 2});
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentPollWithPollDict(&notADictionary), nullptr);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+
+  auto empty = testing::makeTempDirectory("quorvia-res-");
+  std::filesystem::create_directory(empty / "com.quorvia.sdk.ios");
+  ::setenv("QUORVIA_RESOURCE_DIR", empty.c_str(), 1);
+  EXPECT_EQ(present(pollDict("Q", {{"A", ""}})), nullptr);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_TRUE(log_.contains(
+      "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown."));
+  advance(1);  // no deferred work may touch the half-made banner
+  ::unsetenv("QUORVIA_RESOURCE_DIR");
+  std::filesystem::remove_all(empty);
+}
+
+TEST_F(BannerControllerTest, LaunchPollIsPresentedExpandedAfterATenth) {
+  const Value launchOptions = {
+      {UIApplicationLaunchOptionsRemoteNotificationKey, {{"poll", pollDict("Launch?", {{"A", ""}})}}}};
+  QuorviaSDK::initWithAppToken("token", launchOptions, false);
+  advance(0.09);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
+  advance(0.01);
+  auto view = QuorviaSDK::sharedInstance()->presentedPollView();
+  ASSERT_TRUE(view);
+  EXPECT_TRUE(view->showOptions());
+  EXPECT_TRUE(window()->viewWithTag(kBackdropTag));
+  EXPECT_EQ(window()->subviews().back(), view);
+  advance(0.3);
+  EXPECT_EQ(view->presentationFrame().y(), 20);
+}
+
+}  // namespace
+}  // namespace quorvia

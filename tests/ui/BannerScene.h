@@ -1,0 +1,73 @@
+#pragma once
+// A host screen with a poll banner on it, as the README pictures, the render
+// tests and the render benchmark show it.
+
+#include <memory>
+#include <string>
+
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/Label.h"
+#include "quorvia/platform/RunLoop.h"
+#include "quorvia/platform/Window.h"
+#include "quorvia/ui/QVNotificationView.h"
+
+namespace quorvia::testing {
+
+/// The host app's background colour behind the banner.
+inline constexpr platform::Color kHostBackground{0.933, 0.945, 0.965, 1};
+
+/// Fills the key window (375 x 667 at scale 2) with a simple host screen
+/// unless `bare`, presents a poll with emoji options, lets the slide finish
+/// and, when `expanded`, expands it and lets the fade finish.
+inline std::shared_ptr<QVNotificationView> makeBannerScene(platform::RunLoop& loop, bool expanded,
+                                                           bool bare = false) {
+  using platform::Color;
+  using platform::Rect;
+  using platform::View;
+  auto window = platform::keyWindow();
+  if (!bare) {
+    auto content = View::make(window->bounds());
+    content->setBackgroundColor(kHostBackground);
+    auto bar = View::make(Rect::make(0, 0, 375, 64));
+    bar->setBackgroundColor(Color{0.357, 0.357, 0.839, 1});
+    auto title = View::make<platform::Label>(Rect::make(16, 26, 343, 30));
+    title->setText("Orders");
+    title->setFont("DejaVu Sans Bold 19");
+    title->setTextColor(Color::whiteColor());
+    bar->addSubview(title);
+    content->addSubview(bar);
+    for (int i = 0; i < 6; ++i) {
+      auto card = View::make(Rect::make(16, 80 + i * 96, 343, 84));
+      card->setBackgroundColor(Color::whiteColor());
+      auto text = View::make<platform::Label>(Rect::make(16, 14, 311, 24));
+      text->setText("Order #10" + std::to_string(42 + i) + "  \xC2\xB7  delivered");
+      text->setFont("DejaVu Sans 15");
+      text->setTextColor(Color{0.11, 0.11, 0.12, 1});
+      auto accent = View::make(Rect::make(16, 50, 120 + 30 * i, 10));
+      accent->setBackgroundColor(i % 2 ? Color{1, 0.62, 0.04, 1} : Color{0.2, 0.78, 0.35, 1});
+      card->addSubview(text);
+      card->addSubview(accent);
+      content->addSubview(card);
+    }
+    window->addSubview(content);
+  }
+  const platform::Value poll = {
+      {"id", 17},
+      {"question", "How do you like the new checkout?"},
+      {"options",
+       {{{"text", "\xF0\x9F\x91\x8D Love it"}},
+        {{"text", "\xF0\x9F\xA4\x94 Not sure yet"}},
+        {{"text", "\xF0\x9F\x91\x8E Not for me"}, {"link", "https://example.com/feedback"}}}}};
+  auto view = QuorviaSDK::sharedInstance()->presentPollWithPollDict(&poll);
+  loop.advance(platform::seconds(0.3));
+  if (view && expanded) {
+    QuorviaSDK::sharedInstance()->notificationViewDidPressExpand(view);
+    loop.advance(platform::seconds(0.2));
+  }
+  window->layoutIfNeeded();
+  loop.drainOnce();  // the rows' deferred masks
+  return view;
+}
+
+}  // namespace quorvia::testing
