@@ -11,7 +11,6 @@
 #include "quorvia/platform/Log.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "quorvia/platform/RunLoop.h"
-#include "sdk/CallTrace.h"
 
 namespace quorvia {
 namespace {
@@ -150,12 +149,5 @@ void QuorviaSDK::mergeCategoriesIntoSettings() {
   app.registerUserNotificationSettings(
       platform::NotificationSettings::settingsForTypes(platform::kUserNotificationTypeNone, merged));
 }
-
-namespace detail {
-CallTrace& callTrace() {
-  static auto* trace = new CallTrace;
-  return *trace;
-}
-}  // namespace detail
 
 }  // namespace quorvia

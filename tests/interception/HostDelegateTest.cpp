@@ -1,7 +1,8 @@
 #include "interception/HostDelegateTest.h"
 
 #include "quorvia/platform/Application.h"
-#include "sdk/CallTrace.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/ui/QVNotificationView.h"
 #include "support/FakeTransport.h"
 
 namespace quorvia::testing {
@@ -33,7 +34,7 @@ std::shared_ptr<platform::Class> HostDelegateTest::makeDelegateClass(
     platform::IMP imp = [this, calls, name, selector = std::string(selector), completion](
                             platform::Object&, const platform::MessageArguments& arguments) {
       HostCall call{name, selector, arguments, registrationCount(), replyCount(),
-                    detail::callTrace().presentPoll.load()};
+                    presentationsIncludingCurrent()};
       calls->push_back(std::move(call));
       if (completion == HostCompletion::kAtOnce) {
         if (arguments.fetchCompletionHandler) arguments.fetchCompletionHandler(1);
@@ -83,8 +84,22 @@ bool HostDelegateTest::deliver(std::string_view selector) {
   return deliver(selector, argumentsFor(selector));
 }
 
+int HostDelegateTest::presentationsIncludingCurrent() const {
+  return presentations_ + (QuorviaSDK::sharedInstance()->presentedPollView() ? 1 : 0);
+}
+
 bool HostDelegateTest::deliver(std::string_view selector, platform::MessageArguments arguments) {
-  return platform::deliverToApplicationDelegate(selector, std::move(arguments));
+  const bool delivered = platform::deliverToApplicationDelegate(selector, std::move(arguments));
+  // A banner a delivery showed is counted and slid out again, so that the
+  // next delivery may show one too.
+  auto sdk = QuorviaSDK::sharedInstance();
+  if (auto view = sdk->presentedPollView()) {
+    ++presentations_;
+    expansions_ += view->showOptions() ? 1 : 0;
+    sdk->hideNotificationView(view);
+    advance(0.3);
+  }
+  return delivered;
 }
 
 std::vector<HostCall> HostDelegateTest::hostCallsOf(std::string_view selector) const {

@@ -46,6 +46,11 @@ class HostDelegateTest : public PlatformTest {
   std::vector<std::size_t> requestsTo(const std::string& part) const;
   std::size_t replyCount() const { return requestsTo("/replies/").size(); }
   std::size_t registrationCount() const { return requestsTo("/endpoints/").size(); }
+  /// Banners presented by deliveries so far, and how many of them opened expanded.
+  int presentations() const { return presentations_; }
+  int expansions() const { return expansions_; }
+  /// Whether a banner is on screen now, counted with those presented before.
+  int presentationsIncludingCurrent() const;
   /// Answers every pending request with 200 and `body`, then runs the main queue.
   void answerAll(const std::string& body = "{}");
 
@@ -79,6 +84,8 @@ class HostDelegateTest : public PlatformTest {
   platform::Bytes token_ = {0x00, 0x01, 0xab, 0xff, 0x10};
   std::shared_ptr<FakeTransport> transport_;
   std::size_t answered_ = 0;
+  int presentations_ = 0;
+  int expansions_ = 0;
 };
 
 }  // namespace quorvia::testing

@@ -5,7 +5,6 @@
 #include "interception/HostDelegateTest.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "sdk/CallTrace.h"
 
 namespace quorvia::testing {
 namespace {
@@ -109,8 +108,8 @@ TEST_P(DefaultActionPresentsExpandedAndSkipsTheHost, CompletesOnlyWithoutHost) {
   auto arguments = argumentsFor(platform::kHandleActionWithResponseInfoSelector);
   arguments.identifier = kDefaultAction;
   ASSERT_TRUE(deliver(platform::kHandleActionWithResponseInfoSelector, arguments));
-  EXPECT_EQ(detail::callTrace().presentPoll.load(), 1);
-  EXPECT_EQ(detail::callTrace().showOptions.load(), 1);
+  EXPECT_EQ(presentations(), 1);
+  EXPECT_EQ(expansions(), 1) << "presented expanded";
   EXPECT_EQ(replyCount(), 0u);
   // Deliberately: the host is not called either way, and nobody completes
   // when the host has an implementation.
@@ -142,7 +141,7 @@ TEST_F(InterceptionHandlersTest, DefaultActionElsewhereIsAReplyLikeAnyOther) {
   EXPECT_EQ(*actionCompletions_, 1);
   answerAll();
   EXPECT_EQ(*actionCompletions_, 1);
-  EXPECT_EQ(detail::callTrace().presentPoll.load(), 0);
+  EXPECT_EQ(presentations(), 0);
 }
 
 TEST_F(InterceptionHandlersTest, YesThroughResponseInfoRepliesWithTheHostsCompletionThenCallsHost) {
@@ -226,12 +225,12 @@ TEST_F(InterceptionHandlersTest, ReceivedPollIsPresentedCollapsedBeforeTheHostRu
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.selector) + " " + platform::describe(c.payload));
     hostCalls_->clear();
-    const int presentedBefore = detail::callTrace().presentPoll.load();
+    const int presentedBefore = presentations();
     auto arguments = argumentsFor(c.selector);
     arguments.userInfo = c.payload;
     deliver(c.selector, arguments);
-    EXPECT_EQ(detail::callTrace().presentPoll.load() - presentedBefore, c.presented);
-    EXPECT_EQ(detail::callTrace().showOptions.load(), 0);
+    EXPECT_EQ(presentations() - presentedBefore, c.presented);
+    EXPECT_EQ(expansions(), 0) << "shown collapsed";
     ASSERT_EQ(hostCalls_->size(), 1u);
     EXPECT_EQ((*hostCalls_)[0].presentPollBefore - presentedBefore, c.presented);
     EXPECT_EQ((*hostCalls_)[0].arguments.userInfo, c.payload);

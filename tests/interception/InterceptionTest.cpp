@@ -6,7 +6,6 @@
 #include "interception/HostDelegateTest.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "sdk/CallTrace.h"
 
 namespace quorvia::testing {
 namespace {
@@ -62,7 +61,7 @@ TEST_F(InterceptionTest, OnlyTheTokenCallbackImplementedRunsLibraryThenHostAndAd
   }
   EXPECT_EQ(hostCalls_->size(), 1u);
   EXPECT_EQ(log_.count(kRegistrationFailedLine), 1);
-  EXPECT_EQ(detail::callTrace().presentPoll.load(), 2);
+  EXPECT_EQ(presentations(), 2);
   EXPECT_EQ(replyCount(), 2u);
   EXPECT_EQ(*fetchCompletions_, std::vector<int>{platform::UIBackgroundFetchResultNewData});
   EXPECT_EQ(*actionCompletions_, 1) << "only the four-argument action completes here; the "
@@ -109,7 +108,7 @@ TEST_F(InterceptionTest, SecondStartUpInstallsNothingTwice) {
     *actionCompletions_ = 0;
     const std::size_t tokensBefore = registrationCount();
     const std::size_t repliesBefore = replyCount();
-    const int presentedBefore = detail::callTrace().presentPoll.load();
+    const int presentedBefore = presentations();
 
     start();
     const auto methodsAfterFirst = platform::class_copyMethodList(cls.get());
@@ -121,7 +120,7 @@ TEST_F(InterceptionTest, SecondStartUpInstallsNothingTwice) {
     EXPECT_EQ(hostCalls_->size(), c.implemented.size());
     EXPECT_EQ(registrationCount() - tokensBefore, 1u);
     EXPECT_EQ(replyCount() - repliesBefore, 2u);
-    EXPECT_EQ(detail::callTrace().presentPoll.load() - presentedBefore, 2);
+    EXPECT_EQ(presentations() - presentedBefore, 2);
     const bool lacking = c.implemented.empty();
     EXPECT_EQ(fetchCompletions_->size(), lacking ? 1u : 0u);
     EXPECT_EQ(*actionCompletions_, lacking ? 1 : 0);
@@ -143,7 +142,7 @@ TEST_F(InterceptionTest, SwizzlingOffLeavesTheClassUntouched) {
   EXPECT_TRUE(deliver(platform::kDidReceiveRemoteNotificationFetchSelector));
   EXPECT_EQ(hostCalls_->size(), 2u);
   EXPECT_EQ(registrationCount(), 0u);
-  EXPECT_EQ(detail::callTrace().presentPoll.load(), 0);
+  EXPECT_EQ(presentations(), 0);
   EXPECT_TRUE(fetchCompletions_->empty());
 }
 

@@ -3,7 +3,7 @@
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Error.h"
 #include "quorvia/service/QVModelPoll.h"
-#include "sdk/CallTrace.h"
+#include "quorvia/ui/QVNotificationView.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {
@@ -72,33 +72,35 @@ TEST_F(PollModelTest, MalformedShapesRaiseForTheCallersGuards) {
 }
 
 TEST_F(PollModelTest, FetchResponsePresentsOnlyTheFirstPoll) {
-  auto& trace = detail::callTrace();
   auto sdk = QuorviaSDK::sharedInstance();
   struct Case {
     const char* name;
     Value response;
-    int presents;
     bool raises;
   };
-  const Case cases[] = {
-      {"three polls", Value{{"results", Value::array({{{"id", 1}}, {{"id", 2}}, {{"id", 3}}})}}, 1,
-       false},
-      {"empty results", Value{{"results", Value::array()}}, 0, false},
-      {"no results", Value{{"count", 0}}, 0, false},
-      {"not a dictionary", Value::array({1}), 0, true},
-      {"results not a list", Value{{"results", "x"}}, 0, true},
+  const Case nothingShown[] = {
+      {"empty results", Value{{"results", Value::array()}}, false},
+      {"no results", Value{{"count", 0}}, false},
+      {"not a dictionary", Value::array({1}), true},
+      {"results not a list", Value{{"results", "x"}}, true},
   };
-  for (const auto& c : cases) {
-    const int before = trace.presentPoll;
+  for (const auto& c : nothingShown) {
     log_.clear();
     if (c.raises) {
       EXPECT_THROW(sdk->parsePollsReponse(c.response), platform::Exception) << c.name;
     } else {
       sdk->parsePollsReponse(c.response);
     }
-    EXPECT_EQ(trace.presentPoll - before, c.presents) << c.name;
+    EXPECT_EQ(sdk->presentedPollView(), nullptr) << c.name;
     EXPECT_TRUE(log_.lines().empty()) << c.name;
   }
+  const Value three = {{"results", Value::array({{{"id", 1}, {"question", "One?"}},
+                                                 {{"id", 2}, {"question", "Two?"}},
+                                                 {{"id", 3}, {"question", "Three?"}}})}};
+  sdk->parsePollsReponse(three);
+  ASSERT_NE(sdk->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk->presentedPollView()->poll()->objectId(), Value(1)) << "only the first";
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: Presenting poll: One?"});
 }
 
 TEST_F(PollModelTest, RemoteNotificationWithMalformedPollIsDroppedWithALogLine) {

@@ -10,7 +10,8 @@
 #include "quorvia/platform/Runtime.h"
 #include "quorvia/platform/Device.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "sdk/CallTrace.h"
+#include "quorvia/ui/QVNotificationView.h"
+#include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {
@@ -20,7 +21,20 @@ using platform::Value;
 
 class StartupTest : public testing::PlatformTest {
  protected:
-  detail::CallTrace& trace() { return detail::callTrace(); }
+  void SetUp() override {
+    PlatformTest::SetUp();
+    transport_ = testing::FakeTransport::install();
+  }
+  /// Poll fetches sent so far.
+  int fetches() const {
+    int n = 0;
+    for (const auto& line : transport_->requestLines()) n += line.rfind("GET /apps/", 0) == 0;
+    return n;
+  }
+  std::shared_ptr<QVNotificationView> banner() {
+    return QuorviaSDK::sharedInstance()->presentedPollView();
+  }
+  std::shared_ptr<testing::FakeTransport> transport_;
   platform::Application& app() { return platform::Application::sharedApplication(); }
 };
 
@@ -53,17 +67,18 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
     const std::optional<std::string> before = QuorviaSDK::currentAppToken();
     const std::string token = "token-" + std::to_string(n++);
     log_.clear();
-    const int fetchesBefore = trace().fetchPolls;
+    const int fetchesBefore = fetches();
     QuorviaSDK::initWithAppToken(token, std::nullopt);
     if (c.runs) {
       EXPECT_EQ(QuorviaSDK::currentAppToken(), token) << c.version;
       EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token)) << c.version;
-      EXPECT_EQ(trace().fetchPolls, fetchesBefore + 1) << c.version;
+      EXPECT_EQ(fetches(), fetchesBefore + 1) << c.version;
+      EXPECT_EQ(transport_->requestLines().back(), "GET /apps/" + token + "/polls/");
     } else {
       EXPECT_EQ(QuorviaSDK::currentAppToken(), before) << c.version << " keeps no token";
       EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
           << c.version;
-      EXPECT_EQ(trace().fetchPolls, fetchesBefore) << c.version;
+      EXPECT_EQ(fetches(), fetchesBefore) << c.version;
     }
   }
   EXPECT_EQ(QuorviaSDK::sharedInstance()->appToken(), std::nullopt)
@@ -117,28 +132,31 @@ TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
       {"payload with poll", withPoll, true},
   };
   for (const auto& c : cases) {
-    const int fetches = trace().fetchPolls, presents = trace().presentPoll,
-              expands = trace().showOptions;
+    const int fetchesBefore = fetches();
+    ASSERT_EQ(banner(), nullptr);
     log_.clear();
     QuorviaSDK::initWithAppToken("A", c.launchOptions, false);
     const bool logged =
         log_.contains("QuorviaSDK: Detected poll in notification upon app launch. Presenting.");
     EXPECT_EQ(logged, c.presents) << c.name;
-    EXPECT_EQ(trace().fetchPolls - fetches, c.presents ? 0 : 1) << c.name;
+    EXPECT_EQ(fetches() - fetchesBefore, c.presents ? 0 : 1) << c.name;
     advance(0.099);
-    EXPECT_EQ(trace().presentPoll, presents) << c.name << ": nothing before 0.1 s";
+    EXPECT_EQ(banner(), nullptr) << c.name << ": nothing before 0.1 s";
     advance(0.001);
-    EXPECT_EQ(trace().presentPoll - presents, c.presents ? 1 : 0) << c.name;
-    EXPECT_EQ(trace().showOptions - expands, c.presents ? 1 : 0) << c.name << ": expanded";
+    ASSERT_EQ(banner() != nullptr, c.presents) << c.name;
+    if (c.presents) {
+      EXPECT_TRUE(banner()->showOptions()) << c.name << ": expanded";
+      EXPECT_EQ(platform::describe(banner()->poll()->objectId()), "7");
+    }
   }
 }
 
 TEST_F(StartupTest, BecomingActiveFetches) {
   QuorviaSDK::sharedInstance();
-  const int fetches = trace().fetchPolls;
+  const int before = fetches();
   platform::NotificationCenter::defaultCenter().postNotificationName(
       platform::UIApplicationDidBecomeActiveNotification);
-  EXPECT_EQ(trace().fetchPolls, fetches + 1);
+  EXPECT_EQ(fetches(), before + 1);
 }
 
 TEST_F(StartupTest, CategoriesMergeOutcomes) {

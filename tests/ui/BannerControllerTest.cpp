@@ -5,7 +5,7 @@
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/BlurView.h"
 #include "quorvia/platform/Window.h"
-#include "sdk/CallTrace.h"
+#include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerTestSupport.h"
 
@@ -19,14 +19,25 @@ constexpr int kBackdropTag = 234555;
 
 class BannerControllerTest : public testing::PlatformTest {
  protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    transport_ = testing::FakeTransport::install();
+  }
   std::shared_ptr<QVNotificationView> present(const Value& poll) {
     return QuorviaSDK::sharedInstance()->presentPollWithPollDict(&poll);
   }
   std::shared_ptr<platform::Window> window() { return platform::keyWindow(); }
-  std::vector<detail::ReplyCall> replies() {
-    std::lock_guard lock(detail::callTrace().mu);
-    return detail::callTrace().replies;
+  /// "path body" of each reply request sent so far.
+  std::vector<std::string> replies() const {
+    std::vector<std::string> sent;
+    const auto lines = transport_->requestLines();
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      if (lines[i].find("/replies/") != std::string::npos)
+        sent.push_back(lines[i] + " " + transport_->bodyText(i));
+    }
+    return sent;
   }
+  std::shared_ptr<testing::FakeTransport> transport_;
 };
 
 TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenths) {
@@ -138,10 +149,7 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
   auto& app = platform::Application::sharedApplication();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.link);
-    {
-      std::lock_guard lock(detail::callTrace().mu);
-      detail::callTrace().replies.clear();
-    }
+    const std::size_t repliesBefore = replies().size();
     auto view = present(pollDict("Q", {{"Yes", c.link}, {"No", ""}}, 7));
     ASSERT_TRUE(view);
     advance(0.3);
@@ -149,7 +157,8 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     log_.clear();
     bool openedAfterReplyAndHide = false;
     app.setOpenURLHandler([&](const std::string&) {
-      openedAfterReplyAndHide = replies().size() == 1 && view->frame().y() == -330;
+      openedAfterReplyAndHide =
+          replies().size() == repliesBefore + 1 && view->frame().y() == -330;
     });
     const auto openedBefore = app.openedURLs().size();
     auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);
@@ -157,22 +166,15 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     window()->tap(testing::centerInWindow(*cell));
 
     const auto calls = replies();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].identifier, "Yes");
-    ASSERT_TRUE(calls[0].pollId);
-    EXPECT_EQ(*calls[0].pollId, Value(7));
-    EXPECT_FALSE(calls[0].completionHandler);
+    ASSERT_EQ(calls.size(), repliesBefore + 1);
+    EXPECT_EQ(calls.back(), "POST /polls/7/replies/ reply_text=Yes");
     EXPECT_EQ(view->frame().y(), -330);  // hiding started
     EXPECT_EQ(app.openedURLs().size() - openedBefore, c.opened ? 1u : 0u);
     EXPECT_EQ(openedAfterReplyAndHide, c.opened);
-    const auto lines = log_.lines();
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.front(), "QuorviaSDK: User tapped action: Yes");
-    if (c.linkLine) {
-      EXPECT_EQ(lines.back(), c.linkLine);
-    } else {
-      EXPECT_EQ(lines.size(), 1u);
-    }
+    std::vector<std::string> expected = {"QuorviaSDK: User tapped action: Yes",
+                                         "QuorviaSDK: Missing user access token!"};
+    if (c.linkLine) expected.push_back(c.linkLine);
+    EXPECT_EQ(log_.lines(), expected) << "tap, then the reply, then the link";
     advance(0.3);
     EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
     app.setOpenURLHandler({});
@@ -187,10 +189,7 @@ TEST_F(BannerControllerTest, CloseSendsDismissAndHides) {
   ASSERT_TRUE(header);
   window()->tap(testing::centerInWindow(*header->closeButton()));
   EXPECT_TRUE(log_.contains("QuorviaSDK: User dismissed poll: Lunch?"));
-  const auto calls = replies();
-  ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].identifier, "Dismiss");
-  EXPECT_EQ(*calls[0].pollId, Value(9));
+  EXPECT_EQ(replies(), std::vector<std::string>{"POST /polls/9/replies/ reply_text=Dismiss"});
   EXPECT_FALSE(view->showOptions());  // the close button does not expand
   advance(0.3);
   EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
