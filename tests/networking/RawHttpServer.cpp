@@ -104,6 +104,11 @@ void RawHttpServer::acceptLoop() {
   }
 }
 
+void RawHttpServer::setResponder(std::function<Answer(const RecordedRequest&)> responder) {
+  std::lock_guard lock(mu_);
+  responder_ = std::move(responder);
+}
+
 void RawHttpServer::serve(int fd) {
   std::string buffer;
   char chunk[16384];
@@ -153,12 +158,23 @@ void RawHttpServer::serve(int fd) {
     request.body = buffer.substr(0, contentLength);
     buffer.erase(0, contentLength);
 
-    std::string answer;
+    Answer reply;
+    std::function<Answer(const RecordedRequest&)> responder;
     {
       std::lock_guard lock(mu_);
+      reply = Answer{status_, contentType_, body_};
+      responder = responder_;
+    }
+    if (responder) reply = responder(request);
+    const std::string answer = "HTTP/1.1 " + std::to_string(reply.status) +
+                               " Answer\r\nContent-Type: " + reply.contentType +
+                               "\r\nContent-Length: " + std::to_string(reply.body.size()) +
+                               "\r\n\r\n" + reply.body;
+    {
+      // Recorded before the answer leaves, so a client that has its answer
+      // always finds its request here.
+      std::lock_guard lock(mu_);
       requests_.push_back(std::move(request));
-      answer = "HTTP/1.1 " + std::to_string(status_) + " Answer\r\nContent-Type: " + contentType_ +
-               "\r\nContent-Length: " + std::to_string(body_.size()) + "\r\n\r\n" + body_;
     }
     switch (mode_) {
       case Mode::kAnswer:

@@ -3,6 +3,7 @@
 // request bytes or a misbehaving server (stall, reset, truncated body).
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -40,6 +41,16 @@ class RawHttpServer {
   int port() const { return port_; }
   std::string url(const std::string& path) const;
   void setAnswer(int status, std::string contentType, std::string body);
+
+  /// What to answer one request with (kAnswer mode).
+  struct Answer {
+    int status = 200;
+    std::string contentType = "application/json";
+    std::string body = "{}";
+  };
+  /// Decides the answer per request, in place of setAnswer's fixed one. Runs on
+  /// the server's connection threads.
+  void setResponder(std::function<Answer(const RecordedRequest&)> responder);
   std::vector<RecordedRequest> requests() const;
   std::size_t requestCount() const;
 
@@ -56,6 +67,7 @@ class RawHttpServer {
   int status_ = 200;
   std::string contentType_ = "application/json";
   std::string body_ = "{\"ok\":1}";
+  std::function<Answer(const RecordedRequest&)> responder_;
   std::vector<RecordedRequest> requests_;
   std::vector<int> connections_;
   std::vector<std::thread> workers_;

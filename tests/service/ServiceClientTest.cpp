@@ -1,0 +1,283 @@
+// The four service calls end to end against a recording server on 127.0.0.1:
+// the bytes on the wire, the access token's life, and the completion rules.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <deque>
+#include <thread>
+
+#include "networking/RawHttpServer.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/keychain/LKKeychain.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/URLSession.h"
+#include "quorvia/ui/QVNotificationView.h"
+#include "support/FakeTransport.h"
+#include "support/PlatformTest.h"
+
+namespace quorvia {
+namespace {
+
+using platform::Value;
+using testing::RawHttpServer;
+using testing::RecordedRequest;
+
+constexpr const char* kResponseInfoSelector =
+    "application:handleActionWithIdentifier:forRemoteNotification:withResponseInfo:"
+    "completionHandler:";
+
+class ServiceClientTest : public testing::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    server_.setResponder([this](const RecordedRequest& request) {
+      std::lock_guard lock(mu_);
+      RawHttpServer::Answer answer;
+      if (request.target == "/endpoints/" && !accessTokens_.empty()) {
+        answer.body = Value{{"access_token", accessTokens_.front()}}.dump();
+        accessTokens_.pop_front();
+      } else if (request.target.find("/polls/") != std::string::npos && request.method == "GET") {
+        answer.body = Value{{"results", polls_}}.dump();
+      }
+      return answer;
+    });
+    // Read once per process; every test runs in a process of its own.
+    ::setenv("QUORVIA_SERVICE_BASE_URL", ("http://127.0.0.1:" + std::to_string(server_.port())).c_str(), 1);
+  }
+
+  void answerRegistrationWith(std::string token) {
+    std::lock_guard lock(mu_);
+    accessTokens_.push_back(std::move(token));
+  }
+  void offerPolls(Value polls) {
+    std::lock_guard lock(mu_);
+    polls_ = std::move(polls);
+  }
+  /// Runs the main queue until the SDK has logged `line` (or 20 s pass).
+  bool waitForLog(const std::string& line) {
+    return loop_->runUntil([&] { return log_.contains(line); }, platform::seconds(20));
+  }
+  bool waitForRequests(std::size_t count) {
+    return loop_->runUntil([&] { return server_.requestCount() >= count; }, platform::seconds(20));
+  }
+  RecordedRequest last() const { return server_.requests().back(); }
+  static std::optional<std::string> storedToken() {
+    return LKKeychain::passwordForService("polls", "user_token");
+  }
+
+  RawHttpServer server_;
+  std::mutex mu_;
+  std::deque<std::string> accessTokens_;
+  Value polls_ = Value::array();
+};
+
+TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
+  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
+  ASSERT_TRUE(waitForRequests(1));
+  EXPECT_EQ(last().method + " " + last().target, "GET /apps/A/polls/") << "no query string";
+  EXPECT_FALSE(last().hasHeader("Authorization")) << "nothing stored yet";
+
+  answerRegistrationWith("tok-1");
+  QuorviaSDK::setDeviceToken(platform::Bytes{0x00, 0x01, 0xab, 0xff, 0x10});
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfully registered device push token."));
+  RecordedRequest registration = last();
+  EXPECT_EQ(registration.method + " " + registration.target, "POST /endpoints/");
+  EXPECT_EQ(registration.body, "push_token=0001abff10&app_token=A&platform=ios");
+  EXPECT_FALSE(registration.hasHeader("Authorization")) << "a first registration is unauthenticated";
+  EXPECT_FALSE(registration.hasHeader("Content-Type")) << "a plain POST gets no form type";
+  EXPECT_EQ(storedToken(), "tok-1");
+
+  const Value pollId = 7;
+  QuorviaSDK::sharedInstance()->sendReplyWithIdentifier("Yes", &pollId, nullptr);
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
+  EXPECT_EQ(last().method + " " + last().target, "POST /polls/7/replies/");
+  EXPECT_EQ(last().body, "reply_text=Yes");
+  EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
+
+  QuorviaSDK::sharedInstance()->fetchPolls();
+  ASSERT_TRUE(waitForRequests(4));
+  EXPECT_EQ(last().target, "/apps/A/polls/");
+  EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
+
+  QuorviaSDK::setUserInfo(Value{{"name", "A"}});
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Failed to set user info: {\n    name = A;\n}"));
+  EXPECT_EQ(last().method + " " + last().target, "POST /me");
+  EXPECT_EQ(last().body, "user_info={\n    name = A;\n}");
+  EXPECT_EQ(last().header("Authorization"), "JWT tok-1") << "rides on the header installed last";
+
+  // A second registration replaces the token, and the header follows.
+  answerRegistrationWith("tok-2");
+  QuorviaSDK::setDeviceToken(platform::Bytes{0xff});
+  ASSERT_TRUE(waitForRequests(6));
+  EXPECT_EQ(last().header("Authorization"), "JWT tok-1") << "registration sends the stored token";
+  ASSERT_TRUE(loop_->runUntil([] { return storedToken() == "tok-2"; }, platform::seconds(20)));
+  QuorviaSDK::sharedInstance()->fetchPolls();
+  ASSERT_TRUE(waitForRequests(7));
+  EXPECT_EQ(last().header("Authorization"), "JWT tok-2");
+
+  for (const auto& line : log_.lines()) {
+    EXPECT_EQ(line.find("tok-"), std::string::npos) << "the access token reached a log line: " << line;
+  }
+}
+
+TEST_F(ServiceClientTest, RegistrationBeforeStartUpLeavesOutTheAppToken) {
+  QuorviaSDK::setDeviceToken(platform::Bytes{0xde, 0xad, 0xbe, 0xef, 0x00, 0x01, 0x02, 0x03, 0x04});
+  QuorviaSDK::setDeviceToken(std::nullopt);  // nil is ignored
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfully registered device push token."));
+  ASSERT_EQ(server_.requestCount(), 1u);
+  EXPECT_EQ(last().body, "push_token=deadbeef0001020304&platform=ios");
+  EXPECT_EQ(storedToken(), std::nullopt) << "an answer without access_token stores nothing";
+
+  QuorviaSDK::sharedInstance()->fetchPolls();
+  ASSERT_TRUE(waitForRequests(2));
+  EXPECT_EQ(last().target, "/apps/(null)/polls/") << "the platform's text for a nil token";
+}
+
+TEST_F(ServiceClientTest, ReplyToAPollWithoutIdGoesToTheNullPath) {
+  QuorviaSDK::handleActionWithIdentifier("Yes", Value{{"poll", {{"question", "Q?"}}}});
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
+  EXPECT_EQ(last().target, "/polls/(null)/replies/");
+  EXPECT_EQ(last().body, "reply_text=Yes");
+  const auto lines = log_.lines();
+  ASSERT_GE(lines.size(), 3u);
+  EXPECT_EQ(lines[0], "nil id") << "unprefixed and ungated";
+  EXPECT_EQ(lines[1], "QuorviaSDK: Poll id is nil!");
+  EXPECT_EQ(lines[2], "QuorviaSDK: Missing user access token!");
+  EXPECT_FALSE(last().hasHeader("Authorization"));
+}
+
+// The handler is called by the reply's completion only when the SDK supplied
+// the response-info callback itself, whichever path delivered the reply.
+TEST_F(ServiceClientTest, ReplyCompletionCallsTheHandlerOnlyForAnSdkSuppliedCallback) {
+  struct Case {
+    const char* name;
+    std::optional<Value> added;
+    int calls;
+  };
+  const Case cases[] = {{"absent", std::nullopt, 0}, {"false", false, 0}, {"true", true, 1}};
+  auto sdk = QuorviaSDK::sharedInstance();
+  auto& app = platform::Application::sharedApplication();
+  for (const auto& c : cases) {
+    if (c.added) sdk->mutableAddedMethods()[kResponseInfoSelector] = *c.added;
+    int calls = 0;
+    log_.clear();
+    sdk->sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
+    const auto task = QuorviaSDK::currentReplyBackgroundTask();
+    EXPECT_NE(task, platform::UIBackgroundTaskInvalid) << c.name;
+    ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No")) << c.name;
+    drain();
+    EXPECT_EQ(calls, c.calls) << c.name;
+    EXPECT_EQ(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
+                            kResponseInfoSelector),
+              c.calls == 1)
+        << c.name;
+    EXPECT_EQ(QuorviaSDK::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid) << c.name;
+    const auto records = app.backgroundTasks();
+    EXPECT_EQ(records.back().name, "MyTask");
+    EXPECT_TRUE(records.back().ended) << c.name;
+  }
+}
+
+TEST_F(ServiceClientTest, ExpiredBackgroundTaskIsEndedOnceAndTheReplyStillCompletes) {
+  auto sdk = QuorviaSDK::sharedInstance();
+  sdk->mutableAddedMethods()[kResponseInfoSelector] = true;
+  auto& app = platform::Application::sharedApplication();
+  int ends = 0;
+  app.setBackgroundTaskObserver([&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
+  int calls = 0;
+  const Value pollId = "p1";
+  sdk->sendReplyWithIdentifier("Yes", &pollId, [&] { ++calls; });
+  ASSERT_TRUE(app.expireBackgroundTask(QuorviaSDK::currentReplyBackgroundTask()));
+  EXPECT_EQ(QuorviaSDK::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid);
+  EXPECT_EQ(ends, 1);
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
+  drain();
+  EXPECT_EQ(calls, 1) << "the handler is still called once";
+  EXPECT_EQ(ends, 1) << "the completion finds no task to end";
+  app.setBackgroundTaskObserver({});
+}
+
+TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
+  offerPolls(Value::array({{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
+                           {{"id", 12}, {"question", "Second?"}}}));
+  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Presenting poll: First?"));
+  ASSERT_NE(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView()->poll()->objectId(), Value(11));
+  EXPECT_FALSE(log_.contains("QuorviaSDK: Presenting poll: Second?"));
+}
+
+// On the fake transport each answer is delivered exactly when the test says.
+TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
+  auto transport = testing::FakeTransport::install();
+  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
+  const std::string answers[] = {R"({"results":[]})", R"({"results":"not a list"})",
+                                 R"({"count":3})", R"([1,2])", "<html>500</html>", ""};
+  for (std::size_t i = 0; i < std::size(answers); ++i) {
+    if (i > 0) QuorviaSDK::sharedInstance()->fetchPolls();
+    ASSERT_EQ(transport->requestCount(), i + 1);
+    transport->respond(i, i == 4 ? 500 : 200, answers[i]);
+    drain();
+  }
+  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(log_.lines(), (std::vector<std::string>{"QuorviaSDK: Initialized SDK with app token: A",
+                                                    "QuorviaSDK: Swizzling is disabled, please make "
+                                                    "sure to call required methods."}));
+
+  // A transport error is written unprefixed and ungated, and nothing is shown.
+  QuorviaSDK::setDebug(false);
+  QuorviaSDK::sharedInstance()->fetchPolls();
+  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost, "Could not connect to the server.");
+  drain();
+  EXPECT_EQ(log_.lines().back(),
+            "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the server.\" "
+            "UserInfo={NSLocalizedDescription=Could not connect to the server.}");
+}
+
+TEST_F(ServiceClientTest, AccessTokenWithALineBreakNeverReachesTheWire) {
+  ASSERT_TRUE(LKKeychain::setPassword("good", "polls", "user_token"));
+  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
+  ASSERT_TRUE(waitForRequests(1));
+  EXPECT_EQ(last().header("Authorization"), "JWT good");
+
+  answerRegistrationWith("evil\r\nX-Injected: 1");
+  QuorviaSDK::setDeviceToken(platform::Bytes{0x01});
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Ignored an access token that is not a single line of text."));
+  EXPECT_EQ(storedToken(), "good") << "the stored token stays";
+
+  ASSERT_TRUE(LKKeychain::setPassword("bad\nX-Injected: 1", "polls", "user_token"));
+  QuorviaSDK::sharedInstance()->fetchPolls();
+  ASSERT_TRUE(waitForRequests(3));
+  EXPECT_TRUE(log_.contains("QuorviaSDK: Refused to send an access token holding a line break."));
+  for (const auto& request : server_.requests()) {
+    EXPECT_FALSE(request.hasHeader("X-Injected")) << request.target;
+  }
+  EXPECT_EQ(last().header("Authorization"), "JWT good") << "the header fields stay as they were";
+}
+
+TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {
+  QuorviaSDK::sharedInstance();
+  constexpr int kThreads = 8, kEach = 5;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < kEach; ++i) QuorviaSDK::setUserInfo(Value{{"thread", t}, {"i", i}});
+    });
+  }
+  QuorviaSDK::setUserInfo(std::nullopt);  // nil: no line, no request
+  const bool all = waitForRequests(kThreads * kEach);
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(all);
+  ASSERT_TRUE(loop_->runUntil(
+      [&] {
+        int done = 0;
+        for (const auto& line : log_.lines()) done += line.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
+        return done == kThreads * kEach;
+      },
+      platform::seconds(20)));
+  EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), kThreads * kEach);
+  for (const auto& request : server_.requests()) EXPECT_EQ(request.target, "/me");
+}
+
+}  // namespace
+}  // namespace quorvia
