@@ -2,8 +2,11 @@
 
 find_program(QUORVIA_CCACHE ccache)
 if(QUORVIA_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
-  set(CMAKE_C_COMPILER_LAUNCHER ${QUORVIA_CCACHE})
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${QUORVIA_CCACHE})
+  # The sloppiness lets ccache cache sources built with a precompiled header.
+  set(QUORVIA_LAUNCHER env CCACHE_SLOPPINESS=pch_defines,time_macros,include_file_mtime,include_file_ctime
+      ${QUORVIA_CCACHE})
+  set(CMAKE_C_COMPILER_LAUNCHER ${QUORVIA_LAUNCHER})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${QUORVIA_LAUNCHER})
 endif()
 
 if(QUORVIA_SANITIZE)
