@@ -129,3 +129,52 @@ TEST_F(SimFlowTest, BadCommandGetsAnErrorAndTheSimulatorGoesOn) {
 
 }  // namespace
 }  // namespace quorvia::testing
+
+namespace quorvia::testing {
+namespace {
+
+TEST_F(SimFlowTest, KeychainAndRequestCommandsReportWhatTheSdkReturned) {
+  struct Case {
+    Json command;
+    Json result;
+    bool failed;
+  };
+  const std::vector<Case> cases = {
+      {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}}, nullptr, true},
+      {{{"cmd", "keychain"}, {"op", "setPassword"}, {"service", "s"}, {"account", "a"},
+        {"password", "p\xC3\xA4ss"}},
+       true, false},
+      {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}},
+       "p\xC3\xA4ss", false},
+      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}}, true, false},
+      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}}, false, true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.command.dump());
+    sim_->send(c.command);
+    const auto answer = sim_->waitForEvent("keychain");
+    ASSERT_TRUE(answer);
+    EXPECT_EQ((*answer)["result"], c.result);
+    EXPECT_EQ((*answer)["error"].is_object(), c.failed) << answer->dump();
+  }
+
+  createPollWithOptions("Listed?", {"Yes"});
+  sim_->send({{"cmd", "request"}, {"op", "getJsonCachelessFromURL"},
+              {"url", baseURL() + "/admin/polls"}});
+  auto response = sim_->waitForEvent("response");
+  ASSERT_TRUE(response);
+  EXPECT_EQ((*response)["result"]["polls"][0]["question"], "Listed?") << response->dump();
+  EXPECT_TRUE((*response)["error"].is_null());
+  EXPECT_EQ((*response)["synchronous"], false) << "a network answer comes on the main queue";
+
+  // Nothing listens on port 1 of loopback: a transport error, reported as such.
+  sim_->send({{"cmd", "request"}, {"op", "postToURL"}, {"url", "http://127.0.0.1:1/x"},
+              {"param", {{"k", "v"}}}});
+  response = sim_->waitForEvent("response");
+  ASSERT_TRUE(response);
+  EXPECT_TRUE((*response)["result"].is_null());
+  EXPECT_TRUE((*response)["error"].is_object()) << response->dump();
+}
+
+}  // namespace
+}  // namespace quorvia::testing
