@@ -38,9 +38,8 @@ TEST_F(SimFlowTest, FetchedPollIsShownAnsweredAndRecordedOnceForTheDevice) {
 
   sim_->send({{"cmd", "tapOption"}, {"index", 1}});
   ASSERT_TRUE(sim_->waitForLog(std::string("QuorviaSDK: Successfuly sent reply: ") + kCoffee));
-  ASSERT_TRUE(sim_->waitFor([](const Json& e) {
-    return e["event"] == "backgroundTask" && e["action"] == "end";
-  }));
+  ASSERT_TRUE(sim_->waitFor(
+      [](const Json& e) { return e["event"] == "backgroundTask" && e["action"] == "end"; }));
   const auto tasks = sim_->eventsNamed("backgroundTask");
   ASSERT_EQ(tasks.size(), 2u) << "the reply ran under one background task";
   EXPECT_EQ(tasks[0]["action"], "begin");
@@ -140,14 +139,25 @@ TEST_F(SimFlowTest, KeychainAndRequestCommandsReportWhatTheSdkReturned) {
     bool failed;
   };
   const std::vector<Case> cases = {
-      {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}}, nullptr, true},
-      {{{"cmd", "keychain"}, {"op", "setPassword"}, {"service", "s"}, {"account", "a"},
-        {"password", "p\xC3\xA4ss"}},
-       true, false},
       {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}},
-       "p\xC3\xA4ss", false},
-      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}}, true, false},
-      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}}, false, true},
+       nullptr,
+       true},
+      {{{"cmd", "keychain"},
+        {"op", "setPassword"},
+        {"service", "s"},
+        {"account", "a"},
+        {"password", "p\xC3\xA4ss"}},
+       true,
+       false},
+      {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}},
+       "p\xC3\xA4ss",
+       false},
+      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}},
+       true,
+       false},
+      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}},
+       false,
+       true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.command.dump());
@@ -159,8 +169,8 @@ TEST_F(SimFlowTest, KeychainAndRequestCommandsReportWhatTheSdkReturned) {
   }
 
   createPollWithOptions("Listed?", {"Yes"});
-  sim_->send({{"cmd", "request"}, {"op", "getJsonCachelessFromURL"},
-              {"url", baseURL() + "/admin/polls"}});
+  sim_->send(
+      {{"cmd", "request"}, {"op", "getJsonCachelessFromURL"}, {"url", baseURL() + "/admin/polls"}});
   auto response = sim_->waitForEvent("response");
   ASSERT_TRUE(response);
   EXPECT_EQ((*response)["result"]["polls"][0]["question"], "Listed?") << response->dump();
@@ -168,7 +178,9 @@ TEST_F(SimFlowTest, KeychainAndRequestCommandsReportWhatTheSdkReturned) {
   EXPECT_EQ((*response)["synchronous"], false) << "a network answer comes on the main queue";
 
   // Nothing listens on port 1 of loopback: a transport error, reported as such.
-  sim_->send({{"cmd", "request"}, {"op", "postToURL"}, {"url", "http://127.0.0.1:1/x"},
+  sim_->send({{"cmd", "request"},
+              {"op", "postToURL"},
+              {"url", "http://127.0.0.1:1/x"},
               {"param", {{"k", "v"}}}});
   response = sim_->waitForEvent("response");
   ASSERT_TRUE(response);

@@ -39,8 +39,8 @@ std::int64_t SimFlowTest::createPollWithOptions(const std::string& question,
 }
 
 void SimFlowTest::launchAndRegister(const Json& delegate) {
-  Json launch = {{"cmd", "launch"}, {"appToken", kAppToken}, {"launchOptions", nullptr},
-                 {"swizzling", true}};
+  Json launch = {
+      {"cmd", "launch"}, {"appToken", kAppToken}, {"launchOptions", nullptr}, {"swizzling", true}};
   if (!delegate.is_null()) launch["delegate"] = delegate;
   sim_->send(launch);
   sim_->send({{"cmd", "deviceToken"}, {"hex", kPushTokenHex}});

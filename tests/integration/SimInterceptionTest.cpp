@@ -41,22 +41,44 @@ TEST_F(SimFlowTest, InterceptedCallbackRunsLibraryThenHostAndCompletesOnce) {
     Json libraryEvent;
   };
   const std::vector<Case> cases = {
-      {"host implements the fetch callback", {{"implements", {fetch}}},
-       {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}}, fetch, true, 1,
+      {"host implements the fetch callback",
+       {{"implements", {fetch}}},
+       {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}},
+       fetch,
+       true,
+       1,
        {{"event", "log"}, {"line", "QuorviaSDK: Presenting poll: " + question}}},
-      {"host lacks the fetch callback", {{"implements", Json::array()}},
-       {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}}, fetch, false, 0,
+      {"host lacks the fetch callback",
+       {{"implements", Json::array()}},
+       {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}},
+       fetch,
+       false,
+       0,
        {{"event", "log"}, {"line", "QuorviaSDK: Presenting poll: " + question}}},
-      {"only the host's superclass has it", {{"superclassImplements", {fetch}}},
-       {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}}, fetch, false, 0,
+      {"only the host's superclass has it",
+       {{"superclassImplements", {fetch}}},
+       {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}},
+       fetch,
+       false,
+       0,
        {{"event", "log"}, {"line", "QuorviaSDK: Presenting poll: " + question}}},
-      {"host implements the action callback", {{"implements", {action}}},
-       {{"cmd", "action"}, {"identifier", "Red"}, {"payload", payload}}, action, true, nullptr,
+      {"host implements the action callback",
+       {{"implements", {action}}},
+       {{"cmd", "action"}, {"identifier", "Red"}, {"payload", payload}},
+       action,
+       true,
+       nullptr,
        {{"event", "backgroundTask"}, {"action", "begin"}}},
-      {"host lacks the action callback with response info", nullptr,
-       {{"cmd", "action"}, {"identifier", "Blue"}, {"payload", payload},
+      {"host lacks the action callback with response info",
+       nullptr,
+       {{"cmd", "action"},
+        {"identifier", "Blue"},
+        {"payload", payload},
         {"responseInfo", {{"UIUserNotificationActionResponseTypedTextKey", "hi"}}}},
-       actionWithInfo, false, nullptr, {{"event", "log"}, {"line", "QuorviaSDK: Successfuly sent reply: Blue"}}},
+       actionWithInfo,
+       false,
+       nullptr,
+       {{"event", "log"}, {"line", "QuorviaSDK: Successfuly sent reply: Blue"}}},
   };
 
   for (const Case& c : cases) {
@@ -102,8 +124,11 @@ TEST_F(SimFlowTest, InterceptedCallbackRunsLibraryThenHostAndCompletesOnce) {
 
 TEST_F(SimFlowTest, DeviceTokenReachesTheLibraryBeforeTheHostAndWithoutInterceptionNothing) {
   const std::string registered(platform::kDidRegisterForRemoteNotificationsSelector);
-  sim_->send({{"cmd", "launch"}, {"appToken", kAppToken}, {"launchOptions", nullptr},
-              {"swizzling", false}, {"delegate", {{"implements", {registered}}}}});
+  sim_->send({{"cmd", "launch"},
+              {"appToken", kAppToken},
+              {"launchOptions", nullptr},
+              {"swizzling", false},
+              {"delegate", {{"implements", {registered}}}}});
   sim_->send({{"cmd", "deviceToken"}, {"hex", kPushTokenHex}});
   ASSERT_TRUE(sim_->waitForEvent("hostCallback"));
   Json state = sim_->stateAfter(0.3);

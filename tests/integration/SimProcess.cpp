@@ -29,7 +29,8 @@ SimProcess::SimProcess(const std::string& serviceBaseURL,
 
   std::vector<std::string> environment;
   for (char** entry = environ; *entry; ++entry) {
-    if (std::strncmp(*entry, "QUORVIA_SERVICE_BASE_URL=", 25) != 0) environment.emplace_back(*entry);
+    if (std::strncmp(*entry, "QUORVIA_SERVICE_BASE_URL=", 25) != 0)
+      environment.emplace_back(*entry);
   }
   environment.push_back("QUORVIA_SERVICE_BASE_URL=" + serviceBaseURL);
   std::vector<char*> envp;
@@ -40,7 +41,8 @@ SimProcess::SimProcess(const std::string& serviceBaseURL,
   std::string dataFlag = "--data-dir";
   std::string dataValue = dataDirectory.string();
   std::vector<char*> argv = {program.data(), dataFlag.data(), dataValue.data(), nullptr};
-  const int spawned = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+  const int spawned =
+      posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   close(toChild[0]);
   close(fromChild[1]);
@@ -128,7 +130,9 @@ std::optional<SimProcess::Json> SimProcess::waitForEvent(const std::string& name
 }
 
 std::optional<SimProcess::Json> SimProcess::waitForLog(const std::string& line) {
-  return waitFor([&line](const Json& e) { return e.value("event", "") == "log" && e.value("line", "") == line; });
+  return waitFor([&line](const Json& e) {
+    return e.value("event", "") == "log" && e.value("line", "") == line;
+  });
 }
 
 SimProcess::Json SimProcess::state() {

@@ -58,7 +58,8 @@ std::optional<platform::Value> optionalDictionary(const platform::Value& command
 std::optional<platform::Bytes> optionalHex(const platform::Value& command, std::string_view key) {
   const std::optional<std::string> text = optionalString(command, key);
   if (!text) return std::nullopt;
-  if (text->size() % 2 != 0) throw CommandError(quoted(key) + " must have an even number of digits");
+  if (text->size() % 2 != 0)
+    throw CommandError(quoted(key) + " must have an even number of digits");
   platform::Bytes bytes;
   bytes.reserve(text->size() / 2);
   for (std::size_t i = 0; i < text->size(); i += 2) {

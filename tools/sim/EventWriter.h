@@ -2,9 +2,8 @@
 
 #include <cstdio>
 #include <mutex>
-#include <string>
-
 #include <nlohmann/json.hpp>
+#include <string>
 
 namespace quorvia::sim {
 

@@ -55,10 +55,10 @@ void drawHostScreen(platform::Window& window) {
   for (std::size_t i = 0; i < trips.size(); ++i) {
     auto card = View::make(Rect::make(16, 80 + static_cast<double>(i) * 96, width - 32, 84));
     card->setBackgroundColor(Color::whiteColor());
-    card->addSubview(label(Rect::make(16, 14, width - 64, 24), trips[i].title, "DejaVu Sans 15",
-                           kText));
-    card->addSubview(label(Rect::make(16, 44, width - 96, 22), trips[i].detail,
-                           "DejaVu Sans 12", kSecondaryText));
+    card->addSubview(
+        label(Rect::make(16, 14, width - 64, 24), trips[i].title, "DejaVu Sans 15", kText));
+    card->addSubview(label(Rect::make(16, 44, width - 96, 22), trips[i].detail, "DejaVu Sans 12",
+                           kSecondaryText));
     auto accent = View::make(Rect::make(width - 56, 34, 12, 12));
     accent->setBackgroundColor(trips[i].accent);
     card->addSubview(accent);

@@ -78,7 +78,8 @@ void Simulator::tapOption(const Json& command) {
   if (!index || !index->is_number_integer()) throw CommandError("\"index\" must be an integer");
   auto banner = presentedBanner(sdkStarted_);
   if (!banner->showOptions()) throw CommandError("the banner is not expanded");
-  const int rows = banner->tableView()->numberOfRowsInSection(QVNotificationViewModel::kOptionsSection);
+  const int rows =
+      banner->tableView()->numberOfRowsInSection(QVNotificationViewModel::kOptionsSection);
   const auto row = index->get<std::int64_t>();
   if (row < 0 || row >= rows) {
     throw CommandError("\"index\" must be below the number of options, " + std::to_string(rows));
@@ -126,7 +127,8 @@ void Simulator::state(const Json&) {
   if (auto view = platform::keyWindow()->viewWithTag(kBackdropTag)) {
     backdrop = {{"alpha", view->presentationAlpha()}};
   }
-  const std::optional<std::string> token = LKKeychain::passwordForService(kTokenService, kTokenAccount);
+  const std::optional<std::string> token =
+      LKKeychain::passwordForService(kTokenService, kTokenAccount);
   Value added = Value::array();
   if (sdk) {
     for (const auto& [selector, flag] : sdk->addedMethods().items()) {

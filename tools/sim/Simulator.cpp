@@ -26,7 +26,8 @@ constexpr const char* kDefaultSystemVersion = "17.0";
 Value categoryIdentifiers(const std::optional<platform::CategorySet>& categories) {
   if (!categories) return nullptr;
   Value identifiers = Value::array();
-  for (const auto& category : categories->allObjects()) identifiers.push_back(category.identifier());
+  for (const auto& category : categories->allObjects())
+    identifiers.push_back(category.identifier());
   return identifiers;
 }
 
@@ -39,8 +40,8 @@ std::vector<std::string> selectorList(const Value& delegate, std::string_view ke
   for (const Value& selector : *list) {
     if (!selector.is_string() ||
         std::find(known.begin(), known.end(), selector.get<std::string>()) == known.end()) {
-      throw CommandError("\"delegate." + std::string(key) + "\" names no push callback: " +
-                         selector.dump());
+      throw CommandError("\"delegate." + std::string(key) +
+                         "\" names no push callback: " + selector.dump());
     }
     selectors.push_back(selector.get<std::string>());
   }
@@ -112,14 +113,17 @@ void Simulator::install() {
   });
   auto& app = platform::Application::sharedApplication();
   app.setSettingsRegisteredObserver([events](const platform::NotificationSettings& settings) {
-    events->write("settingsRegistered",
-                  {{"types", settings.types}, {"categories", categoryIdentifiers(settings.categories)}});
+    events->write("settingsRegistered", {{"types", settings.types},
+                                         {"categories", categoryIdentifiers(settings.categories)}});
   });
   app.setBackgroundTaskObserver([events](const platform::BackgroundTaskRecord& task, bool began) {
-    events->write("backgroundTask",
-                  {{"action", began ? "begin" : "end"}, {"name", task.name}, {"id", task.identifier}});
+    events->write(
+        "backgroundTask",
+        {{"action", began ? "begin" : "end"}, {"name", task.name}, {"id", task.identifier}});
   });
-  app.setOpenURLHandler([events](const std::string& url) { events->write("openURL", {{"url", url}}); });
+  app.setOpenURLHandler([events](const std::string& url) {
+    events->write("openURL", {{"url", url}});
+  });
   remoteNotificationRequests_ = app.remoteNotificationRegistrationCount();
   drawHostScreen(*platform::keyWindow());
 }
@@ -142,7 +146,8 @@ bool Simulator::execute(std::string_view line) {
 }
 
 void Simulator::reportPlatformRequests() {
-  const int requests = platform::Application::sharedApplication().remoteNotificationRegistrationCount();
+  const int requests =
+      platform::Application::sharedApplication().remoteNotificationRegistrationCount();
   for (; remoteNotificationRequests_ < requests; ++remoteNotificationRequests_) {
     events_->write("remoteNotificationsRequested");
   }
@@ -165,7 +170,8 @@ void Simulator::launch(const Json& command) {
   std::optional<Value> launchOptions;
   if (launchOptionsField) launchOptions = *launchOptionsField;
   const Value* swizzling = field(command, "swizzling");
-  if (swizzling && !swizzling->is_boolean()) throw CommandError("\"swizzling\" must be true or false");
+  if (swizzling && !swizzling->is_boolean())
+    throw CommandError("\"swizzling\" must be true or false");
   const std::string systemVersion =
       optionalString(command, "systemVersion").value_or(kDefaultSystemVersion);
   HostDelegateSpec spec;
@@ -242,7 +248,8 @@ void Simulator::lifecycle(const Json& command) {
   const std::string name = requiredString(command, "cmd");
   const char* notification = platform::UIApplicationDidBecomeActiveNotification;
   if (name == "resignActive") notification = platform::UIApplicationWillResignActiveNotification;
-  if (name == "enterBackground") notification = platform::UIApplicationDidEnterBackgroundNotification;
+  if (name == "enterBackground")
+    notification = platform::UIApplicationDidEnterBackgroundNotification;
   if (name == "terminate") notification = platform::UIApplicationWillTerminateNotification;
   platform::NotificationCenter::defaultCenter().postNotificationName(notification);
 }

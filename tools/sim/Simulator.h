@@ -3,10 +3,9 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 #include "EventWriter.h"
 #include "quorvia/platform/Runtime.h"

@@ -31,8 +31,9 @@ struct PendingResponse {
 
   void complete(Value result, const std::optional<platform::Error>& error) {
     done = true;
-    events->write("response",
-                  {{"result", std::move(result)}, {"error", errorOf(error)}, {"synchronous", inCall}});
+    events->write(
+        "response",
+        {{"result", std::move(result)}, {"error", errorOf(error)}, {"synchronous", inCall}});
   }
 };
 
@@ -71,7 +72,8 @@ void Simulator::request(const Json& command) {
   } else if (op == "postImageToURL") {
     const std::optional<Value> upload = optionalDictionary(command, "image");
     if (!upload) throw CommandError("\"image\" is required for postImageToURL");
-    SimpleNetworking::postImageToURL(url, param, optionalHex(*upload, "hex").value_or(platform::Bytes{}),
+    SimpleNetworking::postImageToURL(url, param,
+                                     optionalHex(*upload, "hex").value_or(platform::Bytes{}),
                                      optionalString(*upload, "name").value_or(""),
                                      optionalString(*upload, "extension").value_or(""), json);
   } else if (op == "putToURL") {

@@ -1,7 +1,6 @@
 // quorvia-sim: a host application around the Quorvia SDK, driven by JSON lines.
 
 #include <CLI/CLI.hpp>
-
 #include <cstdio>
 #include <fstream>
 #include <iostream>
