@@ -11,7 +11,7 @@ packages=(
   libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
   libstb-dev libcpp-httplib-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  python3 procps
+  python3 procps curl
 )
 
 if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi
