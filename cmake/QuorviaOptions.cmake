@@ -18,3 +18,12 @@ endif()
 function(quorvia_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers)
 endfunction()
+
+# Fontconfig keeps caches for the life of the process and Pango loads it on a
+# glib thread behind locks the sanitizers cannot see: every executable that may
+# render text carries the suppressions for those libraries' own reports.
+function(quorvia_sanitizer_suppressions target)
+  if(QUORVIA_SANITIZE)
+    target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/cmake/SanitizerSuppressions.cpp)
+  endif()
+endfunction()
