@@ -35,7 +35,8 @@ printf '{"unstripped": %d, "stripped": %d}\n' "$(stat -c %s "$library")" \
 for bench in "${benches[@]}"; do
   echo "== run $bench" >&2
   path="$(find build/release/bench -maxdepth 2 -type f -name "$bench" -executable | head -1)"
-  "$path" --benchmark_format=json >"$out/$bench.json" 2>/dev/null
+  # JSON to a file: some benchmarks print a summary of their own on the console.
+  timeout 900 "$path" --benchmark_out="$out/$bench.json" --benchmark_out_format=json >"$out/$bench.txt" 2>&1
 done
 
 python3 - "$out" <<'PY'
@@ -74,7 +75,7 @@ memory = runs.get("BM_ResidentMemoryOfStartedSdkWithBanner", {})
 
 rows = []
 def row(figure, target, value, shown, baseline, limit):
-    ok = "n/a" if value is None or limit is None else ("yes" if value < limit else "NO")
+    ok = "n/a" if value is None or limit is None else ("yes" if value <= limit else "NO")
     rows.append((figure, target, shown, baseline, ok))
 
 t = us("BM_Startup")
@@ -88,11 +89,13 @@ t = us("BM_GetJsonCachelessRoundTrip")
 row("request round trip (cacheless GET)", "networking_bench", t, fmt_time(t),
     f"raw libcurl {fmt_time(raw)}", None if raw is None else 2 * raw + 100)
 t = us("BM_GetJsonCachelessSixteenInFlight")
-row("16 requests in flight", "networking_bench", t, fmt_time(t),
-    f"raw libcurl x16 {fmt_time(None if raw is None else 16 * raw)}",
-    None if raw is None else 16 * 2 * raw)
+rate = runs.get("BM_GetJsonCachelessSixteenInFlight", {}).get("items_per_second")
+rows.append(("16 requests in flight", "networking_bench",
+             "n/a" if rate is None else f"{rate:,.0f} requests/s",
+             f"raw libcurl {0 if raw is None else 1e6 / raw:,.0f} requests/s one at a time",
+             "n/a" if rate is None else ("yes" if rate >= 10000 else "NO")))
 t = us("BM_GetJsonCachedHit")
-row("cached hit", "networking_bench", t, fmt_time(t), f"raw libcurl {fmt_time(raw)}", 50)
+row("cached hit", "networking_bench", t, fmt_time(t), f"raw libcurl {fmt_time(raw)}", 5)
 sq = us("BM_RawSQLitePointRead")
 t = us("BM_PasswordForService")
 row("keychain read (passwordForService)", "keychain_bench", t, fmt_time(t),
@@ -115,9 +118,9 @@ row("resident memory added (start-up + banner + 1 frame)", "memory_bench",
 targets = {
     "start-up (initWithAppToken)": "< 1 ms",
     "first start-up (creates the instance)": "< 5 ms",
-    "request round trip (cacheless GET)": "< 2 x raw + 100 µs",
-    "16 requests in flight": "< 2 x raw x 16",
-    "cached hit": "< 50 µs",
+    "request round trip (cacheless GET)": "<= 1.10 x raw libcurl",
+    "16 requests in flight": ">= 10,000 requests/s",
+    "cached hit": "< 5 µs",
     "keychain read (passwordForService)": "< 100 µs",
     "keychain durable save": "< 50 ms",
     "frame render (expanded banner, 750x1334)": "< 16.67 ms",
