@@ -20,5 +20,20 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/quorviaConfigVersion.cmak
 install(FILES ${PROJECT_BINARY_DIR}/quorviaConfig.cmake
   ${PROJECT_BINARY_DIR}/quorviaConfigVersion.cmake DESTINATION ${QUORVIA_CMAKE_DIR})
 
+# A static libquorvia needs its dependencies on every link line, so they go
+# under Requires and a plain `pkg-config --libs quorvia` links them (as shared
+# libraries; --static would ask for their own static archives too).
+set(QUORVIA_PC_DEPENDENCIES "libcurl sqlite3 icu-uc icu-i18n pangocairo cairo stb")
+if(BUILD_SHARED_LIBS)
+  set(QUORVIA_PC_REQUIRES "")
+  set(QUORVIA_PC_REQUIRES_PRIVATE " ${QUORVIA_PC_DEPENDENCIES}")
+  set(QUORVIA_PC_LIBS "")
+  set(QUORVIA_PC_LIBS_PRIVATE " -pthread")
+else()
+  set(QUORVIA_PC_REQUIRES " ${QUORVIA_PC_DEPENDENCIES}")
+  set(QUORVIA_PC_REQUIRES_PRIVATE "")
+  set(QUORVIA_PC_LIBS " -pthread")
+  set(QUORVIA_PC_LIBS_PRIVATE "")
+endif()
 configure_file(cmake/quorvia.pc.in ${PROJECT_BINARY_DIR}/quorvia.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quorvia.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

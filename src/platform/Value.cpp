@@ -204,6 +204,9 @@ std::string hexString(const Bytes& bytes) {
 
 std::optional<Value> parseJson(std::string_view text) {
   if (!nestingWithinLimit(text)) return std::nullopt;
+  // The parser takes a NUL byte for the end of the text and would accept
+  // whatever follows it; a raw NUL is valid nowhere in JSON.
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
   Value v = Value::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
   if (v.is_discarded() || !v.is_structured()) return std::nullopt;
   return v;

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "quorvia/platform/Log.h"
@@ -144,8 +145,8 @@ class CurlTransport final : public URLTransport {
     curl_multi_wakeup(multi_);
     thread_.join();
     // Requests still queued or in flight when the process ends are abandoned.
-    for (auto& transfer : active_) {
-      curl_multi_remove_handle(multi_, transfer->easy);
+    for (auto& [easy, transfer] : active_) {
+      curl_multi_remove_handle(multi_, easy);
       curl_easy_cleanup(transfer->easy);
     }
     for (CURL* easy : idle_) curl_easy_cleanup(easy);
@@ -268,20 +269,15 @@ class CurlTransport final : public URLTransport {
                                                                    "curl_multi_add_handle failed")});
       return;
     }
-    active_.push_back(std::move(transfer));
+    active_.emplace(easy, std::move(transfer));
   }
 
   void finish(CURL* easy, CURLcode code) {
     curl_multi_remove_handle(multi_, easy);
-    std::unique_ptr<Transfer> transfer;
-    for (auto it = active_.begin(); it != active_.end(); ++it) {
-      if ((*it)->easy == easy) {
-        transfer = std::move(*it);
-        active_.erase(it);
-        break;
-      }
-    }
-    if (!transfer) return;
+    const auto found = active_.find(easy);
+    if (found == active_.end()) return;
+    std::unique_ptr<Transfer> transfer = std::move(found->second);
+    active_.erase(found);
     TransportResult result;
     if (code == CURLE_OK) {
       long status = 0;
@@ -317,7 +313,9 @@ class CurlTransport final : public URLTransport {
   std::vector<std::unique_ptr<Transfer>> queue_;  // guarded by mu_
   bool stopping_ = false;                         // guarded by mu_
   // Used by the transport thread only.
-  std::vector<std::unique_ptr<Transfer>> active_;
+  // Keyed by handle: finding a finished transfer by a linear search made a
+  // burst of many requests (a host retrying against a dead server) quadratic.
+  std::unordered_map<CURL*, std::unique_ptr<Transfer>> active_;
   std::vector<CURL*> idle_;
   std::thread thread_;
 };

@@ -1,0 +1,77 @@
+// Resident memory the SDK adds to a host: VmRSS before anything of the SDK
+// ran, and after start-up, one banner presented and one frame rendered. Runs
+// once; the figures are counters in the benchmark's output.
+#include <benchmark/benchmark.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Device.h"
+#include "quorvia/platform/KeychainStore.h"
+#include "quorvia/platform/Log.h"
+#include "quorvia/platform/Renderer.h"
+#include "quorvia/platform/RunLoop.h"
+#include "quorvia/platform/URLSession.h"
+#include "quorvia/platform/Window.h"
+
+namespace {
+
+using namespace quorvia;
+
+// A field of /proc/self/status in kB, or -1.
+double statusKb(const std::string& field) {
+  std::ifstream in("/proc/self/status");
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.rfind(field + ":", 0) == 0) return std::stod(line.substr(field.size() + 1));
+  }
+  return -1;
+}
+
+// Start-up's poll fetch finds nothing; the banner comes from a push.
+class EmptyFetchTransport final : public platform::URLTransport {
+ public:
+  void start(platform::URLRequest, platform::ServerTrustPolicy, Done done) override {
+    platform::dispatch_async([done = std::move(done)] {
+      const std::string body = R"({"results":[]})";
+      platform::TransportResult result;
+      result.response = platform::HTTPURLResponse{"", 200, {}};
+      result.data = platform::Bytes(body.begin(), body.end());
+      done(std::move(result));
+    });
+  }
+};
+
+void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
+  const double rssBefore = statusKb("VmRSS");
+  const double anonBefore = statusKb("RssAnon");
+  for (auto _ : state) {
+    auto loop = std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual);
+    platform::setMainRunLoop(loop);
+    platform::setLogSink([](std::string_view) {});
+    platform::setSystemVersion("17.0");
+    platform::setDataDirectory(std::filesystem::temp_directory_path() / "quorvia-bench-memory");
+    platform::setKeychainStore(platform::makeInMemoryKeychainStore());
+    platform::setSharedURLTransport(std::make_shared<EmptyFetchTransport>());
+
+    QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt, /*swizzling=*/false);
+    loop->runUntil([] { return false; }, platform::seconds(0.2));  // the fetch's answer
+    QuorviaSDK::handleRemoteNotification(platform::Value{
+        {"poll", {{"id", 1}, {"question", "Coffee or tea?"},
+                  {"options", {{{"text", "Coffee"}}, {{"text", "Tea"}}}}}}});
+    loop->advance(platform::seconds(0.5));
+    const auto frame = platform::Renderer::render(*platform::keyWindow());
+    benchmark::DoNotOptimize(frame.rgba.data());
+    if (!QuorviaSDK::sharedInstance()->presentedPollView()) state.SkipWithError("no banner");
+  }
+  state.counters["rss_added_kb"] = statusKb("VmRSS") - rssBefore;
+  state.counters["anon_added_kb"] = statusKb("RssAnon") - anonBefore;
+  state.counters["rss_before_kb"] = rssBefore;
+}
+BENCHMARK(BM_ResidentMemoryOfStartedSdkWithBanner)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
