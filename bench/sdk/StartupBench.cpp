@@ -8,13 +8,29 @@
 #include "quorvia/platform/Device.h"
 #include "quorvia/platform/Log.h"
 #include "quorvia/platform/RunLoop.h"
+#include "quorvia/platform/URLSession.h"
 
 namespace {
 
 using namespace quorvia;
 
+// Start-up fetches polls; the double answers each request with a transport
+// error on the main queue, so no request leaves the process.
+class OfflineTransport final : public platform::URLTransport {
+ public:
+  void start(platform::URLRequest, platform::ServerTrustPolicy, Done done) override {
+    platform::dispatch_async([done = std::move(done)] {
+      platform::TransportResult result;
+      result.error = platform::Error{platform::NSURLErrorDomain,
+                                     platform::NSURLErrorNotConnectedToInternet};
+      done(std::move(result));
+    });
+  }
+};
+
 void installDoubles() {
   static bool done = [] {
+    platform::setSharedURLTransport(std::make_shared<OfflineTransport>());
     platform::setMainRunLoop(std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual));
     platform::setLogSink([](std::string_view) {});
     platform::setSystemVersion("17.0");
@@ -35,6 +51,7 @@ void BM_EmptyCall(benchmark::State& state) {
 void BM_FirstStartup(benchmark::State& state) {
   installDoubles();
   for (auto _ : state) QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt);
+  platform::mainRunLoop().drainOnce();
 }
 
 // Every later start-up: what a host pays each time it calls initWithAppToken.

@@ -32,6 +32,7 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorCannotFindHost = -1003,
   NSURLErrorCannotConnectToHost = -1004,
   NSURLErrorNetworkConnectionLost = -1005,
+  NSURLErrorNotConnectedToInternet = -1009,
   NSURLErrorHTTPTooManyRedirects = -1007,
   NSURLErrorBadServerResponse = -1011,
   NSURLErrorSecureConnectionFailed = -1200,
