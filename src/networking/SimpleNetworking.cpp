@@ -1,5 +1,6 @@
 // The shared instance, its class operations and the dispatch of requests.
 
+#include "networking/URLText.h"
 #include "quorvia/networking/SimpleNetworking.h"
 
 #include <string_view>
@@ -13,18 +14,6 @@ namespace {
 constexpr std::int32_t kMemoryCapacityMB = 320;
 constexpr std::int32_t kDiskCapacityMB = 640;
 
-std::string spacesEscaped(const std::string& url) {
-  std::string escaped;
-  escaped.reserve(url.size());
-  for (const char c : url) {
-    if (c == ' ') {
-      escaped += "%20";
-    } else {
-      escaped += c;
-    }
-  }
-  return escaped;
-}
 
 std::optional<platform::Value> jsonFromData(const std::optional<platform::Bytes>& data) {
   if (!data) return std::nullopt;
@@ -185,7 +174,7 @@ void SimpleNetworking::callNSURLSessionWithType(
   }
 
   auto cached = platform::URLCache::sharedURLCache()->cachedResponseForRequest(request);
-  if (!checkAndRenewExpiry(spacesEscaped(url), cacheExpireInSeconds)) cached.reset();
+  if (!checkAndRenewExpiry(networking::spacesEscaped(url), cacheExpireInSeconds)) cached.reset();
   if (cached) {
     // Answered inside the call, on the calling thread.
     returned(std::move(cached->data), std::nullopt);

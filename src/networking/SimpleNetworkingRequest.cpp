@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "networking/URLText.h"
 #include "quorvia/networking/SimpleNetworking.h"
 #include "quorvia/platform/Log.h"
 
@@ -54,16 +55,8 @@ platform::URLRequest SimpleNetworking::requestWithType(
     int type, const std::string& url, const std::optional<platform::Value>& param, bool isImage,
     const std::string& imageName, const std::string& imageExtension,
     const std::optional<platform::Bytes>& imageInNSData) const {
-  std::string escaped;
-  escaped.reserve(url.size());
-  for (const char c : url) {
-    if (c == ' ') {
-      escaped += "%20";
-    } else {
-      escaped += c;
-    }
-  }
-  auto request = platform::URLRequest::requestWithURL(platform::URLWithString(escaped));
+  auto request =
+      platform::URLRequest::requestWithURL(platform::URLWithString(networking::spacesEscaped(url)));
   request.HTTPMethod = getRESTfulTypeStringForType(type);
 
   const platform::Value headers = headerFields();

@@ -10,6 +10,7 @@
 #include <functional>
 #include <thread>
 
+#include "support/SelfSignedIdentity.h"
 #include "networking/NetworkingTest.h"
 #include "networking/RawHttpServer.h"
 #include "quorvia/platform/URLSession.h"
@@ -262,29 +263,9 @@ TEST_F(SimpleNetworkingTest, StalledServerTimesOutOnTheMainQueue) {
   EXPECT_EQ(error->localizedDescription(), "The request timed out.");
 }
 
-// A throwaway self-signed certificate for 127.0.0.1.
-struct SelfSigned {
-  EVP_PKEY* key = EVP_RSA_gen(2048);
-  X509* cert = X509_new();
-  SelfSigned() {
-    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
-    X509_gmtime_adj(X509_getm_notBefore(cert), 0);
-    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
-    X509_set_pubkey(cert, key);
-    X509_NAME* name = X509_get_subject_name(cert);
-    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
-                               reinterpret_cast<const unsigned char*>("quorvia-test"), -1, -1, 0);
-    X509_set_issuer_name(cert, name);
-    X509_sign(cert, key, EVP_sha256());
-  }
-  ~SelfSigned() {
-    X509_free(cert);
-    EVP_PKEY_free(key);
-  }
-};
 
 TEST_F(SimpleNetworkingTest, SelfSignedServerIsAccepted) {
-  SelfSigned identity;
+  SelfSignedIdentity identity;
   httplib::SSLServer server(identity.cert, identity.key);
   ASSERT_TRUE(server.is_valid());
   server.set_tcp_nodelay(true);
