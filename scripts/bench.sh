@@ -96,6 +96,10 @@ rows.append(("16 requests in flight", "networking_bench",
              "n/a" if rate is None else f"{rate:,.0f} requests/s",
              f"raw libcurl {0 if raw is None else 1e6 / raw:,.0f} requests/s one at a time",
              "n/a" if rate is None else ("yes" if rate >= 10000 else "NO")))
+share = runs.get("BM_CpuWhileWaitingOnSilentServer", {}).get("cpu_share")
+rows.append(("CPU while a request waits (silent server)", "networking_bench",
+             "n/a" if share is None else f"{share * 100:.2f}% of a core",
+             "-", "-"))
 t = us("BM_GetJsonCachedHit")
 row("cached hit", "networking_bench", t, fmt_time(t), f"raw libcurl {fmt_time(raw)}", 5)
 sq = us("BM_RawSQLitePointRead")
@@ -128,6 +132,7 @@ targets = {
     "first start-up (creates the instance)": "-",
     "request round trip (cacheless GET)": "<= 1.10 x raw libcurl",
     "16 requests in flight": ">= 10,000 requests/s",
+    "CPU while a request waits (silent server)": "-",
     "cached hit": "< 5 µs",
     "keychain read (passwordForService)": "< 10 µs",
     "keychain durable save": "-",

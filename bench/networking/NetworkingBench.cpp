@@ -6,7 +6,14 @@
 #include <curl/curl.h>
 #include <httplib.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <string>
@@ -63,6 +70,58 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* user)
   static_cast<std::string*>(user)->append(data, size * count);
   return size * count;
 }
+
+// A server that accepts connections and never answers.
+class SilentServer {
+ public:
+  SilentServer() {
+    fd_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd_, 8) != 0 ||
+        getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      std::perror("silent server");
+    }
+    port_ = ntohs(address.sin_port);
+  }
+  ~SilentServer() { close(fd_); }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/silent"; }
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+};
+
+double processCpuSeconds() {
+  timespec now{};
+  clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
+  return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// The transport polls without sleeping just after traffic; a request that
+// only waits on a slow server must not keep it busy. Runs first, before the
+// keep-alive server's idle workers add their own wake-ups to the process.
+void BM_CpuWhileWaitingOnSilentServer(benchmark::State& state) {
+  static SilentServer silent;
+  bool done = false;
+  SimpleNetworking::getJsonCachelessFromURL(silent.url(), std::nullopt,
+                                            [&](auto, auto) { done = true; });
+  platform::mainRunLoop().runUntil([&] { return done; }, platform::seconds(0.05));
+  double cpu = 0;
+  double wall = 0;
+  for (auto _ : state) {
+    const double cpuBefore = processCpuSeconds();
+    const auto wallBefore = std::chrono::steady_clock::now();
+    platform::mainRunLoop().runUntil([&] { return done; }, platform::seconds(0.2));
+    cpu += processCpuSeconds() - cpuBefore;
+    wall += std::chrono::duration<double>(std::chrono::steady_clock::now() - wallBefore).count();
+  }
+  if (done) state.SkipWithError("the silent server answered");
+  state.counters["cpu_share"] = wall > 0 ? cpu / wall : 0;
+}
+BENCHMARK(BM_CpuWhileWaitingOnSilentServer)->Iterations(5)->UseRealTime();
 
 void BM_RawCurlRoundTrip(benchmark::State& state) {
   const std::string url = server().url("/json");
@@ -157,6 +216,7 @@ class SideBySideReporter final : public benchmark::ConsoleReporter {
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const auto& run : runs) {
       times_[run.benchmark_name()] = run.GetAdjustedRealTime();
+      if (run.counters.count("cpu_share")) waitingCpuShare_ = run.counters.at("cpu_share");
       if (run.counters.count("items_per_second")) {
         rate_[run.benchmark_name()] = run.counters.at("items_per_second");
       }
@@ -183,11 +243,14 @@ class SideBySideReporter final : public benchmark::ConsoleReporter {
     }
     std::printf("cached hit median: %.2f us (target < 5)\n",
                 time("BM_GetJsonCachedHit", "_median") / 1e3);
+    std::printf("CPU while a request waits on a silent server: %.2f%% of one core\n",
+                waitingCpuShare_ * 100);
   }
 
  private:
   std::map<std::string, double> times_;
   std::map<std::string, double> rate_;
+  double waitingCpuShare_ = 0;
 };
 
 }  // namespace
