@@ -165,7 +165,9 @@ class CurlTransport final : public URLTransport {
       std::lock_guard lock(mu_);
       queue_.push_back(std::move(transfer));
     }
-    curl_multi_wakeup(multi_);
+    // A thread that is polling without blocking finds the request by itself;
+    // the wake-up would cost a write here and two reads there.
+    if (blocking_.load()) curl_multi_wakeup(multi_);
   }
 
  private:
@@ -197,9 +199,17 @@ class CurlTransport final : public URLTransport {
       // waits (a slow server) lets it sleep again.
       const auto now = std::chrono::steady_clock::now();
       if (active) lastActivity = now;
-      const int timeoutMs = now - lastActivity < kBusyPollWindow ? 0 : 1000;
+      int timeoutMs = now - lastActivity < kBusyPollWindow ? 0 : 1000;
+      if (timeoutMs > 0) {
+        // Announce the sleep before the last look at the queue: a request
+        // queued after that look sees the flag and wakes the poll.
+        blocking_.store(true);
+        std::lock_guard lock(mu_);
+        if (!queue_.empty() || stopping_) timeoutMs = 0;
+      }
       readyFds = 0;
       curl_multi_poll(multi_, nullptr, 0, timeoutMs, &readyFds);
+      blocking_.store(false);
     }
   }
 
@@ -329,6 +339,7 @@ class CurlTransport final : public URLTransport {
   std::mutex mu_;
   std::vector<std::unique_ptr<Transfer>> queue_;  // guarded by mu_
   bool stopping_ = false;                         // guarded by mu_
+  std::atomic<bool> blocking_{false};  // the transport thread may sleep in poll
   // Used by the transport thread only.
   // Keyed by handle: finding a finished transfer by a linear search made a
   // burst of many requests (a host retrying against a dead server) quadratic.
