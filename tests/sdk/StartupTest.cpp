@@ -168,7 +168,7 @@ TEST_F(StartupTest, CategoriesMergeOutcomes) {
     bool registers;
     std::optional<platform::CategorySet> expected;
   };
-  const Case cases[] = {
+  const std::vector<Case> cases = {
       {"no alert bit", {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
                         platform::CategorySet{hostOwn}}, false, std::nullopt},
       {"already holds the library's", {7, library.setByAddingObjectsFromSet({hostOwn})}, false,
