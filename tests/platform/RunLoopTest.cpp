@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <thread>
 #include <vector>
 
@@ -62,6 +63,42 @@ TEST(RealRunLoopStopsWhenAskedFromAnotherThread, AndRunsTimers) {
   loop.run();
   other.join();
   EXPECT_TRUE(timerRan);
+}
+
+// A loop told to expect a post polls instead of sleeping; the window is an
+// hour here, so a post or stop that the poll missed would hang the test.
+TEST(LoopPollingForAnExpectedPost, StillSeesPostsAndStopFromOtherThreads) {
+  struct Case {
+    const char* name;
+    std::function<void(RunLoop&)> fromOtherThread;
+    std::function<bool(RunLoop&)> runOnMain;
+  };
+  bool delivered = false;
+  const Case cases[] = {
+      {"a post ends runUntil",
+       [&](RunLoop& loop) { loop.post([&] { delivered = true; }); },
+       [&](RunLoop& loop) {
+         return loop.runUntil([&] { return delivered; }, std::chrono::seconds(30));
+       }},
+      {"stop ends run", [](RunLoop& loop) { loop.stop(); },
+       [](RunLoop& loop) {
+         loop.run();
+         return true;
+       }},
+      {"a post ends runFor's wait", [](RunLoop& loop) { loop.post([&loop] { loop.stop(); }); },
+       [](RunLoop& loop) {
+         loop.runFor(std::chrono::hours(1));
+         return true;
+       }},
+  };
+  for (const auto& c : cases) {
+    RunLoop loop(RunLoop::Clock::kReal);
+    delivered = false;
+    loop.expectPostWithin(std::chrono::hours(1));
+    std::thread other([&] { c.fromOtherThread(loop); });
+    EXPECT_TRUE(c.runOnMain(loop)) << c.name;
+    other.join();
+  }
 }
 
 TEST(NotificationCenterCallsObserversOfThatName, InRegistrationOrder) {

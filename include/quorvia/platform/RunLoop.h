@@ -40,6 +40,14 @@ class QUORVIA_EXPORT RunLoop final {
   /// Queues a task to run `delay` after now on this loop's clock (dispatch_after).
   void postAfter(Duration delay, Task task);
 
+  /// Says that some thread will probably post within `window` (the answer
+  /// to a request that recently took about that long). Until then a real
+  /// loop that runs out of work yields the CPU in a short poll instead of
+  /// sleeping, which saves the sleep and the wake-up of the hand-off. Safe
+  /// from any thread. Ignored on the virtual clock and when the process may
+  /// use only one CPU, where polling would delay the thread that posts.
+  void expectPostWithin(Duration window);
+
   /// Time on this loop's monotonic clock since the loop was made.
   Duration now() const;
   bool isVirtual() const { return clock_ == Clock::kVirtual; }

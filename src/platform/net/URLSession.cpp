@@ -1,7 +1,11 @@
 #include "quorvia/platform/URLSession.h"
 
-#include <mutex>
 #include <strings.h>
+
+#include <atomic>
+#include <chrono>
+#include <limits>
+#include <mutex>
 
 #include "quorvia/platform/RunLoop.h"
 
@@ -15,6 +19,18 @@ bool sameField(std::string_view a, std::string_view b) {
 std::mutex& transportMutex() {
   static std::mutex mu;
   return mu;
+}
+
+// Answers that came at least this fast are worth polling for on the main
+// thread; slower ones (any server across the internet) are slept for.
+constexpr auto kLongestPolledAnswer = std::chrono::microseconds(250);
+
+// How long the latest answer took, from start to completion, in steady-clock
+// nanoseconds. Starts slow, so that nothing is polled for before one fast
+// answer has been seen.
+std::atomic<std::int64_t>& latestAnswerNanoseconds() {
+  static std::atomic<std::int64_t> nanoseconds{std::numeric_limits<std::int64_t>::max()};
+  return nanoseconds;
 }
 
 std::shared_ptr<URLTransport>& installedTransport() {
@@ -67,7 +83,19 @@ URLSession::URLSession(std::shared_ptr<URLTransport> transport, ServerTrustPolic
     : transport_(std::move(transport)), trust_(trust) {}
 
 void URLSession::dataTaskWithRequest(URLRequest request, CompletionHandler handler) {
-  transport_->start(std::move(request), trust_, [handler = std::move(handler)](TransportResult result) {
+  const auto started = std::chrono::steady_clock::now();
+  // When the server has been answering within microseconds (loopback, a LAN)
+  // the main loop polls for this answer rather than sleeping; a slow answer
+  // turns that off again for the next request.
+  if (latestAnswerNanoseconds().load(std::memory_order_relaxed) <=
+      std::chrono::nanoseconds(kLongestPolledAnswer).count()) {
+    mainRunLoop().expectPostWithin(kLongestPolledAnswer);
+  }
+  transport_->start(std::move(request), trust_,
+                    [handler = std::move(handler), started](TransportResult result) {
+    latestAnswerNanoseconds().store(
+        std::chrono::nanoseconds(std::chrono::steady_clock::now() - started).count(),
+        std::memory_order_relaxed);
     dispatch_async([handler, result = std::move(result)]() mutable {
       if (result.error) {
         handler(std::nullopt, std::nullopt, std::move(result.error));
