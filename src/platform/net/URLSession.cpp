@@ -84,7 +84,7 @@ URLSession::URLSession(std::shared_ptr<URLTransport> transport, ServerTrustPolic
 
 void URLSession::dataTaskWithRequest(URLRequest request, CompletionHandler handler) {
   const auto started = std::chrono::steady_clock::now();
-  // When the server has been answering within microseconds (loopback, a LAN)
+  // When the server has been answering within 250 µs (loopback, a fast LAN)
   // the main loop polls for this answer rather than sleeping; a slow answer
   // turns that off again for the next request.
   if (latestAnswerNanoseconds().load(std::memory_order_relaxed) <=
