@@ -1,10 +1,10 @@
 // The shared instance, its class operations and the dispatch of requests.
 
-#include "networking/URLText.h"
 #include "quorvia/networking/SimpleNetworking.h"
 
 #include <string_view>
 
+#include "networking/URLText.h"
 #include "quorvia/platform/Log.h"
 #include "quorvia/platform/URLCache.h"
 
@@ -13,7 +13,6 @@ namespace {
 
 constexpr std::int32_t kMemoryCapacityMB = 320;
 constexpr std::int32_t kDiskCapacityMB = 640;
-
 
 std::optional<platform::Value> jsonFromData(const std::optional<platform::Bytes>& data) {
   if (!data) return std::nullopt;
