@@ -5,17 +5,22 @@
 
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/Log.h"
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/RunLoop.h"
 
 int main() {
   using namespace quorvia;
-  platform::setAppIdentifier("minimal-host");
-  platform::setDataDirectory(std::filesystem::temp_directory_path() / "quorvia-minimal-host");
-  platform::setLogSink([](std::string_view line) {
-    std::printf("log: %.*s\n", static_cast<int>(line.size()), line.data());
-  });
+  // The real desktop, in a throw-away data directory, with log lines on stdout.
+  class PrintingEnvironment final : public platform::EnvironmentWrapper {
+   public:
+    using EnvironmentWrapper::EnvironmentWrapper;
+    void log(std::string_view line) override {
+      std::printf("log: %.*s\n", static_cast<int>(line.size()), line.data());
+    }
+  };
+  platform::installEnvironment(
+      std::make_shared<PrintingEnvironment>(platform::makeDesktopEnvironment(
+          {"minimal-host", std::filesystem::temp_directory_path() / "quorvia-minimal-host"})));
 
   // Start at launch, on the main thread; the host forwards push callbacks itself.
   QuorviaSDK::initWithAppToken("demo-app-token", std::nullopt, /*swizzling=*/false);

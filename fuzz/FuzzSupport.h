@@ -7,23 +7,22 @@
 #include <memory>
 #include <string>
 
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/Log.h"
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::fuzz {
 
-inline void installPlatformDoubles() {
-  static const bool done = [] {
-    platform::setMainRunLoop(
-        std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual));
-    platform::setLogSink([](std::string_view) {});
-    platform::setSystemVersion("17.0");
-    platform::setDataDirectory(std::filesystem::temp_directory_path() / "quorvia-fuzz");
-    return true;
+/// Installs, once, a virtual-clock environment with a silent log, and returns it.
+inline platform::ConfigurableEnvironment& installPlatformDoubles() {
+  static platform::ConfigurableEnvironment* const env = [] {
+    auto installed = platform::ConfigurableEnvironment::install(
+        std::filesystem::temp_directory_path() / "quorvia-fuzz",
+        platform::RunLoop::Clock::kVirtual);
+    installed->setLogSink([](std::string_view) {});
+    return installed.get();  // the environment is kept alive once installed
   }();
-  (void)done;
+  return *env;
 }
 
 /// A value of any kind the platform passes around (including data and
@@ -32,13 +31,20 @@ inline void installPlatformDoubles() {
 inline platform::Value consumeValue(FuzzedDataProvider& in, int depth,
                                     const std::vector<std::string>& keys = {}) {
   switch (in.ConsumeIntegralInRange<int>(0, depth > 0 ? 8 : 6)) {
-    case 0: return nullptr;
-    case 1: return in.ConsumeBool();
-    case 2: return in.ConsumeIntegral<std::int64_t>();
-    case 3: return in.ConsumeIntegral<std::uint64_t>();
-    case 4: return in.ConsumeFloatingPoint<double>();
-    case 5: return in.ConsumeRandomLengthString(64);
-    case 6: return platform::dataValue(in.ConsumeBytes<std::uint8_t>(in.ConsumeIntegralInRange(0, 64)));
+    case 0:
+      return nullptr;
+    case 1:
+      return in.ConsumeBool();
+    case 2:
+      return in.ConsumeIntegral<std::int64_t>();
+    case 3:
+      return in.ConsumeIntegral<std::uint64_t>();
+    case 4:
+      return in.ConsumeFloatingPoint<double>();
+    case 5:
+      return in.ConsumeRandomLengthString(64);
+    case 6:
+      return platform::dataValue(in.ConsumeBytes<std::uint8_t>(in.ConsumeIntegralInRange(0, 64)));
     case 7: {
       platform::Value array = platform::Value::array();
       const int n = in.ConsumeIntegralInRange(0, 4);

@@ -13,8 +13,8 @@
 #include <filesystem>
 #include <string>
 
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/Device.h"
 #include "quorvia/platform/KeychainStore.h"
 
 namespace {
@@ -50,7 +50,8 @@ const std::filesystem::path& storeDirectory() {
     std::string pattern = (std::filesystem::temp_directory_path() / "quorvia-bench-XXXXXX");
     if (!::mkdtemp(pattern.data())) std::abort();
     std::filesystem::path data = std::filesystem::path(pattern) / "data";
-    quorvia::platform::setDataDirectory(data);
+    quorvia::platform::ConfigurableEnvironment::install(data,
+                                                        quorvia::platform::RunLoop::Clock::kReal);
     if (!LKKeychain::setPassword("eyJhbGciOiJIUzI1NiJ9.token", "polls", "user_token")) {
       std::abort();
     }
@@ -96,15 +97,18 @@ void BM_DurableSave(benchmark::State& state) {
   const long before = gSyncs.load();
   long saves = 0;
   for (auto _ : state) {
-    const bool ok = LKKeychain::setPassword(saves % 2 ? "token-a" : "token-b", "polls",
-                                            "user_token");
+    const bool ok =
+        LKKeychain::setPassword(saves % 2 ? "token-a" : "token-b", "polls", "user_token");
     if (!ok) state.SkipWithError("save failed");
     ++saves;
   }
   state.counters["fsyncs_per_save"] =
       benchmark::Counter(static_cast<double>(gSyncs.load() - before) / static_cast<double>(saves));
 }
-BENCHMARK(BM_DurableSave)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_DurableSave)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true)
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

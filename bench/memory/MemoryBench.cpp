@@ -7,10 +7,9 @@
 #include <fstream>
 #include <string>
 
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Device.h"
 #include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/Log.h"
 #include "quorvia/platform/Renderer.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/URLSession.h"
@@ -48,19 +47,21 @@ void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
   const double rssBefore = statusKb("VmRSS");
   const double anonBefore = statusKb("RssAnon");
   for (auto _ : state) {
-    auto loop = std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual);
-    platform::setMainRunLoop(loop);
-    platform::setLogSink([](std::string_view) {});
-    platform::setSystemVersion("17.0");
-    platform::setDataDirectory(std::filesystem::temp_directory_path() / "quorvia-bench-memory");
-    platform::setKeychainStore(platform::makeInMemoryKeychainStore());
-    platform::setSharedURLTransport(std::make_shared<EmptyFetchTransport>());
+    auto env = platform::ConfigurableEnvironment::install(
+        std::filesystem::temp_directory_path() / "quorvia-bench-memory",
+        platform::RunLoop::Clock::kVirtual);
+    platform::RunLoop* loop = &env->mainRunLoop();
+    env->setLogSink([](std::string_view) {});
+    env->setKeychainStore(platform::makeInMemoryKeychainStore());
+    env->setURLTransport(std::make_shared<EmptyFetchTransport>());
 
     QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt, /*swizzling=*/false);
     loop->runUntil([] { return false; }, platform::seconds(0.2));  // the fetch's answer
-    QuorviaSDK::handleRemoteNotification(platform::Value{
-        {"poll", {{"id", 1}, {"question", "Coffee or tea?"},
-                  {"options", {{{"text", "Coffee"}}, {{"text", "Tea"}}}}}}});
+    QuorviaSDK::handleRemoteNotification(
+        platform::Value{{"poll",
+                         {{"id", 1},
+                          {"question", "Coffee or tea?"},
+                          {"options", {{{"text", "Coffee"}}, {{"text", "Tea"}}}}}}});
     loop->advance(platform::seconds(0.5));
     const auto frame = platform::Renderer::render(*platform::keyWindow());
     benchmark::DoNotOptimize(frame.rgba.data());

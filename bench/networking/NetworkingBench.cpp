@@ -2,11 +2,10 @@
 // through SimpleNetworking beside a raw reused libcurl handle, throughput with
 // 16 requests in flight, and a cached GET answered from memory.
 
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
 #include <httplib.h>
-
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -296,9 +295,10 @@ class SideBySideReporter final : public benchmark::ConsoleReporter {
       }
       return 0.0;
     };
-    std::printf("\nround trip: SimpleNetworking %.1f us, raw libcurl %.1f us, ratio %.3f "
-                "(median of rounds; target <= 1.10)\n",
-                clientUs_, rawUs_, ratio_);
+    std::printf(
+        "\nround trip: SimpleNetworking %.1f us, raw libcurl %.1f us, ratio %.3f "
+        "(median of rounds; target <= 1.10)\n",
+        clientUs_, rawUs_, ratio_);
     for (const auto& [name, rate] : rate_) {
       std::printf("16 in flight: %.0f requests/s (target >= 10000)\n", rate);
     }

@@ -4,9 +4,8 @@
 
 #include <filesystem>
 
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/Log.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/URLSession.h"
 
@@ -21,8 +20,8 @@ class OfflineTransport final : public platform::URLTransport {
   void start(platform::URLRequest, platform::ServerTrustPolicy, Done done) override {
     platform::dispatch_async([done = std::move(done)] {
       platform::TransportResult result;
-      result.error = platform::Error{platform::NSURLErrorDomain,
-                                     platform::NSURLErrorNotConnectedToInternet};
+      result.error =
+          platform::Error{platform::NSURLErrorDomain, platform::NSURLErrorNotConnectedToInternet};
       done(std::move(result));
     });
   }
@@ -30,17 +29,19 @@ class OfflineTransport final : public platform::URLTransport {
 
 void installDoubles() {
   static bool done = [] {
-    platform::setSharedURLTransport(std::make_shared<OfflineTransport>());
-    platform::setMainRunLoop(std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual));
-    platform::setLogSink([](std::string_view) {});
-    platform::setSystemVersion("17.0");
-    platform::setDataDirectory(std::filesystem::temp_directory_path() / "quorvia-bench-startup");
+    auto env = platform::ConfigurableEnvironment::install(
+        std::filesystem::temp_directory_path() / "quorvia-bench-startup",
+        platform::RunLoop::Clock::kVirtual);
+    env->setURLTransport(std::make_shared<OfflineTransport>());
+    env->setLogSink([](std::string_view) {});
     return true;
   }();
   (void)done;
 }
 
-[[gnu::noinline]] void emptyCall(const std::string& token) { benchmark::DoNotOptimize(token.data()); }
+[[gnu::noinline]] void emptyCall(const std::string& token) {
+  benchmark::DoNotOptimize(token.data());
+}
 
 void BM_EmptyCall(benchmark::State& state) {
   const std::string token = "bench-app-token";

@@ -3,10 +3,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include <filesystem>
 #include <memory>
 
 #include "../../tests/ui/BannerScene.h"
-#include "quorvia/platform/Log.h"
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/Renderer.h"
 
 namespace {
@@ -15,10 +16,11 @@ using namespace quorvia;
 
 std::shared_ptr<QVNotificationView> expandedBanner() {
   static std::shared_ptr<QVNotificationView> view = [] {
-    platform::setLogSink([](std::string_view) {});
-    auto loop = std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual);
-    platform::setMainRunLoop(loop);
-    return testing::makeBannerScene(*loop, true);
+    auto env = platform::ConfigurableEnvironment::install(
+        std::filesystem::temp_directory_path() / "quorvia-bench-ui",
+        platform::RunLoop::Clock::kVirtual);
+    env->setLogSink([](std::string_view) {});
+    return testing::makeBannerScene(env->mainRunLoop(), true);
   }();
   return view;
 }
@@ -31,7 +33,10 @@ void BM_RenderExpandedBanner(benchmark::State& state) {
     benchmark::DoNotOptimize(image.rgba.data());
   }
 }
-BENCHMARK(BM_RenderExpandedBanner)->Unit(benchmark::kMillisecond)->Repetitions(5)->ReportAggregatesOnly(true);
+BENCHMARK(BM_RenderExpandedBanner)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(5)
+    ->ReportAggregatesOnly(true);
 
 // One layout pass of the banner's table: every visible row asked for again,
 // sized and placed.

@@ -10,8 +10,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;
   using namespace quorvia::platform;
-  fuzz::installPlatformDoubles();
-  setKeychainStore(makeInMemoryKeychainStore());  // a fresh store per input
+  // A fresh store per input.
+  fuzz::installPlatformDoubles().setKeychainStore(makeInMemoryKeychainStore());
   static const std::vector<std::string> kKeys = {
       kSecClass, kSecClassGenericPassword, kSecAttrService, kSecAttrAccount, kSecAttrAccessGroup,
       kSecAttrLabel, kSecAttrDescription, kSecAttrSynchronizable, kSecAttrAccessible,

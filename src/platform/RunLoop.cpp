@@ -1,14 +1,19 @@
 #include "quorvia/platform/RunLoop.h"
 
-#include "platform/Cpu.h"
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "quorvia/platform/Environment.h"
 
 namespace quorvia::platform {
 namespace {
@@ -42,12 +47,13 @@ struct RunLoop::State {
   std::atomic<std::int64_t> virtualNow{0};
   const std::chrono::steady_clock::time_point epoch = std::chrono::steady_clock::now();
   std::atomic<std::thread::id> mainThread{std::this_thread::get_id()};
-  // Bumped by everything that would wake a sleeping loop, so that a loop
-  // polling for an expected post sees one without taking the lock.
-  std::atomic<std::uint64_t> wakeups{0};
-  // The steady-clock moment until which another thread has said it expects
-  // to post soon (nanoseconds since the clock's epoch).
-  std::atomic<std::int64_t> expectedPostUntil{0};
+  // Readable while the host has something to do; see wakeFileDescriptor().
+  const int wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  bool wakePending = false;  // guarded by mu: the descriptor is readable
+
+  ~State() {
+    if (wakeFd >= 0) ::close(wakeFd);
+  }
 
   // Moves due timers to the ready queue, earliest first. Requires mu.
   void collectDue(Duration now) {
@@ -58,25 +64,22 @@ struct RunLoop::State {
     }
   }
 
-  // Called with `lock` held when the loop has nothing to run. While another
-  // thread expects to post soon, and not past `limit`, yields the CPU instead
-  // of sleeping: on loopback or a LAN the post comes within tens of
-  // microseconds, and a sleep and wake-up would cost as much again. Returns
-  // true if it polled; the caller then looks at the queue afresh.
-  bool pollForExpectedPost(std::unique_lock<std::mutex>& lock,
-                           std::chrono::steady_clock::time_point limit) {
-    const auto expected = std::chrono::steady_clock::time_point(
-        std::chrono::steady_clock::duration(expectedPostUntil.load(std::memory_order_relaxed)));
-    const auto until = std::min(limit, expected);
-    if (std::chrono::steady_clock::now() >= until) return false;
-    const std::uint64_t seen = wakeups.load();
-    lock.unlock();
-    while (wakeups.load(std::memory_order_relaxed) == seen &&
-           std::chrono::steady_clock::now() < until) {
-      std::this_thread::yield();
+  // Makes the descriptor readable once until the next drain. Requires mu.
+  void wakeHost() {
+    if (wakePending || wakeFd < 0) return;
+    wakePending = true;
+    const std::uint64_t one = 1;
+    while (::write(wakeFd, &one, sizeof one) < 0 && errno == EINTR) {
     }
-    lock.lock();
-    return true;
+  }
+
+  // Requires mu.
+  void clearWake() {
+    if (!wakePending) return;
+    wakePending = false;
+    std::uint64_t count = 0;
+    while (::read(wakeFd, &count, sizeof count) < 0 && errno == EINTR) {
+    }
   }
 };
 
@@ -87,7 +90,7 @@ void RunLoop::post(Task task) {
   {
     std::lock_guard lock(state_->mu);
     state_->ready.push_back(std::move(task));
-    state_->wakeups.fetch_add(1);
+    state_->wakeHost();
   }
   state_->cv.notify_all();
 }
@@ -95,10 +98,11 @@ void RunLoop::post(Task task) {
 void RunLoop::postAfter(Duration delay, Task task) {
   {
     std::lock_guard lock(state_->mu);
-    state_->timers.push_back(Timed{now() + std::max(delay, Duration::zero()), state_->seq++,
-                                   std::move(task)});
+    const Duration due = now() + std::max(delay, Duration::zero());
+    // Only a new earliest timer changes how long a waiting host may sleep.
+    if (state_->timers.empty() || due < state_->timers.front().due) state_->wakeHost();
+    state_->timers.push_back(Timed{due, state_->seq++, std::move(task)});
     std::push_heap(state_->timers.begin(), state_->timers.end(), later);
-    state_->wakeups.fetch_add(1);
   }
   state_->cv.notify_all();
 }
@@ -108,22 +112,17 @@ Duration RunLoop::now() const {
   return std::chrono::duration_cast<Duration>(std::chrono::steady_clock::now() - state_->epoch);
 }
 
-void RunLoop::expectPostWithin(Duration window) {
-  if (clock_ == Clock::kVirtual || !mayRunThreadsInParallel()) return;
-  const std::int64_t until =
-      (std::chrono::steady_clock::now() + window).time_since_epoch().count();
-  std::int64_t current = state_->expectedPostUntil.load(std::memory_order_relaxed);
-  while (current < until &&
-         !state_->expectedPostUntil.compare_exchange_weak(current, until,
-                                                          std::memory_order_relaxed)) {
-  }
+bool RunLoop::isMainThread() const {
+  return state_->mainThread.load() == std::this_thread::get_id();
 }
-
-bool RunLoop::isMainThread() const { return state_->mainThread.load() == std::this_thread::get_id(); }
 
 std::size_t RunLoop::drainOnce() {
   state_->mainThread.store(std::this_thread::get_id());
   std::size_t ran = 0;
+  {
+    std::lock_guard lock(state_->mu);
+    state_->clearWake();
+  }
   while (ran < kMaxTasksPerDrain) {
     Task task;
     {
@@ -163,10 +162,6 @@ void RunLoop::runFor(Duration duration) {
     if (current >= deadline) return;
     Duration wake = deadline;
     if (!state_->timers.empty()) wake = std::min(wake, state_->timers.front().due);
-    if (state_->ready.empty() &&
-        state_->pollForExpectedPost(lock, std::chrono::steady_clock::now() + (wake - current))) {
-      continue;
-    }
     state_->cv.wait_for(lock, wake - current,
                         [&] { return !state_->ready.empty() || state_->stopRequested; });
   }
@@ -181,15 +176,10 @@ void RunLoop::run() {
       return;
     }
     if (!state_->ready.empty()) continue;
-    if (clock_ == Clock::kReal) {
-      const auto limit = state_->timers.empty()
-                             ? std::chrono::steady_clock::time_point::max()
-                             : std::chrono::steady_clock::now() + (state_->timers.front().due - now());
-      if (state_->pollForExpectedPost(lock, limit)) continue;
-    }
     if (state_->timers.empty()) {
-      state_->cv.wait(lock, [&] { return !state_->ready.empty() || state_->stopRequested ||
-                                         !state_->timers.empty(); });
+      state_->cv.wait(lock, [&] {
+        return !state_->ready.empty() || state_->stopRequested || !state_->timers.empty();
+      });
     } else if (clock_ == Clock::kVirtual) {
       // With nothing else to do, a virtual loop jumps to its next timer.
       state_->virtualNow.store(std::max(state_->timers.front().due, now()).count());
@@ -212,7 +202,6 @@ bool RunLoop::runUntil(const std::function<bool()>& done, Duration realTimeout) 
     if (clock_ == Clock::kReal && !state_->timers.empty()) {
       wake = std::min(wake, realNow + (state_->timers.front().due - now()));
     }
-    if (state_->ready.empty() && state_->pollForExpectedPost(lock, wake)) continue;
     state_->cv.wait_until(lock, wake, [&] { return !state_->ready.empty(); });
   }
 }
@@ -221,7 +210,7 @@ void RunLoop::stop() {
   {
     std::lock_guard lock(state_->mu);
     state_->stopRequested = true;
-    state_->wakeups.fetch_add(1);
+    state_->wakeHost();
   }
   state_->cv.notify_all();
 }
@@ -231,32 +220,16 @@ std::size_t RunLoop::pendingTasks() const {
   return state_->ready.size() + state_->timers.size();
 }
 
-namespace {
-std::mutex& mainLoopMutex() {
-  static auto* mu = new std::mutex;
-  return *mu;
-}
-std::shared_ptr<RunLoop>& mainLoopSlot() {
-  // Never destroyed: completions may still be posted while the process exits.
-  static auto* slot = new std::shared_ptr<RunLoop>;
-  return *slot;
-}
-}  // namespace
+int RunLoop::wakeFileDescriptor() const { return state_->wakeFd; }
 
-RunLoop& mainRunLoop() {
-  std::lock_guard lock(mainLoopMutex());
-  auto& slot = mainLoopSlot();
-  if (!slot) slot = std::make_shared<RunLoop>(RunLoop::Clock::kReal);
-  return *slot;
+std::optional<Duration> RunLoop::timeUntilNextTimer() const {
+  std::lock_guard lock(state_->mu);
+  if (!state_->ready.empty()) return Duration::zero();
+  if (state_->timers.empty()) return std::nullopt;
+  return std::max(state_->timers.front().due - now(), Duration::zero());
 }
 
-void setMainRunLoop(std::shared_ptr<RunLoop> loop) {
-  std::lock_guard lock(mainLoopMutex());
-  // A replaced loop is kept alive: callers may still hold a reference to it.
-  static auto* retired = new std::vector<std::shared_ptr<RunLoop>>;
-  if (mainLoopSlot()) retired->push_back(std::move(mainLoopSlot()));
-  mainLoopSlot() = std::move(loop);
-}
+RunLoop& mainRunLoop() { return environment().mainRunLoop(); }
 
 void dispatch_async(Task task) { mainRunLoop().post(std::move(task)); }
 

@@ -131,7 +131,7 @@ class ServiceFaultTest : public PlatformTest, public ::testing::WithParamInterfa
 
   /// Closes the keychain store; the next keychain call opens the file anew.
   void reopenKeychain() {
-    platform::setKeychainStore(nullptr);
+    env_->setKeychainStore(platform::makeSQLiteKeychainStore(dataDirectory()));
   }
 
   bool logged(const std::string& beginning) const {
@@ -146,7 +146,8 @@ class ServiceFaultTest : public PlatformTest, public ::testing::WithParamInterfa
  protected:
   void SetUp() override {
     PlatformTest::SetUp();
-    platform::setSharedURLTransport(std::make_shared<ShortTimeoutTransport>(
+    reopenKeychain();
+    env_->setURLTransport(std::make_shared<ShortTimeoutTransport>(
         platform::makeCurlTransport(), GetParam().timeout));
   }
 };

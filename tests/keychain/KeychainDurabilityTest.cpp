@@ -95,14 +95,14 @@ class KeychainDurabilityTest : public testing::PlatformTest {
  protected:
   void SetUp() override {
     PlatformTest::SetUp();
-    platform::setKeychainStore(nullptr);  // the default: SQLite in dataDirectory()
+    reopen();  // SQLite in dataDirectory(), closed when replaced
   }
 
   fs::path dir() const { return platform::dataDirectory(); }
   fs::path file() const { return dir() / platform::kKeychainStoreFileName; }
 
   // A fresh store object on the same directory, as a new process would open.
-  void reopen() { platform::setKeychainStore(platform::makeSQLiteKeychainStore(dir())); }
+  void reopen() { env_->setKeychainStore(platform::makeSQLiteKeychainStore(dir())); }
 
   // Every kind of call fails with a non-zero code, none crashes.
   void expectEveryCallFails(OSStatus expected) {
@@ -139,7 +139,7 @@ TEST_F(KeychainDurabilityTest, StoreIsPrivateToItsUser) {
 
 TEST_F(KeychainDurabilityTest, ExposedStoreFileIsRefusedAndLeftAlone) {
   ASSERT_TRUE(LKKeychain::setPassword("s3cr3t-value", "polls", "user_token"));
-  platform::setKeychainStore(platform::makeInMemoryKeychainStore());  // closes the file
+  env_->setKeychainStore(platform::makeInMemoryKeychainStore());  // closes the file
   const std::string before = fileBytes(file());
   for (mode_t mode : {0640, 0604, 0660, 0666, 0610}) {
     SCOPED_TRACE(mode);
@@ -165,7 +165,7 @@ TEST_F(KeychainDurabilityTest, CorruptStoreFileGivesErrorsAndStaysUntouched) {
   for (int i = 0; i < 20; ++i) {
     ASSERT_TRUE(LKKeychain::setPassword("pw", "polls", "acct" + std::to_string(i)));
   }
-  platform::setKeychainStore(platform::makeInMemoryKeychainStore());
+  env_->setKeychainStore(platform::makeInMemoryKeychainStore());
   std::string damaged = fileBytes(file());
   ASSERT_GE(damaged.size(), 3 * 4096u);
   std::fill(damaged.begin() + 4096, damaged.begin() + 2 * 4096, '\xA5');
@@ -188,7 +188,7 @@ TEST_F(KeychainDurabilityTest, CorruptStoreFileGivesErrorsAndStaysUntouched) {
     expectEveryCallFails(platform::errSecDecode);
     EXPECT_FALSE(log_.lines().empty());
     EXPECT_EQ(fileBytes(file()), contents);
-    platform::setKeychainStore(platform::makeInMemoryKeychainStore());
+    env_->setKeychainStore(platform::makeInMemoryKeychainStore());
   }
 }
 

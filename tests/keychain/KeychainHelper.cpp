@@ -12,7 +12,7 @@
 #include <string>
 
 #include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/Device.h"
+#include "quorvia/platform/Environment.h"
 
 using quorvia::LKKeychain;
 
@@ -28,7 +28,8 @@ int report(const std::string& line) {
 
 int main(int argc, char** argv) {
   if (argc < 4) return 2;
-  quorvia::platform::setDataDirectory(argv[1]);
+  quorvia::platform::installEnvironment(
+      quorvia::platform::makeDesktopEnvironment({"keychain_helper", argv[1]}));
   const std::string command = argv[2];
   quorvia::platform::Error error;
   if ((command == "save" || command == "save-and-wait") && argc == 6) {

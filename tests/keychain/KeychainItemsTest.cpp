@@ -33,9 +33,9 @@ class KeychainItemsTest : public testing::PlatformTest,
   void SetUp() override {
     PlatformTest::SetUp();
     if (std::string(GetParam()) == "memory") {
-      setKeychainStore(makeInMemoryKeychainStore());
+      env_->setKeychainStore(makeInMemoryKeychainStore());
     } else {
-      setKeychainStore(makeSQLiteKeychainStore(dataDirectory()));
+      env_->setKeychainStore(makeSQLiteKeychainStore(dataDirectory()));
     }
   }
 

@@ -28,7 +28,7 @@ class LKKeychainTest : public testing::PlatformTest {
     PlatformTest::SetUp();
     store_ = std::make_shared<platform::FaultInjectingKeychainStore>(
         platform::makeInMemoryKeychainStore());
-    platform::setKeychainStore(store_);
+    env_->setKeychainStore(store_);
   }
 
   std::vector<Op> operations() const {
@@ -115,7 +115,7 @@ TEST_F(LKKeychainTest, ErrorWithCodeMapsEachStatusToItsMessageKey) {
   EXPECT_EQ(LKKeychainQuery::errorWithCode(0), std::nullopt);
 
   // A host strings table named "LKKeychain" supplies the texts it has.
-  platform::setLocalizedStringTable("LKKeychain", {{"errSecItemNotFound", "No such item."}});
+  env_->setLocalizedStringTable("LKKeychain", {{"errSecItemNotFound", "No such item."}});
   EXPECT_EQ(LKKeychainQuery::errorWithCode(-25300)->localizedDescription(), "No such item.");
   EXPECT_EQ(LKKeychainQuery::errorWithCode(-50)->localizedDescription(), "errSecParam");
 }
@@ -318,7 +318,7 @@ TEST_F(LKKeychainTest, ListingIsKeyedByTheExportedConstants) {
 
 TEST_F(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
   // The default durable store, shared by both threads.
-  platform::setKeychainStore(nullptr);
+  env_->setKeychainStore(nullptr);
   // Two first saves of "shared" may both find it missing and race to add;
   // the loser's duplicate-item failure is the item store's answer, not a fault.
   auto worker = [](const std::string& account, bool* allOk) {

@@ -190,9 +190,9 @@ TEST_F(CacheListTest, ListIsLoadedFromOneKeyAndSavedUnderTheOther) {
     SCOPED_TRACE(name);
     std::filesystem::remove(dataDir_ / "data" / "UserDefaults.qvka");
     platform::NotificationCenter::defaultCenter().postNotificationName(name);
-    platform::UserDefaults reread(dataDir_ / "data" / "UserDefaults.qvka");
-    EXPECT_EQ(reread.objectForKey(SimpleNetworking::kStoredCacheSaveKey), expected);
-    EXPECT_FALSE(reread.objectForKey(SimpleNetworking::kStoredCacheLoadKey));
+    auto reread = platform::makeFileUserDefaults(dataDir_ / "data" / "UserDefaults.qvka");
+    EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheSaveKey), expected);
+    EXPECT_FALSE(reread->objectForKey(SimpleNetworking::kStoredCacheLoadKey));
   }
   platform::NotificationCenter::defaultCenter().postNotificationName(
       platform::UIApplicationDidBecomeActiveNotification);

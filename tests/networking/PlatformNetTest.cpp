@@ -38,20 +38,20 @@ class PlatformNetTest : public PlatformTest {
 TEST_F(PlatformNetTest, UserDefaultsSurviveARestartAndWriteAtomically) {
   const auto path = file("defaults/UserDefaults.qvka");
   {
-    platform::UserDefaults defaults(path);
-    defaults.setObject(Value{{"a", 1}}, "dict");
-    defaults.setObject(Value("text"), "string");
-    defaults.setObject(platform::dataValue({0, 1, 2}), "data");
-    EXPECT_TRUE(defaults.synchronize());
+    auto defaults = platform::makeFileUserDefaults(path);
+    defaults->setObject(Value{{"a", 1}}, "dict");
+    defaults->setObject(Value("text"), "string");
+    defaults->setObject(platform::dataValue({0, 1, 2}), "data");
+    EXPECT_TRUE(defaults->synchronize());
   }
-  platform::UserDefaults reread(path);
-  EXPECT_EQ(reread.objectForKey("dict"), (Value{{"a", 1}}));
-  EXPECT_EQ(reread.dictionaryForKey("dict"), (Value{{"a", 1}}));
-  EXPECT_FALSE(reread.dictionaryForKey("string"));
-  EXPECT_EQ(reread.objectForKey("data"), platform::dataValue({0, 1, 2}));
-  EXPECT_FALSE(reread.objectForKey("missing"));
-  reread.setObject(std::nullopt, "dict");
-  EXPECT_FALSE(reread.objectForKey("dict"));
+  auto reread = platform::makeFileUserDefaults(path);
+  EXPECT_EQ(reread->objectForKey("dict"), (Value{{"a", 1}}));
+  EXPECT_EQ(reread->dictionaryForKey("dict"), (Value{{"a", 1}}));
+  EXPECT_FALSE(reread->dictionaryForKey("string"));
+  EXPECT_EQ(reread->objectForKey("data"), platform::dataValue({0, 1, 2}));
+  EXPECT_FALSE(reread->objectForKey("missing"));
+  reread->setObject(std::nullopt, "dict");
+  EXPECT_FALSE(reread->objectForKey("dict"));
   std::size_t files = 0;
   for (const auto& entry : std::filesystem::directory_iterator(path.parent_path())) {
     ++files;
@@ -75,12 +75,12 @@ TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
     SCOPED_TRACE(name);
     const auto path = file(name + ".qvka");
     writeFile(path, bytes);
-    platform::UserDefaults defaults(path);
-    EXPECT_FALSE(defaults.objectForKey("key"));
+    auto defaults = platform::makeFileUserDefaults(path);
+    EXPECT_FALSE(defaults->objectForKey("key"));
     EXPECT_TRUE(std::filesystem::exists(path.string() + ".corrupt"));
-    defaults.setObject(Value(1), "key");
-    EXPECT_TRUE(defaults.synchronize());
-    EXPECT_EQ(platform::UserDefaults(path).objectForKey("key"), Value(1));
+    defaults->setObject(Value(1), "key");
+    EXPECT_TRUE(defaults->synchronize());
+    EXPECT_EQ(platform::makeFileUserDefaults(path)->objectForKey("key"), Value(1));
   }
   EXPECT_FALSE(log_.lines().empty());
 }

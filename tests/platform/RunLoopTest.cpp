@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <functional>
+#include <optional>
 #include <thread>
 #include <vector>
 
@@ -27,7 +29,8 @@ TEST(VirtualClockRunsDelayedTasksAtTheirDueTime, InOrder) {
   ASSERT_EQ(ran.size(), 3u);
   EXPECT_EQ(ran[1].first, "launch poll");
   EXPECT_EQ(ran[1].second, seconds(0.1));
-  EXPECT_EQ(ran[2].first, "mask") << "a zero-delay task posted by a due task runs in the same advance";
+  EXPECT_EQ(ran[2].first, "mask")
+      << "a zero-delay task posted by a due task runs in the same advance";
 
   loop.advance(seconds(1));
   ASSERT_EQ(ran.size(), 4u);
@@ -67,7 +70,7 @@ TEST(RealRunLoopStopsWhenAskedFromAnotherThread, AndRunsTimers) {
 
 // A loop told to expect a post polls instead of sleeping; the window is an
 // hour here, so a post or stop that the poll missed would hang the test.
-TEST(LoopPollingForAnExpectedPost, StillSeesPostsAndStopFromOtherThreads) {
+TEST(RealRunLoopWakesForPostsAndStopFromOtherThreads, WhileWaiting) {
   struct Case {
     const char* name;
     std::function<void(RunLoop&)> fromOtherThread;
@@ -75,8 +78,7 @@ TEST(LoopPollingForAnExpectedPost, StillSeesPostsAndStopFromOtherThreads) {
   };
   bool delivered = false;
   const Case cases[] = {
-      {"a post ends runUntil",
-       [&](RunLoop& loop) { loop.post([&] { delivered = true; }); },
+      {"a post ends runUntil", [&](RunLoop& loop) { loop.post([&] { delivered = true; }); },
        [&](RunLoop& loop) {
          return loop.runUntil([&] { return delivered; }, std::chrono::seconds(30));
        }},
@@ -94,20 +96,62 @@ TEST(LoopPollingForAnExpectedPost, StillSeesPostsAndStopFromOtherThreads) {
   for (const auto& c : cases) {
     RunLoop loop(RunLoop::Clock::kReal);
     delivered = false;
-    loop.expectPostWithin(std::chrono::hours(1));
     std::thread other([&] { c.fromOtherThread(loop); });
     EXPECT_TRUE(c.runOnMain(loop)) << c.name;
     other.join();
   }
 }
 
+bool readable(int fd) {
+  pollfd p{fd, POLLIN, 0};
+  return ::poll(&p, 1, 0) == 1;
+}
+
+// A host waiting in its own poll loop must wake exactly when there is work or
+// the earliest deadline moved, and sleep otherwise.
+TEST(WakeDescriptorTellsAHostLoopWhenToDrain, ForEveryKindOfPost) {
+  RunLoop loop(RunLoop::Clock::kVirtual);
+  const int fd = loop.wakeFileDescriptor();
+  ASSERT_GE(fd, 0);
+  EXPECT_FALSE(readable(fd));
+  EXPECT_EQ(loop.timeUntilNextTimer(), std::nullopt) << "idle: wait for the descriptor alone";
+
+  struct Step {
+    const char* what;
+    std::function<void()> act;
+    bool readableAfter;
+    std::optional<Duration> untilNext;
+  };
+  int ran = 0;
+  const Step steps[] = {
+      {"a timer", [&] { loop.postAfter(seconds(2), [&] { ++ran; }); }, true, seconds(2)},
+      {"drain", [&] { loop.drainOnce(); }, false, seconds(2)},
+      {"a later timer", [&] { loop.postAfter(seconds(5), [&] { ++ran; }); }, false, seconds(2)},
+      {"an earlier timer", [&] { loop.postAfter(seconds(1), [&] { ++ran; }); }, true, seconds(1)},
+      {"drain", [&] { loop.drainOnce(); }, false, seconds(1)},
+      {"a task for now", [&] { loop.post([&] { ++ran; }); }, true, Duration::zero()},
+      {"drain", [&] { loop.drainOnce(); }, false, seconds(1)},
+      {"stop", [&] { loop.stop(); }, true, seconds(1)},
+      {"drain", [&] { loop.drainOnce(); }, false, seconds(1)},
+      {"time passes", [&] { loop.advance(seconds(5)); }, false, std::nullopt},
+  };
+  for (const auto& step : steps) {
+    step.act();
+    EXPECT_EQ(readable(fd), step.readableAfter) << step.what;
+    EXPECT_EQ(loop.timeUntilNextTimer(), step.untilNext) << step.what;
+  }
+  EXPECT_EQ(ran, 4);
+}
+
 TEST(NotificationCenterCallsObserversOfThatName, InRegistrationOrder) {
   NotificationCenter center;
   std::string calls;
-  center.addObserver(UIApplicationDidBecomeActiveNotification, [&](std::string_view) { calls += "a"; });
+  center.addObserver(UIApplicationDidBecomeActiveNotification,
+                     [&](std::string_view) { calls += "a"; });
   const auto token = center.addObserver(UIApplicationDidBecomeActiveNotification,
                                         [&](std::string_view) { calls += "b"; });
-  center.addObserver(UIApplicationWillTerminateNotification, [&](std::string_view) { calls += "x"; });
+  center.addObserver(UIApplicationWillTerminateNotification,
+                     [&](std::string_view) { calls += "x"; });
   center.postNotificationName(UIApplicationDidBecomeActiveNotification);
   center.removeObserver(token);
   center.postNotificationName(UIApplicationDidBecomeActiveNotification);

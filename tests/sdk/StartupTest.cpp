@@ -63,7 +63,7 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
                         {"10.3", true},   {"abc", false}, {" 9.0", true}, {"-8", false}};
   int n = 0;
   for (const auto& c : cases) {
-    platform::setSystemVersion(c.version);
+    env_->setSystemVersion(c.version);
     const std::optional<std::string> before = QuorviaSDK::currentAppToken();
     const std::string token = "token-" + std::to_string(n++);
     log_.clear();
@@ -87,9 +87,9 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
 
 TEST_F(StartupTest, DebugOffSilencesEveryGatedLine) {
   QuorviaSDK::setDebug(false);
-  platform::setSystemVersion("7.0");
+  env_->setSystemVersion("7.0");
   QuorviaSDK::initWithAppToken("A", std::nullopt);
-  platform::setSystemVersion("9.0");
+  env_->setSystemVersion("9.0");
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
   QuorviaSDK::log("anything");
   EXPECT_TRUE(log_.lines().empty());

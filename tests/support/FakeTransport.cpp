@@ -2,13 +2,14 @@
 
 #include <stdexcept>
 
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::testing {
 
 std::shared_ptr<FakeTransport> FakeTransport::install() {
   auto fake = std::make_shared<FakeTransport>();
-  platform::setSharedURLTransport(fake);
+  dynamic_cast<platform::ConfigurableEnvironment&>(platform::environment()).setURLTransport(fake);
   return fake;
 }
 

@@ -2,13 +2,10 @@
 
 #include <cstdlib>
 
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/Log.h"
-
 namespace quorvia::testing {
 
-void LogCapture::install() {
-  platform::setLogSink([this](std::string_view line) {
+void LogCapture::install(platform::ConfigurableEnvironment& env) {
+  env.setLogSink([this](std::string_view line) {
     std::lock_guard lock(mu_);
     lines_.emplace_back(line);
   });
@@ -38,24 +35,23 @@ std::filesystem::path makeTempDirectory(const std::string& prefix) {
 }
 
 void PlatformTest::SetUp() {
-  loop_ = std::make_shared<platform::RunLoop>(platform::RunLoop::Clock::kVirtual);
-  platform::setMainRunLoop(loop_);
   dataDir_ = makeTempDirectory("quorvia-test-");
-  platform::setDataDirectory(dataDir_ / "data");
+  env_ = platform::ConfigurableEnvironment::install(dataDir_ / "data",
+                                                    platform::RunLoop::Clock::kVirtual);
+  loop_ = &env_->mainRunLoop();
   // 2026-11-21 12:00:00 UTC: a fixed instant, so dates in tests are repeatable.
   wallNow_ = platform::SystemTime(std::chrono::seconds(1795262400));
-  platform::setWallClock([mu = wallMu_, now = &wallNow_] {
+  env_->setWallClock([mu = wallMu_, now = &wallNow_] {
     std::lock_guard lock(*mu);
     return *now;
   });
-  log_.install();
-  platform::setSystemVersion("17.0");
+  log_.install(*env_);
 }
 
 void PlatformTest::TearDown() {
   loop_->drainOnce();
-  platform::setLogSink({});
-  platform::setWallClock({});
+  env_->setLogSink({});
+  env_->setWallClock({});
   std::error_code ec;
   std::filesystem::remove_all(dataDir_, ec);
 }

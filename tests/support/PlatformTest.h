@@ -1,7 +1,7 @@
 #pragma once
-// Test fixture that gives each test the platform doubles: a virtual-clock main
-// queue, a fixed wall clock, a fresh temporary data directory and a log sink
-// that captures lines instead of writing them.
+// Test fixture that installs a test environment: a virtual-clock main queue, a
+// fixed wall clock, a fresh temporary data directory and a log sink that
+// captures lines instead of writing them.
 
 #include <gtest/gtest.h>
 
@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/Clock.h"
 #include "quorvia/platform/RunLoop.h"
 
@@ -19,7 +20,7 @@ namespace quorvia::testing {
 /// Thread-safe capture of every NSLog line.
 class LogCapture {
  public:
-  void install();
+  void install(platform::ConfigurableEnvironment& env);
   std::vector<std::string> lines() const;
   /// Lines equal to `line`.
   int count(const std::string& line) const;
@@ -43,7 +44,8 @@ class PlatformTest : public ::testing::Test {
   /// Moves the fake wall clock.
   void advanceWallClock(double secondsToAdvance);
 
-  std::shared_ptr<platform::RunLoop> loop_;
+  std::shared_ptr<platform::ConfigurableEnvironment> env_;
+  platform::RunLoop* loop_ = nullptr;  // the environment's virtual-clock main queue
   std::filesystem::path dataDir_;
   platform::SystemTime wallNow_;
   std::shared_ptr<std::mutex> wallMu_ = std::make_shared<std::mutex>();

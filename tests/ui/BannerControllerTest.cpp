@@ -84,7 +84,7 @@ TEST_F(BannerControllerTest, OneBannerAtATimeIncludingTheSlideOut) {
 TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
   for (bool reduce : {false, true}) {
     SCOPED_TRACE(reduce ? "reduce transparency" : "blur");
-    platform::setReduceTransparencyEnabled(reduce);
+    env_->setReduceTransparency(reduce);
     auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 375, 667));
     platform::Application::sharedApplication().setKeyWindow(w);
     QuorviaSDK::sharedInstance()->setPresentedPollView(nullptr);

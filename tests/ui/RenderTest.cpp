@@ -74,7 +74,7 @@ TEST_F(RenderTest, ExpandedBannerDarkensTheBackdrop) {
     ASSERT_TRUE(view);
     auto window = platform::keyWindow();
     const auto before = at(platform::Renderer::render(*window), 187, 640);
-    platform::setReduceTransparencyEnabled(reduce);
+    env_->setReduceTransparency(reduce);
     QuorviaSDK::sharedInstance()->notificationViewDidPressExpand(view);
     advance(0.2);
     window->layoutIfNeeded();

@@ -6,6 +6,7 @@
 #include "CommandFields.h"
 #include "HostDelegate.h"
 #include "HostScreen.h"
+#include "platform/ConfigurableEnvironment.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Accessibility.h"
 #include "quorvia/platform/Application.h"
@@ -18,6 +19,11 @@
 
 namespace quorvia::sim {
 namespace {
+
+// main() installs it before the simulator starts.
+platform::ConfigurableEnvironment& simulatedEnvironment() {
+  return dynamic_cast<platform::ConfigurableEnvironment&>(platform::environment());
+}
 
 using platform::Value;
 
@@ -108,7 +114,7 @@ Simulator::~Simulator() = default;
 
 void Simulator::install() {
   auto events = events_;
-  platform::setLogSink([events](std::string_view line) {
+  simulatedEnvironment().setLogSink([events](std::string_view line) {
     events->write("log", {{"line", std::string(line)}});
   });
   auto& app = platform::Application::sharedApplication();
@@ -183,8 +189,8 @@ void Simulator::launch(const Json& command) {
   if (const auto given = optionalDictionary(command, "settings")) settings = settingsFrom(*given);
   const bool reduceTransparency = optionalBool(command, "reduceTransparency", false);
 
-  platform::setSystemVersion(systemVersion);
-  platform::setReduceTransparencyEnabled(reduceTransparency);
+  simulatedEnvironment().setSystemVersion(systemVersion);
+  simulatedEnvironment().setReduceTransparency(reduceTransparency);
   auto& app = platform::Application::sharedApplication();
   if (settings) app.setCurrentUserNotificationSettings(*settings);
   ++launches_;

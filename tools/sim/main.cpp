@@ -10,7 +10,7 @@
 #include "EventWriter.h"
 #include "LineFeed.h"
 #include "Simulator.h"
-#include "quorvia/platform/Device.h"
+#include "platform/ConfigurableEnvironment.h"
 
 int main(int argc, char** argv) {
   std::string script;
@@ -33,8 +33,8 @@ int main(int argc, char** argv) {
                  "default the working directory");
   CLI11_PARSE(app, argc, argv);
 
-  quorvia::platform::setAppIdentifier("quorvia-sim");
-  if (!dataDirectory.empty()) quorvia::platform::setDataDirectory(dataDirectory);
+  quorvia::platform::ConfigurableEnvironment::install(
+      dataDirectory, quorvia::platform::RunLoop::Clock::kReal, "quorvia-sim");
 
   std::shared_ptr<std::istream> input;
   if (script.empty()) {

@@ -7,9 +7,8 @@
 namespace quorvia::platform {
 
 /// Whether the user asked the system to reduce transparency
-/// (UIAccessibilityIsReduceTransparencyEnabled). Off by default. Any thread.
+/// (UIAccessibilityIsReduceTransparencyEnabled), as the environment's device
+/// information says. Any thread.
 QUORVIA_EXPORT bool UIAccessibilityIsReduceTransparencyEnabled();
-/// Host/test side: the user's reduce-transparency switch. Any thread.
-QUORVIA_EXPORT void setReduceTransparencyEnabled(bool enabled);
 
 }  // namespace quorvia::platform

@@ -4,7 +4,6 @@
 /// clock so that tests can fake each on its own.
 
 #include <chrono>
-#include <functional>
 
 #include "quorvia/export.h"
 
@@ -12,11 +11,7 @@ namespace quorvia::platform {
 
 using SystemTime = std::chrono::system_clock::time_point;
 
-/// The current instant (NSDate date). Thread-safe.
+/// The current instant (NSDate date): the environment's wall clock. Any thread.
 QUORVIA_EXPORT SystemTime wallClockNow();
-
-/// Installs the source of wallClockNow(); an empty function restores the
-/// real system clock.
-QUORVIA_EXPORT void setWallClock(std::function<SystemTime()> now);
 
 }  // namespace quorvia::platform

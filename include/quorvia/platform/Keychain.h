@@ -18,8 +18,8 @@
 /// not synchronised.
 ///
 /// All four functions are safe to call from any thread; they run on the
-/// caller's thread against the store installed with setKeychainStore()
-/// (KeychainStore.h), by default the SQLite store in dataDirectory().
+/// caller's thread against the environment's keychain store, on the desktop
+/// the SQLite store in dataDirectory().
 
 #include <cstdint>
 

@@ -1,8 +1,8 @@
 #pragma once
 /// \file
-/// The seam behind the keychain item functions: the store they run against,
-/// installable by the host or a test before the first keychain call, plus the
-/// stores the platform provides (SQLite on disk, in memory).
+/// The store behind the keychain item functions (one service of the
+/// environment), and the stores the platform provides (SQLite on disk, in
+/// memory).
 
 #include <filesystem>
 #include <memory>
@@ -29,13 +29,7 @@ class QUORVIA_EXPORT KeychainStore {
   virtual OSStatus copyMatching(const Value& query, Value* result) = 0;
 };
 
-/// Installs the store behind SecItemAdd/Update/Delete/CopyMatching; nullptr
-/// restores the default (the SQLite store in dataDirectory(), opened on first
-/// use). Thread-safe; calls already running finish on the store they started
-/// with, which the process keeps alive until they return.
-QUORVIA_EXPORT void setKeychainStore(std::shared_ptr<KeychainStore> store);
-
-/// The store the item functions use now (creating the default on first call).
+/// The environment's store, which the item functions use.
 QUORVIA_EXPORT std::shared_ptr<KeychainStore> keychainStore();
 
 /// A store that lives in memory only (for tests); thread-safe.

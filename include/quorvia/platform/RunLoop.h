@@ -2,12 +2,16 @@
 /// \file
 /// The main queue. Every platform callback, network completion, animation
 /// completion and delayed task of the SDK runs on it, on the one thread that
-/// drives the loop (the "main thread").
+/// drives the loop (the "main thread"). A host either calls run() on
+/// mainRunLoop(), or plugs the loop into its own event loop: wait until
+/// wakeFileDescriptor() is readable or timeUntilNextTimer() has passed, then
+/// call drainOnce().
 
 #include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "quorvia/export.h"
 
@@ -40,14 +44,6 @@ class QUORVIA_EXPORT RunLoop final {
   /// Queues a task to run `delay` after now on this loop's clock (dispatch_after).
   void postAfter(Duration delay, Task task);
 
-  /// Says that some thread will probably post within `window` (the answer
-  /// to a request that recently took about that long). Until then a real
-  /// loop that runs out of work yields the CPU in a short poll instead of
-  /// sleeping, which saves the sleep and the wake-up of the hand-off. Safe
-  /// from any thread. Ignored on the virtual clock and when the process may
-  /// use only one CPU, where polling would delay the thread that posts.
-  void expectPostWithin(Duration window);
-
   /// Time on this loop's monotonic clock since the loop was made.
   Duration now() const;
   bool isVirtual() const { return clock_ == Clock::kVirtual; }
@@ -74,16 +70,25 @@ class QUORVIA_EXPORT RunLoop final {
   /// Number of queued tasks, immediate and delayed.
   std::size_t pendingTasks() const;
 
+  /// A descriptor that becomes readable when a task is posted for now, when a
+  /// new earliest timer is set, or when stop() is called: the moments when a
+  /// host waiting in poll/epoll (or SDL, or GLib) must call drainOnce() or
+  /// ask timeUntilNextTimer() again. drainOnce() makes it unreadable. Owned by
+  /// the loop; never close it.
+  int wakeFileDescriptor() const;
+  /// How long until the earliest delayed task falls due on this loop's clock:
+  /// zero when a task is ready now, nullopt when nothing is queued (then wait
+  /// for the descriptor alone). Any thread.
+  std::optional<Duration> timeUntilNextTimer() const;
+
  private:
   struct State;
   const Clock clock_;
   std::unique_ptr<State> state_;
 };
 
-/// The process's main run loop: the installed one, or a real-clock loop made
-/// on first use. Install before the first SDK call.
+/// The process's main run loop: the environment's.
 QUORVIA_EXPORT RunLoop& mainRunLoop();
-QUORVIA_EXPORT void setMainRunLoop(std::shared_ptr<RunLoop> loop);
 
 /// Posts to the main queue.
 QUORVIA_EXPORT void dispatch_async(Task task);

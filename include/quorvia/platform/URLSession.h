@@ -107,10 +107,8 @@ class QUORVIA_EXPORT URLTransport {
 /// connections kept alive and reused. Requests may be started from any thread.
 QUORVIA_EXPORT std::shared_ptr<URLTransport> makeCurlTransport();
 
-/// The process's transport: the installed one, or the libcurl transport made
-/// on first use. Install before the first request.
+/// The environment's transport.
 QUORVIA_EXPORT std::shared_ptr<URLTransport> sharedURLTransport();
-QUORVIA_EXPORT void setSharedURLTransport(std::shared_ptr<URLTransport> transport);
 
 /// A URL session (NSURLSession with the main queue as delegate queue).
 /// Thread-safe: tasks may be started from any thread; every completion

@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <string>
 #include <string_view>
 
 #include "quorvia/export.h"
@@ -14,34 +13,36 @@
 
 namespace quorvia::platform {
 
-/// A key/value store of values, persisted as one keyed archive file
-/// ("UserDefaults.qvka" in the data directory) that synchronize() replaces
-/// atomically (temporary file, fsync, rename), so a crash leaves either the
-/// old or the new file. A file that does not read back as a dictionary is
-/// logged, moved aside to "<file>.corrupt" and the store starts empty.
-/// Thread-safe.
-class QUORVIA_EXPORT UserDefaults final {
+/// A key/value store of values. Implementations are thread-safe.
+class QUORVIA_EXPORT UserDefaults {
  public:
-  /// The process's store in dataDirectory(), loaded on first use.
+  /// The environment's store.
   static UserDefaults& standardUserDefaults();
 
-  explicit UserDefaults(std::filesystem::path file);
-  ~UserDefaults();
+  UserDefaults() = default;
   UserDefaults(const UserDefaults&) = delete;
   UserDefaults& operator=(const UserDefaults&) = delete;
+  virtual ~UserDefaults();
 
   /// The value under `key`, or nullopt.
-  std::optional<Value> objectForKey(std::string_view key);
+  virtual std::optional<Value> objectForKey(std::string_view key) = 0;
+  /// Sets the value under `key`; nullopt removes the key.
+  virtual void setObject(std::optional<Value> value, std::string_view key) = 0;
+  /// Writes the store to its file; true on success (a failure is logged).
+  virtual bool synchronize() = 0;
+
   /// The value under `key` when it is a dictionary; nullopt otherwise.
   std::optional<Value> dictionaryForKey(std::string_view key);
-  /// Sets the value under `key`; nullopt removes the key.
-  void setObject(std::optional<Value> value, std::string_view key);
-  /// Writes the store to its file; true on success (a failure is logged).
-  bool synchronize();
-
- private:
-  struct State;
-  std::unique_ptr<State> state_;
 };
+
+/// The file name of the standard store inside the data directory.
+inline constexpr const char* kUserDefaultsFileName = "UserDefaults.qvka";
+
+/// The desktop's store: one keyed archive file that synchronize() replaces
+/// atomically (temporary file, fsync, rename), so a crash leaves either the
+/// old or the new file. A file that does not read back as a dictionary is
+/// logged, moved aside to "<file>.corrupt" and the store starts empty. The
+/// file is read on first use.
+QUORVIA_EXPORT std::shared_ptr<UserDefaults> makeFileUserDefaults(std::filesystem::path file);
 
 }  // namespace quorvia::platform

@@ -1,25 +1,14 @@
 #include "quorvia/platform/Keychain.h"
 
 #include <exception>
-#include <mutex>
 #include <string>
 
-#include "quorvia/platform/Device.h"
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/KeychainStore.h"
 #include "quorvia/platform/Log.h"
 
 namespace quorvia::platform {
 namespace {
-
-struct Seam {
-  std::mutex mu;
-  std::shared_ptr<KeychainStore> store;
-};
-
-Seam& seam() {
-  static auto* s = new Seam;  // never destroyed: calls may run during exit
-  return *s;
-}
 
 // The store calls stop any exception here, so none reaches the caller. The
 // message names the failure only: it never carries an argument's value.
@@ -42,16 +31,7 @@ OSStatus guarded(const char* function, Call&& call) noexcept {
 
 KeychainStore::~KeychainStore() = default;
 
-void setKeychainStore(std::shared_ptr<KeychainStore> store) {
-  std::lock_guard lock(seam().mu);
-  seam().store = std::move(store);
-}
-
-std::shared_ptr<KeychainStore> keychainStore() {
-  std::lock_guard lock(seam().mu);
-  if (!seam().store) seam().store = makeSQLiteKeychainStore(dataDirectory());
-  return seam().store;
-}
+std::shared_ptr<KeychainStore> keychainStore() { return environment().keychainStore(); }
 
 OSStatus SecItemAdd(const Value& attributes, Value* result) {
   return guarded("SecItemAdd", [&](KeychainStore& s) { return s.add(attributes, result); });

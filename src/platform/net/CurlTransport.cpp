@@ -4,8 +4,6 @@
 #include <curl/curl.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <chrono>
 #include <cmath>
 #include <memory>
 #include <mutex>
@@ -17,15 +15,14 @@
 #include "quorvia/platform/Log.h"
 #include "quorvia/platform/URLSession.h"
 
-#include "platform/Cpu.h"
-
 namespace quorvia::platform {
 namespace {
 
 constexpr long kMaxRedirects = 16;
 constexpr std::size_t kIdleHandlesKept = 64;
-// How long the transport thread keeps polling without sleeping after traffic.
-constexpr auto kBusyPollWindow = std::chrono::microseconds(100);
+// curl_multi_poll takes an int of milliseconds; with nothing in flight the
+// thread sleeps this long at a time, which is as good as forever.
+constexpr int kIdleWaitMs = 24 * 60 * 60 * 1000;
 
 Error transportError(std::int64_t code, const std::string& description, const std::string& url,
                      const std::string& detail) {
@@ -140,9 +137,6 @@ class CurlTransport final : public URLTransport {
     initCurlOnce();
     multi_ = curl_multi_init();
     curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 64L);
-    thread_ = std::thread([this] { run(); });
-    // Named so that it can be told apart in top, perf and a debugger.
-    pthread_setname_np(thread_.native_handle(), "quorvia-net");
   }
 
   ~CurlTransport() override {
@@ -151,7 +145,7 @@ class CurlTransport final : public URLTransport {
       stopping_ = true;
     }
     curl_multi_wakeup(multi_);
-    thread_.join();
+    if (thread_.joinable()) thread_.join();
     // Requests still queued or in flight when the process ends are abandoned.
     for (auto& [easy, transfer] : active_) {
       curl_multi_remove_handle(multi_, easy);
@@ -169,24 +163,25 @@ class CurlTransport final : public URLTransport {
     {
       std::lock_guard lock(mu_);
       queue_.push_back(std::move(transfer));
+      // Started by the first request: a host that sends none has no thread.
+      if (!thread_.joinable()) {
+        thread_ = std::thread([this] { run(); });
+        // Named so that it can be told apart in top, perf and a debugger.
+        pthread_setname_np(thread_.native_handle(), "quorvia-net");
+      }
     }
-    // A thread that is polling without blocking finds the request by itself;
-    // the wake-up would cost a write here and two reads there.
-    if (blocking_.load()) curl_multi_wakeup(multi_);
+    curl_multi_wakeup(multi_);
   }
 
  private:
   void run() {
     std::vector<std::unique_ptr<Transfer>> incoming;
-    auto lastActivity = std::chrono::steady_clock::now();
-    int readyFds = 0;
     for (;;) {
       {
         std::lock_guard lock(mu_);
         if (stopping_) return;
         incoming.swap(queue_);
       }
-      bool active = !incoming.empty() || readyFds > 0;
       for (auto& transfer : incoming) begin(std::move(transfer));
       incoming.clear();
       int running = 0;
@@ -195,30 +190,15 @@ class CurlTransport final : public URLTransport {
       while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
         if (message->msg != CURLMSG_DONE) continue;
         finish(message->easy_handle, message->data.result);
-        active = true;
       }
-      // Sleeping in poll costs a thread wake-up per answer and per request,
-      // which on loopback or a LAN is a large share of the round trip. Just
-      // after real traffic the next event is likely close, so the thread
-      // polls without blocking for a short while; a transfer that merely
-      // waits (a slow server) lets it sleep again. With one CPU, polling
-      // would only hold up the threads it waits for.
-      const auto now = std::chrono::steady_clock::now();
-      if (active) lastActivity = now;
-      const bool busyPolling = now - lastActivity < kBusyPollWindow && mayRunThreadsInParallel();
-      int timeoutMs = busyPolling ? 0 : 1000;
-      // A loopback server may share this CPU; let it answer.
-      if (busyPolling) std::this_thread::yield();
-      if (timeoutMs > 0) {
-        // Announce the sleep before the last look at the queue: a request
-        // queued after that look sees the flag and wakes the poll.
-        blocking_.store(true);
-        std::lock_guard lock(mu_);
-        if (!queue_.empty() || stopping_) timeoutMs = 0;
-      }
-      readyFds = 0;
-      curl_multi_poll(multi_, nullptr, 0, timeoutMs, &readyFds);
-      blocking_.store(false);
+      // Sleeps until a socket is ready, libcurl's next time-out falls due or
+      // start() wakes it; with nothing in flight only start() does.
+      long curlTimeoutMs = -1;
+      curl_multi_timeout(multi_, &curlTimeoutMs);
+      const int timeoutMs = active_.empty() || curlTimeoutMs < 0 || curlTimeoutMs > kIdleWaitMs
+                                ? kIdleWaitMs
+                                : static_cast<int>(curlTimeoutMs);
+      curl_multi_poll(multi_, nullptr, 0, timeoutMs, nullptr);
     }
   }
 
@@ -231,16 +211,17 @@ class CurlTransport final : public URLTransport {
 
   void begin(std::unique_ptr<Transfer> transfer) {
     if (!transfer->request.url) {
-      complete(std::move(transfer), TransportResult{
-          std::nullopt, std::nullopt, transportError(NSURLErrorBadURL, "bad URL", "", "")});
+      complete(std::move(transfer),
+               TransportResult{std::nullopt, std::nullopt,
+                               transportError(NSURLErrorBadURL, "bad URL", "", "")});
       return;
     }
     CURL* easy = takeHandle();
     if (!easy) {
-      complete(std::move(transfer), TransportResult{std::nullopt, std::nullopt,
-                                                    transportError(NSURLErrorUnknown,
-                                                                   "unknown error", "",
-                                                                   "curl_easy_init failed")});
+      complete(std::move(transfer),
+               TransportResult{std::nullopt, std::nullopt,
+                               transportError(NSURLErrorUnknown, "unknown error", "",
+                                              "curl_easy_init failed")});
       return;
     }
     transfer->easy = easy;
@@ -299,10 +280,10 @@ class CurlTransport final : public URLTransport {
     if (curl_multi_add_handle(multi_, easy) != CURLM_OK) {
       curl_easy_cleanup(easy);
       transfer->easy = nullptr;
-      complete(std::move(transfer), TransportResult{std::nullopt, std::nullopt,
-                                                    transportError(NSURLErrorUnknown,
-                                                                   "unknown error", "",
-                                                                   "curl_multi_add_handle failed")});
+      complete(std::move(transfer),
+               TransportResult{std::nullopt, std::nullopt,
+                               transportError(NSURLErrorUnknown, "unknown error", "",
+                                              "curl_multi_add_handle failed")});
       return;
     }
     active_.emplace(easy, std::move(transfer));
@@ -325,8 +306,8 @@ class CurlTransport final : public URLTransport {
       result.response = std::move(transfer->response);
       result.data = std::move(transfer->received);
     } else {
-      result.error = errorForCurlCode(code, transfer->request.url->absoluteString,
-                                      transfer->errorText);
+      result.error =
+          errorForCurlCode(code, transfer->request.url->absoluteString, transfer->errorText);
     }
     curl_easy_reset(easy);
     transfer->easy = nullptr;
@@ -348,13 +329,12 @@ class CurlTransport final : public URLTransport {
   std::mutex mu_;
   std::vector<std::unique_ptr<Transfer>> queue_;  // guarded by mu_
   bool stopping_ = false;                         // guarded by mu_
-  std::atomic<bool> blocking_{false};  // the transport thread may sleep in poll
   // Used by the transport thread only.
   // Keyed by handle: finding a finished transfer by a linear search made a
   // burst of many requests (a host retrying against a dead server) quadratic.
   std::unordered_map<CURL*, std::unique_ptr<Transfer>> active_;
   std::vector<CURL*> idle_;
-  std::thread thread_;
+  std::thread thread_;  // guarded by mu_ until started
 };
 
 }  // namespace

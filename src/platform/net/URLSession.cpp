@@ -2,11 +2,7 @@
 
 #include <strings.h>
 
-#include <atomic>
-#include <chrono>
-#include <limits>
-#include <mutex>
-
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::platform {
@@ -14,28 +10,6 @@ namespace {
 
 bool sameField(std::string_view a, std::string_view b) {
   return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-std::mutex& transportMutex() {
-  static std::mutex mu;
-  return mu;
-}
-
-// Answers that came at least this fast are worth polling for on the main
-// thread; slower ones (any server across the internet) are slept for.
-constexpr auto kLongestPolledAnswer = std::chrono::microseconds(250);
-
-// How long the latest answer took, from start to completion, in steady-clock
-// nanoseconds. Starts slow, so that nothing is polled for before one fast
-// answer has been seen.
-std::atomic<std::int64_t>& latestAnswerNanoseconds() {
-  static std::atomic<std::int64_t> nanoseconds{std::numeric_limits<std::int64_t>::max()};
-  return nanoseconds;
-}
-
-std::shared_ptr<URLTransport>& installedTransport() {
-  static std::shared_ptr<URLTransport> transport;
-  return transport;
 }
 
 }  // namespace
@@ -65,17 +39,7 @@ std::optional<std::string> URLRequest::valueForHTTPHeaderField(std::string_view 
 
 URLTransport::~URLTransport() = default;
 
-std::shared_ptr<URLTransport> sharedURLTransport() {
-  std::lock_guard lock(transportMutex());
-  auto& transport = installedTransport();
-  if (!transport) transport = makeCurlTransport();
-  return transport;
-}
-
-void setSharedURLTransport(std::shared_ptr<URLTransport> transport) {
-  std::lock_guard lock(transportMutex());
-  installedTransport() = std::move(transport);
-}
+std::shared_ptr<URLTransport> sharedURLTransport() { return environment().urlTransport(); }
 
 URLSession::URLSession(ServerTrustPolicy trust) : URLSession(sharedURLTransport(), trust) {}
 
@@ -83,27 +47,20 @@ URLSession::URLSession(std::shared_ptr<URLTransport> transport, ServerTrustPolic
     : transport_(std::move(transport)), trust_(trust) {}
 
 void URLSession::dataTaskWithRequest(URLRequest request, CompletionHandler handler) {
-  const auto started = std::chrono::steady_clock::now();
-  // When the server has been answering within 250 µs (loopback, a fast LAN)
-  // the main loop polls for this answer rather than sleeping; a slow answer
-  // turns that off again for the next request.
-  if (latestAnswerNanoseconds().load(std::memory_order_relaxed) <=
-      std::chrono::nanoseconds(kLongestPolledAnswer).count()) {
-    mainRunLoop().expectPostWithin(kLongestPolledAnswer);
-  }
-  transport_->start(std::move(request), trust_,
-                    [handler = std::move(handler), started](TransportResult result) {
-    latestAnswerNanoseconds().store(
-        std::chrono::nanoseconds(std::chrono::steady_clock::now() - started).count(),
-        std::memory_order_relaxed);
-    dispatch_async([handler, result = std::move(result)]() mutable {
-      if (result.error) {
-        handler(std::nullopt, std::nullopt, std::move(result.error));
-      } else {
-        handler(std::move(result.data), std::move(result.response), std::nullopt);
-      }
-    });
-  });
+  transport_->start(
+      std::move(request), trust_, [handler = std::move(handler)](TransportResult result) mutable {
+        // Moved, not copied, into the main-queue task: what the
+        // handler captured must die on the main queue, never on
+        // the transport's thread.
+        dispatch_async([handler = std::move(handler), result = std::move(result)]() mutable {
+          auto call = std::move(handler);
+          if (result.error) {
+            call(std::nullopt, std::nullopt, std::move(result.error));
+          } else {
+            call(std::move(result.data), std::move(result.response), std::nullopt);
+          }
+        });
+      });
 }
 
 }  // namespace quorvia::platform

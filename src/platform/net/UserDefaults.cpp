@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "quorvia/platform/Device.h"
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/KeyedArchiver.h"
 #include "quorvia/platform/Log.h"
 
@@ -36,9 +37,7 @@ void syncDirectory(const std::filesystem::path& directory) {
   ::close(fd);
 }
 
-}  // namespace
-
-struct UserDefaults::State {
+struct FileState {
   std::filesystem::path file;
   std::mutex mu;
   bool loaded = false;
@@ -57,8 +56,7 @@ struct UserDefaults::State {
       const auto aside = std::filesystem::path(file.string() + ".corrupt");
       std::filesystem::rename(file, aside, ec);
       NSLog("QuorviaSDK: user defaults file " + file.string() +
-            " is not a readable dictionary; moved to " + aside.string() +
-            " and starting empty");
+            " is not a readable dictionary; moved to " + aside.string() + " and starting empty");
       return;
     }
     values = std::move(*root);
@@ -92,23 +90,46 @@ struct UserDefaults::State {
   }
 };
 
-UserDefaults& UserDefaults::standardUserDefaults() {
-  static UserDefaults defaults(dataDirectory() / "UserDefaults.qvka");
-  return defaults;
-}
+class FileUserDefaults final : public UserDefaults {
+ public:
+  explicit FileUserDefaults(std::filesystem::path file) { state_.file = std::move(file); }
 
-UserDefaults::UserDefaults(std::filesystem::path file) : state_(std::make_unique<State>()) {
-  state_->file = std::move(file);
-}
+  std::optional<Value> objectForKey(std::string_view key) override {
+    std::lock_guard lock(state_.mu);
+    state_.load();
+    const auto found = state_.values.find(key);
+    if (found == state_.values.end()) return std::nullopt;
+    return *found;
+  }
+
+  void setObject(std::optional<Value> value, std::string_view key) override {
+    std::lock_guard lock(state_.mu);
+    state_.load();
+    if (value) {
+      state_.values[std::string(key)] = std::move(*value);
+    } else {
+      state_.values.erase(std::string(key));
+    }
+  }
+
+  bool synchronize() override {
+    std::lock_guard lock(state_.mu);
+    state_.load();
+    return state_.save();
+  }
+
+ private:
+  FileState state_;
+};
+
+}  // namespace
 
 UserDefaults::~UserDefaults() = default;
 
-std::optional<Value> UserDefaults::objectForKey(std::string_view key) {
-  std::lock_guard lock(state_->mu);
-  state_->load();
-  const auto found = state_->values.find(key);
-  if (found == state_->values.end()) return std::nullopt;
-  return *found;
+UserDefaults& UserDefaults::standardUserDefaults() {
+  // The environment keeps its store for as long as it lives, which is as
+  // long as the process.
+  return *environment().userDefaults();
 }
 
 std::optional<Value> UserDefaults::dictionaryForKey(std::string_view key) {
@@ -117,20 +138,8 @@ std::optional<Value> UserDefaults::dictionaryForKey(std::string_view key) {
   return value;
 }
 
-void UserDefaults::setObject(std::optional<Value> value, std::string_view key) {
-  std::lock_guard lock(state_->mu);
-  state_->load();
-  if (value) {
-    state_->values[std::string(key)] = std::move(*value);
-  } else {
-    state_->values.erase(std::string(key));
-  }
-}
-
-bool UserDefaults::synchronize() {
-  std::lock_guard lock(state_->mu);
-  state_->load();
-  return state_->save();
+std::shared_ptr<UserDefaults> makeFileUserDefaults(std::filesystem::path file) {
+  return std::make_shared<FileUserDefaults>(std::move(file));
 }
 
 }  // namespace quorvia::platform

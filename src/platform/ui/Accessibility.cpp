@@ -1,13 +1,11 @@
 #include "quorvia/platform/Accessibility.h"
 
-#include <atomic>
+#include "quorvia/platform/Environment.h"
 
 namespace quorvia::platform {
-namespace {
-std::atomic<bool> gReduceTransparency{false};
-}  // namespace
 
-bool UIAccessibilityIsReduceTransparencyEnabled() { return gReduceTransparency.load(); }
-void setReduceTransparencyEnabled(bool enabled) { gReduceTransparency.store(enabled); }
+bool UIAccessibilityIsReduceTransparencyEnabled() {
+  return environment().deviceInfo().reduceTransparency;
+}
 
 }  // namespace quorvia::platform

@@ -13,8 +13,8 @@
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Bundle.h"
 #include "quorvia/platform/Device.h"
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/Log.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/URLSession.h"
 
@@ -30,11 +30,28 @@ class OnePollTransport final : public platform::URLTransport {
       const std::string body =
           R"({"results":[{"id":1,"question":"Installed?","options":[{"text":"Yes"}]}]})";
       platform::TransportResult result;
-      result.response = platform::HTTPURLResponse{request.url ? request.url->absoluteString : "", 200, {}};
+      result.response =
+          platform::HTTPURLResponse{request.url ? request.url->absoluteString : "", 200, {}};
       result.data = platform::Bytes(body.begin(), body.end());
       done(std::move(result));
     });
   }
+};
+
+// The desktop, with log lines on stdout, keychain items in memory and the
+// transport above.
+class ConsumerEnvironment final : public platform::EnvironmentWrapper {
+ public:
+  using EnvironmentWrapper::EnvironmentWrapper;
+  void log(std::string_view line) override {
+    std::fprintf(stdout, "log: %.*s\n", static_cast<int>(line.size()), line.data());
+  }
+  std::shared_ptr<platform::URLTransport> urlTransport() override { return transport_; }
+  std::shared_ptr<platform::KeychainStore> keychainStore() override { return keychain_; }
+
+ private:
+  std::shared_ptr<platform::URLTransport> transport_ = std::make_shared<OnePollTransport>();
+  std::shared_ptr<platform::KeychainStore> keychain_ = platform::makeInMemoryKeychainStore();
 };
 
 int fail(const std::string& why) {
@@ -48,14 +65,10 @@ int main(int argc, char** argv) {
   if (argc != 2) return fail("usage: quorvia_consumer <install prefix>");
   const std::filesystem::path prefix = std::filesystem::weakly_canonical(argv[1]);
 
-  platform::setLogSink([](std::string_view line) {
-    std::fprintf(stdout, "log: %.*s\n", static_cast<int>(line.size()), line.data());
-  });
-  platform::setSystemVersion("17.0");
-  platform::setDataDirectory(std::filesystem::temp_directory_path() /
-                             ("quorvia-consumer-" + std::to_string(::getpid())));
-  platform::setKeychainStore(platform::makeInMemoryKeychainStore());
-  platform::setSharedURLTransport(std::make_shared<OnePollTransport>());
+  platform::installEnvironment(
+      std::make_shared<ConsumerEnvironment>(platform::makeDesktopEnvironment(
+          {"quorvia-consumer", std::filesystem::temp_directory_path() /
+                                   ("quorvia-consumer-" + std::to_string(::getpid()))})));
 
   const auto bundle = platform::Bundle::bundleWithIdentifier("com.quorvia.sdk.ios");
   if (!bundle) return fail("resource bundle not found");

@@ -1,0 +1,121 @@
+#pragma once
+// Internal: an environment whose services are replaced one at a time, for
+// tests, benchmarks, fuzzers and the simulator. Everything not replaced is the
+// desktop's, kept in the given data directory.
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "quorvia/platform/Environment.h"
+#include "quorvia/platform/Value.h"
+
+namespace quorvia::platform {
+
+class ConfigurableEnvironment final : public EnvironmentWrapper {
+ public:
+  /// Installs a fresh environment in `dataDirectory` with a main queue on
+  /// `clock`, no push service, and returns it for further changes.
+  static std::shared_ptr<ConfigurableEnvironment> install(std::filesystem::path dataDirectory,
+                                                          RunLoop::Clock clock,
+                                                          std::string appIdentifier = "quorvia") {
+    auto env = std::make_shared<ConfigurableEnvironment>(makeDesktopEnvironment(
+        {std::move(appIdentifier), std::move(dataDirectory), clock, /*push=*/false}));
+    installEnvironment(env);
+    return env;
+  }
+
+  explicit ConfigurableEnvironment(std::shared_ptr<Environment> desktop)
+      : EnvironmentWrapper(std::move(desktop)) {}
+
+  // Each setter replaces one service; an empty value restores the desktop's.
+  void setWallClock(std::function<SystemTime()> now) { set(&Slots::now, std::move(now)); }
+  void setLogSink(std::function<void(std::string_view)> sink) { set(&Slots::log, std::move(sink)); }
+  void setURLTransport(std::shared_ptr<URLTransport> t) { set(&Slots::transport, std::move(t)); }
+  void setKeychainStore(std::shared_ptr<KeychainStore> s) { set(&Slots::keychain, std::move(s)); }
+  void setUserDefaults(std::shared_ptr<UserDefaults> d) { set(&Slots::defaults, std::move(d)); }
+  void setPushService(std::shared_ptr<PushService> p) { set(&Slots::push, std::move(p)); }
+  void setNotificationPresenter(std::shared_ptr<NotificationPresenter> p) {
+    set(&Slots::presenter, std::move(p));
+  }
+  void setSystemVersion(std::string version) { set(&Slots::systemVersion, std::move(version)); }
+  void setReduceTransparency(bool reduce) { set(&Slots::reduceTransparency, reduce); }
+  void setLocalizedStringTable(const std::string& table, Value strings) {
+    std::lock_guard lock(mu_);
+    slots_.tables[table] = std::move(strings);
+  }
+
+  SystemTime now() override {
+    auto clock = get(&Slots::now);
+    return clock ? clock() : target().now();
+  }
+  void log(std::string_view message) override {
+    auto sink = get(&Slots::log);
+    sink ? sink(message) : target().log(message);
+  }
+  std::shared_ptr<URLTransport> urlTransport() override {
+    auto t = get(&Slots::transport);
+    return t ? t : target().urlTransport();
+  }
+  std::shared_ptr<KeychainStore> keychainStore() override {
+    auto s = get(&Slots::keychain);
+    return s ? s : target().keychainStore();
+  }
+  std::shared_ptr<UserDefaults> userDefaults() override {
+    auto d = get(&Slots::defaults);
+    return d ? d : target().userDefaults();
+  }
+  std::shared_ptr<PushService> pushService() override { return get(&Slots::push); }
+  std::shared_ptr<NotificationPresenter> notificationPresenter() override {
+    return get(&Slots::presenter);
+  }
+  DeviceInfo deviceInfo() override {
+    DeviceInfo info = target().deviceInfo();
+    std::lock_guard lock(mu_);
+    if (!slots_.systemVersion.empty()) info.systemVersion = slots_.systemVersion;
+    info.reduceTransparency = slots_.reduceTransparency;
+    return info;
+  }
+  std::optional<std::string> localizedString(std::string_view table,
+                                             std::string_view key) override {
+    std::lock_guard lock(mu_);
+    const auto found = slots_.tables.find(table);
+    if (found == slots_.tables.end()) return std::nullopt;
+    const Value* text = valueForKey(found->second, key);
+    if (!text || !text->is_string()) return std::nullopt;
+    return text->get<std::string>();
+  }
+
+ private:
+  struct Slots {
+    std::function<SystemTime()> now;
+    std::function<void(std::string_view)> log;
+    std::shared_ptr<URLTransport> transport;
+    std::shared_ptr<KeychainStore> keychain;
+    std::shared_ptr<UserDefaults> defaults;
+    std::shared_ptr<PushService> push;
+    std::shared_ptr<NotificationPresenter> presenter;
+    std::string systemVersion;
+    bool reduceTransparency = false;
+    std::map<std::string, Value, std::less<>> tables;
+  };
+
+  template <typename T>
+  void set(T Slots::*slot, T value) {
+    std::lock_guard lock(mu_);
+    slots_.*slot = std::move(value);
+  }
+  template <typename T>
+  T get(T Slots::*slot) {
+    std::lock_guard lock(mu_);
+    return slots_.*slot;
+  }
+
+  std::mutex mu_;
+  Slots slots_;
+};
+
+}  // namespace quorvia::platform

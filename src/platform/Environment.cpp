@@ -1,0 +1,154 @@
+#include "quorvia/platform/Environment.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "quorvia/platform/KeychainStore.h"
+#include "quorvia/platform/URLSession.h"
+#include "quorvia/platform/UserDefaults.h"
+
+extern "C" char* program_invocation_short_name;  // glibc
+
+namespace quorvia::platform {
+namespace {
+
+std::filesystem::path xdgDataDirectory(const std::string& appIdentifier) {
+  std::filesystem::path base;
+  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg && *xdg) {
+    base = xdg;
+  } else if (const char* home = std::getenv("HOME"); home && *home) {
+    base = std::filesystem::path(home) / ".local" / "share";
+  } else {
+    base = std::filesystem::temp_directory_path();
+  }
+  return base / "quorvia" / appIdentifier;
+}
+
+// NSLog's line: "YYYY-MM-DD hh:mm:ss.mmm process[pid:tid] message".
+void writeToStderr(std::string_view message) {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t secs = std::chrono::system_clock::to_time_t(now);
+  const auto ms =
+      std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()) % 1000;
+  std::tm local{};
+  localtime_r(&secs, &local);
+  char stamp[32];
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+  std::fprintf(stderr, "%s.%03d %s[%d:%ld] %.*s\n", stamp, static_cast<int>(ms.count()),
+               program_invocation_short_name, static_cast<int>(getpid()),
+               static_cast<long>(syscall(SYS_gettid)), static_cast<int>(message.size()),
+               message.data());
+}
+
+// Made on first use: an SDK that never sends a request starts no transport
+// thread, and one that never reads the keychain opens no database.
+template <typename T>
+class Lazy {
+ public:
+  template <typename Make>
+  std::shared_ptr<T> get(Make&& make) {
+    std::lock_guard lock(mu_);
+    if (!value_) value_ = make();
+    return value_;
+  }
+
+ private:
+  std::mutex mu_;
+  std::shared_ptr<T> value_;
+};
+
+class DesktopEnvironment final : public Environment {
+ public:
+  explicit DesktopEnvironment(DesktopEnvironmentOptions options)
+      : options_(std::move(options)), loop_(options_.clock) {
+    if (options_.appIdentifier.empty()) options_.appIdentifier = program_invocation_short_name;
+    if (options_.dataDirectory.empty()) {
+      options_.dataDirectory = xdgDataDirectory(options_.appIdentifier);
+    }
+  }
+
+  RunLoop& mainRunLoop() override { return loop_; }
+  SystemTime now() override { return std::chrono::system_clock::now(); }
+  void log(std::string_view message) override { writeToStderr(message); }
+  std::shared_ptr<URLTransport> urlTransport() override {
+    return transport_.get([] { return makeCurlTransport(); });
+  }
+  std::shared_ptr<KeychainStore> keychainStore() override {
+    return keychain_.get([this] { return makeSQLiteKeychainStore(options_.dataDirectory); });
+  }
+  std::shared_ptr<UserDefaults> userDefaults() override {
+    return defaults_.get(
+        [this] { return makeFileUserDefaults(options_.dataDirectory / kUserDefaultsFileName); });
+  }
+  std::shared_ptr<PushService> pushService() override { return nullptr; }
+  std::shared_ptr<NotificationPresenter> notificationPresenter() override { return nullptr; }
+  DeviceInfo deviceInfo() override {
+    DeviceInfo info;
+    info.appIdentifier = options_.appIdentifier;
+    return info;
+  }
+  std::filesystem::path dataDirectory() override { return options_.dataDirectory; }
+
+ private:
+  DesktopEnvironmentOptions options_;
+  RunLoop loop_;
+  Lazy<URLTransport> transport_;
+  Lazy<KeychainStore> keychain_;
+  Lazy<UserDefaults> defaults_;
+};
+
+struct Installed {
+  std::mutex mu;
+  std::vector<std::shared_ptr<Environment>> kept;  // every environment ever installed
+  std::atomic<Environment*> current{nullptr};
+};
+
+Installed& installed() {
+  // Never destroyed: threads and exit handlers may log while the process ends.
+  static auto* slot = new Installed;
+  return *slot;
+}
+
+}  // namespace
+
+Environment::~Environment() = default;
+
+std::optional<std::string> Environment::localizedString(std::string_view, std::string_view) {
+  return std::nullopt;
+}
+
+Environment* Environment::Default() {
+  static Environment* const desktop = [] {
+    auto* keep = new std::shared_ptr<Environment>(makeDesktopEnvironment());
+    return keep->get();
+  }();
+  return desktop;
+}
+
+std::shared_ptr<Environment> makeDesktopEnvironment(DesktopEnvironmentOptions options) {
+  return std::make_shared<DesktopEnvironment>(std::move(options));
+}
+
+void installEnvironment(std::shared_ptr<Environment> environment) {
+  if (!environment) return;
+  auto& slot = installed();
+  std::lock_guard lock(slot.mu);
+  slot.current.store(environment.get(), std::memory_order_release);
+  slot.kept.push_back(std::move(environment));
+}
+
+Environment& environment() {
+  Environment* current = installed().current.load(std::memory_order_acquire);
+  return current ? *current : *Environment::Default();
+}
+
+}  // namespace quorvia::platform
