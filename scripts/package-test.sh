@@ -60,12 +60,12 @@ consumer="$root/tests/packaging/consumer"
 echo "== host with find_package(quorvia)"
 cmake -S "$consumer" -B "$work/cmake-host" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-host" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$work/cmake-host/quorvia_consumer" "$prefix" | grep -v '^log:'
+LD_LIBRARY_PATH="$libdir" "$work/cmake-host/quorvia_consumer" | grep -v '^log:'
 
 echo "== host with pkg-config"
 pcflags=(--cflags --libs)
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 c++ -std=c++20 -o "$work/pc-host" "$consumer/main.cpp" $(pkg-config "${pcflags[@]}" quorvia)
-LD_LIBRARY_PATH="$libdir" "$work/pc-host" "$prefix" | grep -v '^log:'
+LD_LIBRARY_PATH="$libdir" "$work/pc-host" | grep -v '^log:'
 echo "== packaging passed"

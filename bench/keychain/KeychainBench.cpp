@@ -14,8 +14,8 @@
 #include <string>
 
 #include "platform/ConfigurableEnvironment.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "keychain/LKKeychain.h"
+#include "platform/KeychainStore.h"
 
 namespace {
 

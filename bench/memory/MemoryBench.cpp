@@ -9,10 +9,11 @@
 
 #include "platform/ConfigurableEnvironment.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/Renderer.h"
+#include "sdk/SDKState.h"
+#include "platform/KeychainStore.h"
+#include "platform/Renderer.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/URLSession.h"
+#include "platform/URLSession.h"
 #include "quorvia/platform/Window.h"
 
 namespace {
@@ -65,7 +66,7 @@ void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
     loop->advance(platform::seconds(0.5));
     const auto frame = platform::Renderer::render(*platform::keyWindow());
     benchmark::DoNotOptimize(frame.rgba.data());
-    if (!QuorviaSDK::sharedInstance()->presentedPollView()) state.SkipWithError("no banner");
+    if (!sdk::SDKState::shared().banner->presentedPollView()) state.SkipWithError("no banner");
   }
   state.counters["rss_added_kb"] = statusKb("VmRSS") - rssBefore;
   state.counters["anon_added_kb"] = statusKb("RssAnon") - anonBefore;

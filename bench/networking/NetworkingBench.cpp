@@ -20,9 +20,9 @@
 #include <thread>
 #include <vector>
 
-#include "quorvia/networking/SimpleNetworking.h"
+#include "networking/SimpleNetworking.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/URLCache.h"
+#include "platform/URLCache.h"
 
 namespace {
 

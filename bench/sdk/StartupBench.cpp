@@ -7,7 +7,7 @@
 #include "platform/ConfigurableEnvironment.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/URLSession.h"
+#include "platform/URLSession.h"
 
 namespace {
 

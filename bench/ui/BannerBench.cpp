@@ -8,7 +8,7 @@
 
 #include "../../tests/ui/BannerScene.h"
 #include "platform/ConfigurableEnvironment.h"
-#include "quorvia/platform/Renderer.h"
+#include "platform/Renderer.h"
 
 namespace {
 

@@ -5,8 +5,9 @@
 
 #include "../FuzzSupport.h"
 #include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/service/QVModelPoll.h"
+#include "service/QVModelPoll.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;
@@ -15,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!value) return 0;
   (void)platform::describe(*value);
   try {
-    QuorviaSDK::sharedInstance()->parsePollsReponse(*value);
+    sdk::SDKState::shared().service->parsePollsReponse(*value);
   } catch (const platform::Exception&) {
     // The fetch completion's guard drops these.
   }

@@ -4,8 +4,8 @@
 #include <cstdint>
 
 #include "../FuzzSupport.h"
-#include "quorvia/platform/Keychain.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "platform/Keychain.h"
+#include "platform/KeychainStore.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;

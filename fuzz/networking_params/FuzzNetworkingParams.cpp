@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "../FuzzSupport.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "networking/SimpleNetworking.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;

@@ -7,9 +7,9 @@
 #include <fstream>
 
 #include "../FuzzSupport.h"
-#include "quorvia/platform/Bundle.h"
+#include "platform/Bundle.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Nib.h"
+#include "platform/Nib.h"
 #include "quorvia/platform/View.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

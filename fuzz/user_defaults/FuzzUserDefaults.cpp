@@ -7,8 +7,8 @@
 #include <fstream>
 
 #include "../FuzzSupport.h"
-#include "quorvia/networking/SimpleNetworking.h"
-#include "quorvia/platform/UserDefaults.h"
+#include "networking/SimpleNetworking.h"
+#include "platform/UserDefaults.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;

@@ -1,4 +1,4 @@
-#include "quorvia/keychain/LKKeychain.h"
+#include "keychain/LKKeychain.h"
 
 #include <mutex>
 

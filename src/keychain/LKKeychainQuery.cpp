@@ -1,13 +1,13 @@
-#include "quorvia/keychain/LKKeychainQuery.h"
+#include "keychain/LKKeychainQuery.h"
 
 #include <unicode/utf8.h>
 
 #include <utility>
 
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/FoundationVersion.h"
-#include "quorvia/platform/KeyedArchiver.h"
-#include "quorvia/platform/Localization.h"
+#include "keychain/LKKeychain.h"
+#include "platform/FoundationVersion.h"
+#include "platform/KeyedArchiver.h"
+#include "platform/Localization.h"
 
 namespace quorvia {
 namespace {

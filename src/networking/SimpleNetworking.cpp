@@ -1,12 +1,12 @@
 // The shared instance, its class operations and the dispatch of requests.
 
-#include "quorvia/networking/SimpleNetworking.h"
+#include "networking/SimpleNetworking.h"
 
 #include <string_view>
 
 #include "networking/URLText.h"
-#include "quorvia/platform/Log.h"
-#include "quorvia/platform/URLCache.h"
+#include "platform/Log.h"
+#include "platform/URLCache.h"
 
 namespace quorvia {
 namespace {

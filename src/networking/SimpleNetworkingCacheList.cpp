@@ -4,12 +4,12 @@
 #include <cstdint>
 #include <limits>
 
-#include "quorvia/networking/SimpleNetworking.h"
-#include "quorvia/platform/DateFormatter.h"
-#include "quorvia/platform/KeyedArchiver.h"
-#include "quorvia/platform/Log.h"
+#include "networking/SimpleNetworking.h"
+#include "platform/DateFormatter.h"
+#include "platform/KeyedArchiver.h"
+#include "platform/Log.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "quorvia/platform/UserDefaults.h"
+#include "platform/UserDefaults.h"
 
 namespace quorvia {
 namespace {

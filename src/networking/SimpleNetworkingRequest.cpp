@@ -3,8 +3,8 @@
 #include <string>
 
 #include "networking/URLText.h"
-#include "quorvia/networking/SimpleNetworking.h"
-#include "quorvia/platform/Log.h"
+#include "networking/SimpleNetworking.h"
+#include "platform/Log.h"
 
 namespace quorvia {
 namespace {

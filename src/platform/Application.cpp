@@ -2,7 +2,7 @@
 
 #include <mutex>
 
-#include "quorvia/platform/URL.h"
+#include "platform/URL.h"
 
 namespace quorvia::platform {
 

@@ -1,4 +1,4 @@
-#include "quorvia/platform/Device.h"
+#include "platform/Device.h"
 
 #include <sys/stat.h>
 

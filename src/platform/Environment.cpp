@@ -12,9 +12,9 @@
 #include <utility>
 #include <vector>
 
-#include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/URLSession.h"
-#include "quorvia/platform/UserDefaults.h"
+#include "platform/KeychainStore.h"
+#include "platform/URLSession.h"
+#include "platform/UserDefaults.h"
 
 extern "C" char* program_invocation_short_name;  // glibc
 

@@ -7,7 +7,7 @@
 #include <string_view>
 
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Log.h"
+#include "platform/Log.h"
 
 namespace quorvia::platform {
 

@@ -1,4 +1,4 @@
-#include "quorvia/platform/KeyedArchiver.h"
+#include "platform/KeyedArchiver.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-#include "quorvia/platform/Log.h"
+#include "platform/Log.h"
 
 #include <mutex>
 

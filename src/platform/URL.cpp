@@ -1,4 +1,4 @@
-#include "quorvia/platform/URL.h"
+#include "platform/URL.h"
 
 #include <algorithm>
 #include <cctype>

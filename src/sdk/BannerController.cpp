@@ -1,13 +1,12 @@
-#include <exception>
+#include "sdk/BannerController.h"
 
-#include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Accessibility.h"
-#include "quorvia/platform/Animation.h"
+#include "platform/Accessibility.h"
+#include "platform/Animation.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/BlurView.h"
-#include "quorvia/platform/URL.h"
+#include "platform/BlurView.h"
+#include "platform/URL.h"
 #include "quorvia/platform/Window.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "service/PollService.h"
 
 namespace quorvia {
 namespace {
@@ -51,19 +50,12 @@ std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
 
 }  // namespace
 
-std::shared_ptr<QVNotificationView> QuorviaSDK::presentPollWithPollDict(
+std::shared_ptr<QVNotificationView> BannerController::presentPollWithPollDict(
     const platform::Value* pollDict) {
-  auto shared = sharedInstance();
-  if (shared->presentedPollView_) return nullptr;
+  if (presentedPollView_) return nullptr;
   auto window = platform::keyWindow();
 
-  std::shared_ptr<QVModelPoll> poll;
-  try {
-    poll = QVModelPoll::objectWithDictionary(pollDict);
-  } catch (const std::exception& e) {
-    log(std::string("Could not read poll: ") + e.what());
-    return nullptr;
-  }
+  const auto poll = QVModelPoll::objectWithDictionary(pollDict);
   log("Presenting poll: " + platform::describe(poll->question()));
 
   auto view = QVNotificationView::initWithFrame(
@@ -73,9 +65,9 @@ std::shared_ptr<QVNotificationView> QuorviaSDK::presentPollWithPollDict(
     return nullptr;
   }
   view->setPoll(poll);
-  view->setDelegate(shared);
+  view->setDelegate(weak_from_this());
   window->addSubview(view);
-  shared->presentedPollView_ = view;
+  presentedPollView_ = view;
   platform::animateWithDuration(kSlideDuration, [&view] {
     Rect frame = view->frame();
     frame.origin.y = kBannerShownY;
@@ -84,7 +76,7 @@ std::shared_ptr<QVNotificationView> QuorviaSDK::presentPollWithPollDict(
   return view;
 }
 
-void QuorviaSDK::showOptionsForNotificationView(const std::shared_ptr<QVNotificationView>& view) {
+void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNotificationView>& view) {
   auto window = platform::keyWindow();
   if (view) view->removeFromSuperview();
   auto backdrop = makeBackdrop(window->bounds());
@@ -97,7 +89,7 @@ void QuorviaSDK::showOptionsForNotificationView(const std::shared_ptr<QVNotifica
   if (view) view->setShowOptions(true);
 }
 
-void QuorviaSDK::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
+void BannerController::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
   auto window = platform::keyWindow();
   auto backdrop = window->viewWithTag(kBackdropTag);
   platform::animateWithDuration(
@@ -118,19 +110,22 @@ void QuorviaSDK::hideNotificationView(const std::shared_ptr<QVNotificationView>&
         frame.origin.y = -frame.height();
         view->setFrame(frame);
       },
-      [](bool) { sharedInstance()->setPresentedPollView(nullptr); });
+      [weak = weak_from_this()](bool) {
+        if (auto self = weak.lock()) self->presentedPollView_ = nullptr;
+      });
 }
 
-void QuorviaSDK::notificationViewDidPressExpand(const std::shared_ptr<QVNotificationView>& view) {
+void BannerController::notificationViewDidPressExpand(
+    const std::shared_ptr<QVNotificationView>& view) {
   log("User expanded poll: " + questionOf(view));
-  sharedInstance()->showOptionsForNotificationView(view);
+  showOptionsForNotificationView(view);
 }
 
-void QuorviaSDK::notificationView(const std::shared_ptr<QVNotificationView>& view,
+void BannerController::notificationView(const std::shared_ptr<QVNotificationView>& view,
                                   const std::optional<std::string>& identifier,
                                   const std::optional<std::string>& link) {
   log("User tapped action: " + platform::describe(identifier));
-  sendReplyWithIdentifier(identifier, pollIdOf(view), nullptr);
+  replies_->sendReplyWithIdentifier(identifier, pollIdOf(view), nullptr);
   hideNotificationView(view);
   if (!link) return;
   auto& app = platform::Application::sharedApplication();
@@ -143,10 +138,10 @@ void QuorviaSDK::notificationView(const std::shared_ptr<QVNotificationView>& vie
   }
 }
 
-void QuorviaSDK::notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>& view) {
+void BannerController::notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>& view) {
   log("User dismissed poll: " + questionOf(view));
   // A dismissal is reported to the service like an answer.
-  sendReplyWithIdentifier(std::string(kDismissIdentifier), pollIdOf(view), nullptr);
+  replies_->sendReplyWithIdentifier(std::string(kDismissIdentifier), pollIdOf(view), nullptr);
   hideNotificationView(view);
 }
 

@@ -1,4 +1,4 @@
-#include "quorvia/CategoriesManager.h"
+#include "sdk/CategoriesManager.h"
 
 #include "quorvia/platform/Value.h"
 

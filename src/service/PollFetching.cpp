@@ -1,25 +1,24 @@
-#include "quorvia/QuorviaSDK.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "networking/SimpleNetworking.h"
+#include "platform/Log.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Log.h"
+#include "service/PollService.h"
 #include "service/ServiceEndpoint.h"
 
-namespace quorvia {
+namespace quorvia::service {
 
 using platform::Value;
 
-void QuorviaSDK::appDidBecomeActive() { fetchPolls(); }
-
-void QuorviaSDK::fetchPolls() {
-  service::installAuthorizationHeaderFromKeychain();  // silently without a token
-  const std::string url = service::serviceBaseURL() + "/apps/" +
-                          platform::describe(currentAppToken()) + "/polls/";
+void PollService::fetchPolls() {
+  installAuthorizationHeaderFromKeychain(hooks_.log);  // silently without a token
+  // The app token is escaped as one path segment, like a poll id.
+  const std::string url = serviceBaseURL() + "/apps/" +
+                          pathSegment(platform::describe(hooks_.appToken())) + "/polls/";
   SimpleNetworking::getJsonCachelessFromURL(
       url, Value::object(),
       [self = shared_from_this()](std::optional<Value> response,
                                   std::optional<platform::Error> error) {
         if (error) {
-          // Unprefixed and always written, unlike the SDK's gated lines.
+          // Unprefixed and always written, unlike the SDK's switchable lines.
           platform::NSLog(error->description());
           return;
         }
@@ -27,12 +26,12 @@ void QuorviaSDK::fetchPolls() {
         try {
           self->parsePollsReponse(*response);
         } catch (...) {
-          // A response of the wrong shape is dropped silently.
+          // A response or first poll of the wrong shape is dropped silently.
         }
       });
 }
 
-void QuorviaSDK::parsePollsReponse(const Value& response) {
+void PollService::parsePollsReponse(const Value& response) {
   if (!response.is_object()) throw platform::unrecognizedSelector(response, "objectForKey:");
   const Value* results = platform::valueForKey(response, "results");
   if (!results) return;
@@ -40,7 +39,7 @@ void QuorviaSDK::parsePollsReponse(const Value& response) {
   if (results->empty()) return;
   if (!results->is_array()) throw platform::unrecognizedSelector(*results, "objectAtIndex:");
   // Only the first poll: the rest come again at the next activation.
-  presentPollWithPollDict(&(*results)[0]);
+  hooks_.presentPoll(&(*results)[0]);
 }
 
-}  // namespace quorvia
+}  // namespace quorvia::service

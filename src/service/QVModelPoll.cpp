@@ -1,7 +1,7 @@
-#include "quorvia/service/QVModelPoll.h"
+#include "service/QVModelPoll.h"
 
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Log.h"
+#include "platform/Log.h"
 
 namespace quorvia {
 namespace {

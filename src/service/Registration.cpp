@@ -1,26 +1,26 @@
-#include "quorvia/QuorviaSDK.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "keychain/LKKeychain.h"
+#include "networking/SimpleNetworking.h"
+#include "service/PollService.h"
 #include "service/ServiceEndpoint.h"
 
-namespace quorvia {
+namespace quorvia::service {
 
 using platform::Value;
 
-void QuorviaSDK::setDeviceToken(const std::optional<platform::Bytes>& token) {
+void PollService::setDeviceToken(const std::optional<platform::Bytes>& token) {
   if (!token) return;
   Value body = Value::object();
   body["push_token"] = platform::hexString(*token);
   // Keyed-subscript semantics: with no app token yet the key is simply absent.
-  if (const auto appToken = currentAppToken()) body["app_token"] = *appToken;
+  if (const auto appToken = hooks_.appToken()) body["app_token"] = *appToken;
   body["platform"] = "ios";
 
   // A first registration is expected to go out without a header.
-  if (service::hasStoredAccessToken()) service::installAuthorizationHeaderFromKeychain();
+  if (hasStoredAccessToken()) installAuthorizationHeaderFromKeychain(hooks_.log);
 
   SimpleNetworking::postToURL(
-      service::serviceBaseURL() + "/endpoints/", body,
-      [](std::optional<Value> response, std::optional<platform::Error> error) {
+      serviceBaseURL() + "/endpoints/", body,
+      [log = hooks_.log](std::optional<Value> response, std::optional<platform::Error> error) {
         if (error) {
           log("Failed registering device push token: " + error->description());
           return;
@@ -29,14 +29,14 @@ void QuorviaSDK::setDeviceToken(const std::optional<platform::Bytes>& token) {
         const Value* accessToken = response ? platform::valueForKey(*response, "access_token") : nullptr;
         if (!accessToken) return;
         if (!accessToken->is_string() ||
-            !service::isSafeHeaderValue(accessToken->get_ref<const std::string&>())) {
-          // Only a text that can travel in a header is kept; the stored token stays.
-          log("Ignored an access token that is not a single line of text.");
+            !isAcceptableAccessToken(accessToken->get_ref<const std::string&>())) {
+          // Stored, such a token would fail or forge every later request; the
+          // token already stored stays.
+          log("Ignored an access token that is not one line of printable text of at most 8 KiB.");
           return;
         }
-        LKKeychain::setPassword(accessToken->get<std::string>(), service::kTokenService,
-                                service::kTokenAccount);
+        LKKeychain::setPassword(accessToken->get<std::string>(), kTokenService, kTokenAccount);
       });
 }
 
-}  // namespace quorvia
+}  // namespace quorvia::service

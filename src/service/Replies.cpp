@@ -1,15 +1,15 @@
 #include <atomic>
 
-#include "quorvia/QuorviaSDK.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "keychain/LKKeychain.h"
+#include "networking/SimpleNetworking.h"
+#include "platform/Log.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Log.h"
-#include "quorvia/service/QVModelPoll.h"
+#include "service/PollService.h"
+#include "service/QVModelPoll.h"
 #include "service/ServiceEndpoint.h"
 
-namespace quorvia {
+namespace quorvia::service {
 namespace {
 
 using platform::Value;
@@ -31,14 +31,18 @@ void endTrackedBackgroundTask() {
 
 }  // namespace
 
-std::uint64_t QuorviaSDK::currentReplyBackgroundTask() { return bgTask.load(); }
+platform::BackgroundTaskIdentifier PollService::currentReplyBackgroundTask() { return bgTask.load(); }
 
-void QuorviaSDK::sendReplyWithIdentifier(const std::optional<std::string>& identifier,
-                                         const Value& userInfo,
-                                         CompletionHandler completionHandler) {
+void PollService::sendReplyWithIdentifier(const std::optional<std::string>& identifier,
+                                          const std::optional<Value>& userInfo,
+                                          CompletionHandler completionHandler) {
   try {
-    if (!userInfo.is_object()) throw platform::unrecognizedSelector(userInfo, "objectForKey:");
-    const auto poll = QVModelPoll::objectWithDictionary(platform::valueForKey(userInfo, "poll"));
+    // A notification without a payload reads as nil: no poll, no id.
+    if (userInfo && !userInfo->is_object()) {
+      throw platform::unrecognizedSelector(*userInfo, "objectForKey:");
+    }
+    const auto poll =
+        QVModelPoll::objectWithDictionary(userInfo ? platform::valueForKey(*userInfo, "poll") : nullptr);
     const Value* pollId = poll->objectId() ? &*poll->objectId() : nullptr;
     sendReplyWithIdentifier(identifier, pollId, std::move(completionHandler));
   } catch (const std::exception& e) {
@@ -46,9 +50,8 @@ void QuorviaSDK::sendReplyWithIdentifier(const std::optional<std::string>& ident
   }
 }
 
-void QuorviaSDK::sendReplyWithIdentifier(const std::optional<std::string>& identifier,
-                                         const Value* pollId,
-                                         CompletionHandler completionHandler) {
+void PollService::sendReplyWithIdentifier(const std::optional<std::string>& identifier,
+                                          const Value* pollId, CompletionHandler completionHandler) {
   try {
     // A warning, not a refusal: the reply still goes out with "(null)" in its path.
     if (!pollId) log("Poll id is nil!");
@@ -59,26 +62,24 @@ void QuorviaSDK::sendReplyWithIdentifier(const std::optional<std::string>& ident
     Value body = Value::object();
     if (identifier) body["reply_text"] = *identifier;
 
-    if (!service::installAuthorizationHeaderFromKeychain()) log("Missing user access token!");
+    if (!installAuthorizationHeaderFromKeychain(hooks_.log)) log("Missing user access token!");
 
+    // The id is escaped as one path segment, unlike a plain format: an id
+    // such as "../../me#" must not steer the authenticated request elsewhere.
     SimpleNetworking::postToURL(
-        service::serviceBaseURL() + "/polls/" + platform::describe(pollId) + "/replies/", body,
-        [identifier, handler = std::move(completionHandler)](std::optional<Value>,
-                                                             std::optional<platform::Error> error) {
+        serviceBaseURL() + "/polls/" + pathSegment(platform::describe(pollId)) + "/replies/", body,
+        [hooks = hooks_, identifier, handler = std::move(completionHandler)](
+            std::optional<Value>, std::optional<platform::Error> error) {
           if (error) {
-            log("Failed to send poll reply: " + error->description());
+            hooks.log("Failed to send poll reply: " + error->description());
           } else {
-            log("Successfuly sent reply: " + platform::describe(identifier));
+            hooks.log("Successfuly sent reply: " + platform::describe(identifier));
           }
           // Whichever path delivered the reply, only an SDK-supplied response-info
           // callback means nobody else will complete the platform's call.
-          if (handler) {
-            const Value* added =
-                platform::valueForKey(sharedInstance()->addedMethods(), kResponseInfoSelector);
-            if (added && added->is_boolean() && added->get<bool>()) {
-              log(std::string("Calling completionHandler for ") + kResponseInfoSelector);
-              handler();
-            }
+          if (handler && hooks.hostLacks(kResponseInfoSelector)) {
+            hooks.log(std::string("Calling completionHandler for ") + kResponseInfoSelector);
+            handler();
           }
           endTrackedBackgroundTask();
         });
@@ -87,4 +88,4 @@ void QuorviaSDK::sendReplyWithIdentifier(const std::optional<std::string>& ident
   }
 }
 
-}  // namespace quorvia
+}  // namespace quorvia::service

@@ -3,9 +3,8 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "quorvia/QuorviaSDK.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "keychain/LKKeychain.h"
+#include "networking/SimpleNetworking.h"
 
 namespace quorvia::service {
 
@@ -20,20 +19,57 @@ const std::string& serviceBaseURL() {
   return *url;
 }
 
-bool isSafeHeaderValue(const std::string& value) {
-  return value.find_first_of("\r\n") == std::string::npos;
+std::string pathSegment(std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    // RFC 3986 pchar: unreserved, sub-delims, ":" and "@".
+    const bool allowed = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
+                         (byte >= '0' && byte <= '9') ||
+                         std::string_view("-._~!$&'()*+,;=:@").find(c) != std::string_view::npos;
+    if (allowed) {
+      out += c;
+    } else {
+      out += '%';
+      out += kHex[byte >> 4];
+      out += kHex[byte & 0xF];
+    }
+  }
+  // A segment of dots alone would climb the path.
+  if (out == "." || out == "..") return out == "." ? "%2E" : "%2E%2E";
+  return out;
+}
+
+bool isAcceptableAccessToken(std::string_view token) {
+  if (token.size() > kMaxAccessTokenBytes) return false;
+  for (std::size_t i = 0; i < token.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(token[i]);
+    if (byte < 0x20 || byte == 0x7F) return false;
+    // U+0085 (NEL), U+2028 and U+2029 end a line for some readers.
+    if (byte == 0xC2 && i + 1 < token.size() && static_cast<unsigned char>(token[i + 1]) == 0x85) {
+      return false;
+    }
+    if (byte == 0xE2 && i + 2 < token.size() && static_cast<unsigned char>(token[i + 1]) == 0x80 &&
+        (static_cast<unsigned char>(token[i + 2]) == 0xA8 ||
+         static_cast<unsigned char>(token[i + 2]) == 0xA9)) {
+      return false;
+    }
+  }
+  return true;
 }
 
 bool hasStoredAccessToken() {
   return LKKeychain::passwordForService(kTokenService, kTokenAccount).has_value();
 }
 
-bool installAuthorizationHeaderFromKeychain() {
+bool installAuthorizationHeaderFromKeychain(const std::function<void(std::string_view)>& log) {
   const std::optional<std::string> token = LKKeychain::passwordForService(kTokenService, kTokenAccount);
   if (!token) return false;
-  if (!isSafeHeaderValue(*token)) {
-    // A line break would let the stored value write headers of its own.
-    QuorviaSDK::log("Refused to send an access token holding a line break.");
+  if (!isAcceptableAccessToken(*token)) {
+    // Such a value could write headers of its own, or fail every request.
+    log("Refused to send an access token that is not one line of printable text.");
     return true;
   }
   SimpleNetworking::setHeaderFieldsWithDictionary(platform::Value{{"Authorization", "JWT " + *token}});

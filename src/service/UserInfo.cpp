@@ -1,19 +1,20 @@
-#include "quorvia/QuorviaSDK.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "networking/SimpleNetworking.h"
+#include "service/PollService.h"
 #include "service/ServiceEndpoint.h"
 
-namespace quorvia {
+namespace quorvia::service {
 
 using platform::Value;
 
-void QuorviaSDK::setUserInfo(const std::optional<Value>& userInfo) {
+void PollService::setUserInfo(const std::optional<Value>& userInfo) {
   if (!userInfo) return;
   try {
     log("Sending request to set user info");
     // Deliberately no header of its own: it rides on whatever an earlier call installed.
     SimpleNetworking::postToURL(
-        service::serviceBaseURL() + "/me", Value{{"user_info", *userInfo}},
-        [sent = *userInfo](std::optional<Value>, std::optional<platform::Error> error) {
+        serviceBaseURL() + "/me", Value{{"user_info", *userInfo}},
+        [log = hooks_.log, sent = *userInfo](std::optional<Value>,
+                                             std::optional<platform::Error> error) {
           // The two messages are deliberately the wrong way round; hosts match on them.
           if (error) {
             log("Successfully updated user info.");
@@ -26,4 +27,4 @@ void QuorviaSDK::setUserInfo(const std::optional<Value>& userInfo) {
   }
 }
 
-}  // namespace quorvia
+}  // namespace quorvia::service

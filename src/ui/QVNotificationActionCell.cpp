@@ -1,4 +1,4 @@
-#include "quorvia/ui/QVNotificationActionCell.h"
+#include "ui/QVNotificationActionCell.h"
 
 #include "ui/CellMask.h"
 

@@ -1,4 +1,4 @@
-#include "quorvia/ui/QVNotificationHeaderCell.h"
+#include "ui/QVNotificationHeaderCell.h"
 
 #include "ui/CellMask.h"
 

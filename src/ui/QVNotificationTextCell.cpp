@@ -1,4 +1,4 @@
-#include "quorvia/ui/QVNotificationTextCell.h"
+#include "ui/QVNotificationTextCell.h"
 
 #include "ui/CellMask.h"
 

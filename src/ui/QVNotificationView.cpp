@@ -1,12 +1,12 @@
-#include "quorvia/ui/QVNotificationView.h"
+#include "ui/QVNotificationView.h"
 
 #include <mutex>
 
-#include "quorvia/platform/Bundle.h"
-#include "quorvia/platform/Log.h"
-#include "quorvia/ui/QVNotificationActionCell.h"
-#include "quorvia/ui/QVNotificationHeaderCell.h"
-#include "quorvia/ui/QVNotificationTextCell.h"
+#include "platform/Bundle.h"
+#include "platform/Log.h"
+#include "ui/QVNotificationActionCell.h"
+#include "ui/QVNotificationHeaderCell.h"
+#include "ui/QVNotificationTextCell.h"
 
 namespace quorvia {
 namespace {

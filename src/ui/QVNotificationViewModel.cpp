@@ -1,4 +1,4 @@
-#include "quorvia/ui/QVNotificationViewModel.h"
+#include "ui/QVNotificationViewModel.h"
 
 #include <exception>
 

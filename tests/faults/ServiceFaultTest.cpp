@@ -22,10 +22,11 @@
 
 #include "faults/FaultServers.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/URLSession.h"
+#include "sdk/SDKState.h"
+#include "keychain/LKKeychain.h"
+#include "platform/Device.h"
+#include "platform/KeychainStore.h"
+#include "platform/URLSession.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {
@@ -63,10 +64,10 @@ void makeCall(Call call) {
       QuorviaSDK::setDeviceToken(platform::Bytes{0xc0, 0xff, 0xee});
       break;
     case Call::kFetch:
-      QuorviaSDK::sharedInstance()->fetchPolls();
+      sdk::SDKState::shared().service->fetchPolls();
       break;
     case Call::kReply:
-      QuorviaSDK::sharedInstance()->sendReplyWithIdentifier("yes", Value{{"poll", {{"id", 7}}}}, {});
+      sdk::SDKState::shared().service->sendReplyWithIdentifier("yes", Value{{"poll", {{"id", 7}}}}, {});
       break;
     case Call::kUserInfo:
       QuorviaSDK::setUserInfo(Value{{"name", "Ada"}});

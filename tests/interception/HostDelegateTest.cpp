@@ -2,7 +2,8 @@
 
 #include "quorvia/platform/Application.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "sdk/SDKState.h"
+#include "ui/QVNotificationView.h"
 #include "support/FakeTransport.h"
 
 namespace quorvia::testing {
@@ -85,18 +86,18 @@ bool HostDelegateTest::deliver(std::string_view selector) {
 }
 
 int HostDelegateTest::presentationsIncludingCurrent() const {
-  return presentations_ + (QuorviaSDK::sharedInstance()->presentedPollView() ? 1 : 0);
+  return presentations_ + (sdk::SDKState::shared().banner->presentedPollView() ? 1 : 0);
 }
 
 bool HostDelegateTest::deliver(std::string_view selector, platform::MessageArguments arguments) {
   const bool delivered = platform::deliverToApplicationDelegate(selector, std::move(arguments));
   // A banner a delivery showed is counted and slid out again, so that the
   // next delivery may show one too.
-  auto sdk = QuorviaSDK::sharedInstance();
-  if (auto view = sdk->presentedPollView()) {
+  sdk::SDKState& state = sdk::SDKState::shared();
+  if (auto view = state.banner->presentedPollView()) {
     ++presentations_;
     expansions_ += view->showOptions() ? 1 : 0;
-    sdk->hideNotificationView(view);
+    state.banner->hideNotificationView(view);
     advance(0.3);
   }
   return delivered;

@@ -5,6 +5,7 @@
 
 #include "interception/HostDelegateTest.h"
 #include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
 
 namespace quorvia::testing {
@@ -44,7 +45,7 @@ TEST_F(InterceptionTest, OnlyTheTokenCallbackImplementedRunsLibraryThenHostAndAd
   start();
 
   // The five missing callbacks are recorded in installation order, keyed by selector text.
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods(),
+  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods(),
             addedMethodsFor(allBut(platform::kDidRegisterForRemoteNotificationsSelector)));
   EXPECT_EQ(platform::class_copyMethodList(cls.get()).size(), 12u);
 
@@ -77,7 +78,7 @@ TEST_F(InterceptionTest, InheritedOnlyImplementationCountsAsMissing) {
   installDelegate(derived);
   start();
 
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods(),
+  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods(),
             addedMethodsFor(allBut(platform::kDidFailToRegisterForRemoteNotificationsSelector)));
   for (auto selector : allCallbacks()) deliver(selector);
 
@@ -136,7 +137,7 @@ TEST_F(InterceptionTest, SwizzlingOffLeavesTheClassUntouched) {
   start(/*swizzling=*/false);
 
   EXPECT_EQ(platform::class_copyMethodList(cls.get()), methodsBefore);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods(), Value::object());
+  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods(), Value::object());
   EXPECT_FALSE(deliver(platform::kDidFailToRegisterForRemoteNotificationsSelector));
   EXPECT_TRUE(deliver(platform::kDidRegisterForRemoteNotificationsSelector));
   EXPECT_TRUE(deliver(platform::kDidReceiveRemoteNotificationFetchSelector));
@@ -161,7 +162,7 @@ TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpIsIntercepted) {
       EXPECT_FALSE(deliver(platform::kDidRegisterForRemoteNotificationsSelector));
     }
     start();
-    EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods().size(), c.delegateAtStartUp ? 6u : 0u);
+    EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), c.delegateAtStartUp ? 6u : 0u);
 
     auto later = makeDelegateClass("LaterDelegate", allCallbacks());
     const auto methodsBefore = platform::class_copyMethodList(later.get());

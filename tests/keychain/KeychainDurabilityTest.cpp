@@ -16,9 +16,9 @@
 #include <string>
 #include <vector>
 
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "keychain/LKKeychain.h"
+#include "platform/Device.h"
+#include "platform/KeychainStore.h"
 #include "support/PlatformTest.h"
 
 extern char** environ;

@@ -11,7 +11,7 @@
 #include <cstdio>
 #include <string>
 
-#include "quorvia/keychain/LKKeychain.h"
+#include "keychain/LKKeychain.h"
 #include "quorvia/platform/Environment.h"
 
 using quorvia::LKKeychain;

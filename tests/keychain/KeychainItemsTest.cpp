@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/Keychain.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "platform/Device.h"
+#include "platform/Keychain.h"
+#include "platform/KeychainStore.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::platform {

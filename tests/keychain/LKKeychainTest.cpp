@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/keychain/LKKeychainQuery.h"
-#include "quorvia/platform/FaultInjectingKeychainStore.h"
-#include "quorvia/platform/Localization.h"
+#include "keychain/LKKeychain.h"
+#include "keychain/LKKeychainQuery.h"
+#include "platform/FaultInjectingKeychainStore.h"
+#include "platform/Localization.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {

@@ -8,8 +8,8 @@
 #include "networking/NetworkingTest.h"
 #include "networking/RawHttpServer.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "quorvia/platform/URLCache.h"
-#include "quorvia/platform/UserDefaults.h"
+#include "platform/URLCache.h"
+#include "platform/UserDefaults.h"
 
 namespace quorvia::testing {
 namespace {

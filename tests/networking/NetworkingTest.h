@@ -5,7 +5,7 @@
 #include <memory>
 #include <optional>
 
-#include "quorvia/networking/SimpleNetworking.h"
+#include "networking/SimpleNetworking.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {

@@ -2,10 +2,10 @@
 
 #include <fstream>
 
-#include "quorvia/platform/Image.h"
-#include "quorvia/platform/KeyedArchiver.h"
-#include "quorvia/platform/URLCache.h"
-#include "quorvia/platform/UserDefaults.h"
+#include "platform/Image.h"
+#include "platform/KeyedArchiver.h"
+#include "platform/URLCache.h"
+#include "platform/UserDefaults.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {

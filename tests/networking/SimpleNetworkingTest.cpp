@@ -13,7 +13,7 @@
 #include "support/SelfSignedIdentity.h"
 #include "networking/NetworkingTest.h"
 #include "networking/RawHttpServer.h"
-#include "quorvia/platform/URLSession.h"
+#include "platform/URLSession.h"
 
 namespace quorvia::testing {
 namespace {

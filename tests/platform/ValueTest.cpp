@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/KeyedArchiver.h"
-#include "quorvia/platform/URL.h"
+#include "platform/KeyedArchiver.h"
+#include "platform/URL.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::platform {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "quorvia/CategoriesManager.h"
+#include "sdk/CategoriesManager.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "support/PlatformTest.h"

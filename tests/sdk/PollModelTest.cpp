@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 
 #include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/service/QVModelPoll.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "service/QVModelPoll.h"
+#include "ui/QVNotificationView.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {
@@ -72,7 +73,7 @@ TEST_F(PollModelTest, MalformedShapesRaiseForTheCallersGuards) {
 }
 
 TEST_F(PollModelTest, FetchResponsePresentsOnlyTheFirstPoll) {
-  auto sdk = QuorviaSDK::sharedInstance();
+  sdk::SDKState& state = sdk::SDKState::shared();
   struct Case {
     const char* name;
     Value response;
@@ -87,19 +88,19 @@ TEST_F(PollModelTest, FetchResponsePresentsOnlyTheFirstPoll) {
   for (const auto& c : nothingShown) {
     log_.clear();
     if (c.raises) {
-      EXPECT_THROW(sdk->parsePollsReponse(c.response), platform::Exception) << c.name;
+      EXPECT_THROW(state.service->parsePollsReponse(c.response), platform::Exception) << c.name;
     } else {
-      sdk->parsePollsReponse(c.response);
+      state.service->parsePollsReponse(c.response);
     }
-    EXPECT_EQ(sdk->presentedPollView(), nullptr) << c.name;
+    EXPECT_EQ(state.banner->presentedPollView(), nullptr) << c.name;
     EXPECT_TRUE(log_.lines().empty()) << c.name;
   }
   const Value three = {{"results", Value::array({{{"id", 1}, {"question", "One?"}},
                                                  {{"id", 2}, {"question", "Two?"}},
                                                  {{"id", 3}, {"question", "Three?"}}})}};
-  sdk->parsePollsReponse(three);
-  ASSERT_NE(sdk->presentedPollView(), nullptr);
-  EXPECT_EQ(sdk->presentedPollView()->poll()->objectId(), Value(1)) << "only the first";
+  state.service->parsePollsReponse(three);
+  ASSERT_NE(state.banner->presentedPollView(), nullptr);
+  EXPECT_EQ(state.banner->presentedPollView()->poll()->objectId(), Value(1)) << "only the first";
   EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: Presenting poll: One?"});
 }
 

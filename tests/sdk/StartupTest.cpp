@@ -3,14 +3,15 @@
 #include <set>
 #include <thread>
 
-#include "quorvia/CategoriesManager.h"
+#include "sdk/CategoriesManager.h"
 #include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/ApplicationDelegate.h"
 #include "quorvia/platform/Runtime.h"
-#include "quorvia/platform/Device.h"
+#include "platform/Device.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "ui/QVNotificationView.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 
@@ -32,7 +33,7 @@ class StartupTest : public testing::PlatformTest {
     return n;
   }
   std::shared_ptr<QVNotificationView> banner() {
-    return QuorviaSDK::sharedInstance()->presentedPollView();
+    return sdk::SDKState::shared().banner->presentedPollView();
   }
   std::shared_ptr<testing::FakeTransport> transport_;
   platform::Application& app() { return platform::Application::sharedApplication(); }
@@ -50,7 +51,7 @@ TEST_F(StartupTest, SharedInstanceIsCreatedOnceAcrossThreads) {
                 platform::UIApplicationDidBecomeActiveNotification),
             1u);
   EXPECT_TRUE(QuorviaSDK::sharedInstance()->debug()) << "logging is on from creation";
-  EXPECT_TRUE(QuorviaSDK::sharedInstance()->addedMethods().empty());
+  EXPECT_TRUE(sdk::SDKState::shared().interception.addedMethods().empty());
 }
 
 TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
@@ -64,18 +65,18 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
   int n = 0;
   for (const auto& c : cases) {
     env_->setSystemVersion(c.version);
-    const std::optional<std::string> before = QuorviaSDK::currentAppToken();
+    const std::optional<std::string> before = sdk::SDKState::currentAppToken();
     const std::string token = "token-" + std::to_string(n++);
     log_.clear();
     const int fetchesBefore = fetches();
     QuorviaSDK::initWithAppToken(token, std::nullopt);
     if (c.runs) {
-      EXPECT_EQ(QuorviaSDK::currentAppToken(), token) << c.version;
+      EXPECT_EQ(sdk::SDKState::currentAppToken(), token) << c.version;
       EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token)) << c.version;
       EXPECT_EQ(fetches(), fetchesBefore + 1) << c.version;
       EXPECT_EQ(transport_->requestLines().back(), "GET /apps/" + token + "/polls/");
     } else {
-      EXPECT_EQ(QuorviaSDK::currentAppToken(), before) << c.version << " keeps no token";
+      EXPECT_EQ(sdk::SDKState::currentAppToken(), before) << c.version << " keeps no token";
       EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
           << c.version;
       EXPECT_EQ(fetches(), fetchesBefore) << c.version;
@@ -102,16 +103,16 @@ TEST_F(StartupTest, SwizzlingChoiceDecidesInterception) {
   // A host delegate implementing none of the six callbacks.
   app().setDelegate(std::make_shared<platform::Object>(platform::Class::create("HostDelegate")));
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  EXPECT_TRUE(QuorviaSDK::sharedInstance()->addedMethods().empty());
+  EXPECT_TRUE(sdk::SDKState::shared().interception.addedMethods().empty());
   EXPECT_FALSE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
   EXPECT_TRUE(log_.contains(
       "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."));
   QuorviaSDK::initWithAppToken("A", std::nullopt);  // the two-argument form means swizzling on
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods().size(), 6u);
+  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), 6u);
   EXPECT_TRUE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
   QuorviaSDK::initWithAppToken("B", std::nullopt, true);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->addedMethods().size(), 6u);
-  EXPECT_EQ(QuorviaSDK::currentAppToken(), "B") << "a second start-up replaces the token";
+  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), 6u);
+  EXPECT_EQ(sdk::SDKState::currentAppToken(), "B") << "a second start-up replaces the token";
 }
 
 TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {

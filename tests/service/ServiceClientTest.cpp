@@ -8,10 +8,11 @@
 
 #include "networking/RawHttpServer.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/keychain/LKKeychain.h"
+#include "sdk/SDKState.h"
+#include "keychain/LKKeychain.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/URLSession.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "platform/URLSession.h"
+#include "ui/QVNotificationView.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 
@@ -88,13 +89,13 @@ TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   EXPECT_EQ(storedToken(), "tok-1");
 
   const Value pollId = 7;
-  QuorviaSDK::sharedInstance()->sendReplyWithIdentifier("Yes", &pollId, nullptr);
+  sdk::SDKState::shared().service->sendReplyWithIdentifier("Yes", &pollId, nullptr);
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
   EXPECT_EQ(last().method + " " + last().target, "POST /polls/7/replies/");
   EXPECT_EQ(last().body, "reply_text=Yes");
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
 
-  QuorviaSDK::sharedInstance()->fetchPolls();
+  sdk::SDKState::shared().service->fetchPolls();
   ASSERT_TRUE(waitForRequests(4));
   EXPECT_EQ(last().target, "/apps/A/polls/");
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
@@ -111,7 +112,7 @@ TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   ASSERT_TRUE(waitForRequests(6));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1") << "registration sends the stored token";
   ASSERT_TRUE(loop_->runUntil([] { return storedToken() == "tok-2"; }, platform::seconds(20)));
-  QuorviaSDK::sharedInstance()->fetchPolls();
+  sdk::SDKState::shared().service->fetchPolls();
   ASSERT_TRUE(waitForRequests(7));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-2");
 
@@ -128,7 +129,7 @@ TEST_F(ServiceClientTest, RegistrationBeforeStartUpLeavesOutTheAppToken) {
   EXPECT_EQ(last().body, "push_token=deadbeef0001020304&platform=ios");
   EXPECT_EQ(storedToken(), std::nullopt) << "an answer without access_token stores nothing";
 
-  QuorviaSDK::sharedInstance()->fetchPolls();
+  sdk::SDKState::shared().service->fetchPolls();
   ASSERT_TRUE(waitForRequests(2));
   EXPECT_EQ(last().target, "/apps/(null)/polls/") << "the platform's text for a nil token";
 }
@@ -155,14 +156,14 @@ TEST_F(ServiceClientTest, ReplyCompletionCallsTheHandlerOnlyForAnSdkSuppliedCall
     int calls;
   };
   const Case cases[] = {{"absent", std::nullopt, 0}, {"false", false, 0}, {"true", true, 1}};
-  auto sdk = QuorviaSDK::sharedInstance();
+  sdk::SDKState& state = sdk::SDKState::shared();
   auto& app = platform::Application::sharedApplication();
   for (const auto& c : cases) {
-    if (c.added) sdk->mutableAddedMethods()[kResponseInfoSelector] = *c.added;
+    if (c.added) state.interception.mutableAddedMethods()[kResponseInfoSelector] = *c.added;
     int calls = 0;
     log_.clear();
-    sdk->sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
-    const auto task = QuorviaSDK::currentReplyBackgroundTask();
+    state.service->sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
+    const auto task = service::PollService::currentReplyBackgroundTask();
     EXPECT_NE(task, platform::UIBackgroundTaskInvalid) << c.name;
     ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No")) << c.name;
     drain();
@@ -171,7 +172,7 @@ TEST_F(ServiceClientTest, ReplyCompletionCallsTheHandlerOnlyForAnSdkSuppliedCall
                             kResponseInfoSelector),
               c.calls == 1)
         << c.name;
-    EXPECT_EQ(QuorviaSDK::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid) << c.name;
+    EXPECT_EQ(service::PollService::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid) << c.name;
     const auto records = app.backgroundTasks();
     EXPECT_EQ(records.back().name, "MyTask");
     EXPECT_TRUE(records.back().ended) << c.name;
@@ -179,16 +180,16 @@ TEST_F(ServiceClientTest, ReplyCompletionCallsTheHandlerOnlyForAnSdkSuppliedCall
 }
 
 TEST_F(ServiceClientTest, ExpiredBackgroundTaskIsEndedOnceAndTheReplyStillCompletes) {
-  auto sdk = QuorviaSDK::sharedInstance();
-  sdk->mutableAddedMethods()[kResponseInfoSelector] = true;
+  sdk::SDKState& state = sdk::SDKState::shared();
+  state.interception.mutableAddedMethods()[kResponseInfoSelector] = true;
   auto& app = platform::Application::sharedApplication();
   int ends = 0;
   app.setBackgroundTaskObserver([&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
   int calls = 0;
   const Value pollId = "p1";
-  sdk->sendReplyWithIdentifier("Yes", &pollId, [&] { ++calls; });
-  ASSERT_TRUE(app.expireBackgroundTask(QuorviaSDK::currentReplyBackgroundTask()));
-  EXPECT_EQ(QuorviaSDK::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid);
+  state.service->sendReplyWithIdentifier("Yes", &pollId, [&] { ++calls; });
+  ASSERT_TRUE(app.expireBackgroundTask(service::PollService::currentReplyBackgroundTask()));
+  EXPECT_EQ(service::PollService::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid);
   EXPECT_EQ(ends, 1);
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
   drain();
@@ -202,8 +203,8 @@ TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
                            {{"id", 12}, {"question", "Second?"}}}));
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
   ASSERT_TRUE(waitForLog("QuorviaSDK: Presenting poll: First?"));
-  ASSERT_NE(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView()->poll()->objectId(), Value(11));
+  ASSERT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView()->poll()->objectId(), Value(11));
   EXPECT_FALSE(log_.contains("QuorviaSDK: Presenting poll: Second?"));
 }
 
@@ -214,19 +215,19 @@ TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
   const std::string answers[] = {R"({"results":[]})", R"({"results":"not a list"})",
                                  R"({"count":3})", R"([1,2])", "<html>500</html>", ""};
   for (std::size_t i = 0; i < std::size(answers); ++i) {
-    if (i > 0) QuorviaSDK::sharedInstance()->fetchPolls();
+    if (i > 0) sdk::SDKState::shared().service->fetchPolls();
     ASSERT_EQ(transport->requestCount(), i + 1);
     transport->respond(i, i == 4 ? 500 : 200, answers[i]);
     drain();
   }
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
   EXPECT_EQ(log_.lines(), (std::vector<std::string>{"QuorviaSDK: Initialized SDK with app token: A",
                                                     "QuorviaSDK: Swizzling is disabled, please make "
                                                     "sure to call required methods."}));
 
   // A transport error is written unprefixed and ungated, and nothing is shown.
   QuorviaSDK::setDebug(false);
-  QuorviaSDK::sharedInstance()->fetchPolls();
+  sdk::SDKState::shared().service->fetchPolls();
   transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost, "Could not connect to the server.");
   drain();
   EXPECT_EQ(log_.lines().back(),
@@ -234,25 +235,44 @@ TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
             "UserInfo={NSLocalizedDescription=Could not connect to the server.}");
 }
 
-TEST_F(ServiceClientTest, AccessTokenWithALineBreakNeverReachesTheWire) {
+// A token that cannot travel as one header line is neither kept nor sent: it
+// would write headers of its own, or fail every later request for good.
+TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
   ASSERT_TRUE(LKKeychain::setPassword("good", "polls", "user_token"));
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
   ASSERT_TRUE(waitForRequests(1));
   EXPECT_EQ(last().header("Authorization"), "JWT good");
 
-  answerRegistrationWith("evil\r\nX-Injected: 1");
-  QuorviaSDK::setDeviceToken(platform::Bytes{0x01});
-  ASSERT_TRUE(waitForLog("QuorviaSDK: Ignored an access token that is not a single line of text."));
-  EXPECT_EQ(storedToken(), "good") << "the stored token stays";
+  const std::pair<const char*, std::string> cases[] = {
+      {"line break", "evil\r\nX-Injected: 1"},
+      {"NUL", std::string("a\0b", 3)},
+      {"vertical tab", "a\vb"},
+      {"line separator", "a\u2028b"},
+      {"1 MiB", std::string(1 << 20, 'a')},
+  };
+  std::size_t requests = 1;
+  for (const auto& [name, token] : cases) {
+    SCOPED_TRACE(name);
+    log_.clear();
+    answerRegistrationWith(token);
+    QuorviaSDK::setDeviceToken(platform::Bytes{0x01});
+    ASSERT_TRUE(waitForLog(
+        "QuorviaSDK: Ignored an access token that is not one line of printable text of at most 8 KiB."));
+    EXPECT_EQ(storedToken(), "good") << "the stored token stays";
+    ++requests;
 
-  ASSERT_TRUE(LKKeychain::setPassword("bad\nX-Injected: 1", "polls", "user_token"));
-  QuorviaSDK::sharedInstance()->fetchPolls();
-  ASSERT_TRUE(waitForRequests(3));
-  EXPECT_TRUE(log_.contains("QuorviaSDK: Refused to send an access token holding a line break."));
+    // One stored by other means is refused when it would be sent.
+    ASSERT_TRUE(LKKeychain::setPassword(token, "polls", "user_token"));
+    sdk::SDKState::shared().service->fetchPolls();
+    ASSERT_TRUE(waitForRequests(++requests));
+    EXPECT_TRUE(log_.contains(
+        "QuorviaSDK: Refused to send an access token that is not one line of printable text."));
+    EXPECT_EQ(last().header("Authorization"), "JWT good") << "the header fields stay as they were";
+    ASSERT_TRUE(LKKeychain::setPassword("good", "polls", "user_token"));
+  }
   for (const auto& request : server_.requests()) {
     EXPECT_FALSE(request.hasHeader("X-Injected")) << request.target;
   }
-  EXPECT_EQ(last().header("Authorization"), "JWT good") << "the header fields stay as they were";
 }
 
 TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {

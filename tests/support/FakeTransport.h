@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "quorvia/platform/URLSession.h"
+#include "platform/URLSession.h"
 
 namespace quorvia::testing {
 

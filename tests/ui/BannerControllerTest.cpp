@@ -1,9 +1,10 @@
 #include <gtest/gtest.h>
 
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Accessibility.h"
+#include "sdk/SDKState.h"
+#include "platform/Accessibility.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/BlurView.h"
+#include "platform/BlurView.h"
 #include "quorvia/platform/Window.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
@@ -24,7 +25,7 @@ class BannerControllerTest : public testing::PlatformTest {
     transport_ = testing::FakeTransport::install();
   }
   std::shared_ptr<QVNotificationView> present(const Value& poll) {
-    return QuorviaSDK::sharedInstance()->presentPollWithPollDict(&poll);
+    return sdk::SDKState::shared().banner->presentPollWithPollDict(&poll);
   }
   std::shared_ptr<platform::Window> window() { return platform::keyWindow(); }
   /// "path body" of each reply request sent so far.
@@ -46,7 +47,7 @@ TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenths) {
   EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, 375, 330));  // the model value at once
   EXPECT_EQ(view->presentationFrame().y(), -430);
   EXPECT_EQ(view->superview(), window());
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), view);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
   EXPECT_TRUE(log_.contains("QuorviaSDK: Presenting poll: Coffee?"));
   advance(0.15);
   EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
@@ -70,12 +71,12 @@ TEST_F(BannerControllerTest, OneBannerAtATimeIncludingTheSlideOut) {
   EXPECT_EQ(present(pollDict("Second", {{"B", ""}})), nullptr);  // while shown
   EXPECT_TRUE(log_.lines().empty());
   advance(0.3);
-  QuorviaSDK::sharedInstance()->hideNotificationView(first);
+  sdk::SDKState::shared().banner->hideNotificationView(first);
   advance(0.29);
   EXPECT_EQ(present(pollDict("Third", {{"C", ""}})), nullptr);  // while hiding
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), first);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), first);
   advance(0.01);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
   auto next = present(pollDict("Fourth", {{"D", ""}}));
   ASSERT_TRUE(next);
   EXPECT_NE(next, first);
@@ -87,7 +88,7 @@ TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
     env_->setReduceTransparency(reduce);
     auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 375, 667));
     platform::Application::sharedApplication().setKeyWindow(w);
-    QuorviaSDK::sharedInstance()->setPresentedPollView(nullptr);
+    sdk::SDKState::shared().banner->setPresentedPollView(nullptr);
     auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}}));
     ASSERT_TRUE(view);
     advance(0.3);
@@ -124,7 +125,7 @@ TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
 }
 
 TEST_F(BannerControllerTest, ShowOptionsWithoutABannerOnlyAddsTheBackdrop) {
-  QuorviaSDK::sharedInstance()->showOptionsForNotificationView(nullptr);
+  sdk::SDKState::shared().banner->showOptionsForNotificationView(nullptr);
   auto backdrop = window()->viewWithTag(kBackdropTag);
   ASSERT_TRUE(backdrop);
   EXPECT_EQ(window()->subviews().back(), backdrop);
@@ -176,7 +177,7 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     if (c.linkLine) expected.push_back(c.linkLine);
     EXPECT_EQ(log_.lines(), expected) << "tap, then the reply, then the link";
     advance(0.3);
-    EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
     app.setOpenURLHandler({});
   }
 }
@@ -192,24 +193,24 @@ TEST_F(BannerControllerTest, CloseSendsDismissAndHides) {
   EXPECT_EQ(replies(), std::vector<std::string>{"POST /polls/9/replies/ reply_text=Dismiss"});
   EXPECT_FALSE(view->showOptions());  // the close button does not expand
   advance(0.3);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
 }
 
 TEST_F(BannerControllerTest, HideLeavesTheBannerAboveTheWindowAndRemovesTheBackdrop) {
   auto view = present(pollDict("Q", {{"A", ""}}));
   ASSERT_TRUE(view);
   advance(0.3);
-  QuorviaSDK::sharedInstance()->notificationViewDidPressExpand(view);
+  sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
   advance(0.2);
   auto backdrop = window()->viewWithTag(kBackdropTag);
   ASSERT_TRUE(backdrop);
-  QuorviaSDK::sharedInstance()->hideNotificationView(view);
+  sdk::SDKState::shared().banner->hideNotificationView(view);
   advance(0.2);
   EXPECT_EQ(backdrop->superview(), nullptr);
   EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), view);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
   advance(0.1);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
   EXPECT_EQ(view->superview(), window());
   EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, -330, 375, 330));
 }
@@ -227,14 +228,15 @@ TEST_F(BannerControllerTest, TappingTheCardExpandsOnce) {
 
 TEST_F(BannerControllerTest, MalformedPollOrMissingLayoutGivesNoBanner) {
   const Value notADictionary = Value::array({1, 2});
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentPollWithPollDict(&notADictionary), nullptr);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  // Raised to the caller, which decides whether a line is written.
+  EXPECT_ANY_THROW(sdk::SDKState::shared().banner->presentPollWithPollDict(&notADictionary));
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
 
   auto empty = testing::makeTempDirectory("quorvia-res-");
   std::filesystem::create_directory(empty / "com.quorvia.sdk.ios");
   ::setenv("QUORVIA_RESOURCE_DIR", empty.c_str(), 1);
   EXPECT_EQ(present(pollDict("Q", {{"A", ""}})), nullptr);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
   EXPECT_TRUE(log_.contains(
       "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown."));
   advance(1);  // no deferred work may touch the half-made banner
@@ -247,10 +249,10 @@ TEST_F(BannerControllerTest, LaunchPollIsPresentedExpandedAfterATenth) {
       {UIApplicationLaunchOptionsRemoteNotificationKey, {{"poll", pollDict("Launch?", {{"A", ""}})}}}};
   QuorviaSDK::initWithAppToken("token", launchOptions, false);
   advance(0.09);
-  EXPECT_EQ(QuorviaSDK::sharedInstance()->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
   EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
   advance(0.01);
-  auto view = QuorviaSDK::sharedInstance()->presentedPollView();
+  auto view = sdk::SDKState::shared().banner->presentedPollView();
   ASSERT_TRUE(view);
   EXPECT_TRUE(view->showOptions());
   EXPECT_TRUE(window()->viewWithTag(kBackdropTag));

@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
-#include "quorvia/platform/Bundle.h"
+#include "platform/Bundle.h"
 #include "quorvia/platform/Error.h"
 #include "quorvia/platform/Window.h"
-#include "quorvia/ui/QVNotificationActionCell.h"
-#include "quorvia/ui/QVNotificationHeaderCell.h"
-#include "quorvia/ui/QVNotificationTextCell.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "ui/QVNotificationActionCell.h"
+#include "ui/QVNotificationHeaderCell.h"
+#include "ui/QVNotificationTextCell.h"
+#include "ui/QVNotificationView.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerTestSupport.h"
 

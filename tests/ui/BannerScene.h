@@ -6,11 +6,12 @@
 #include <string>
 
 #include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/Label.h"
+#include "platform/Label.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Window.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "ui/QVNotificationView.h"
 
 namespace quorvia::testing {
 
@@ -59,10 +60,10 @@ inline std::shared_ptr<QVNotificationView> makeBannerScene(platform::RunLoop& lo
        {{{"text", "\xF0\x9F\x91\x8D Love it"}},
         {{"text", "\xF0\x9F\xA4\x94 Not sure yet"}},
         {{"text", "\xF0\x9F\x91\x8E Not for me"}, {"link", "https://example.com/feedback"}}}}};
-  auto view = QuorviaSDK::sharedInstance()->presentPollWithPollDict(&poll);
+  auto view = sdk::SDKState::shared().banner->presentPollWithPollDict(&poll);
   loop.advance(platform::seconds(0.3));
   if (view && expanded) {
-    QuorviaSDK::sharedInstance()->notificationViewDidPressExpand(view);
+    sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
     loop.advance(platform::seconds(0.2));
   }
   window->layoutIfNeeded();

@@ -7,10 +7,10 @@
 
 #include "quorvia/platform/Value.h"
 #include "quorvia/platform/Window.h"
-#include "quorvia/ui/QVNotificationActionCell.h"
-#include "quorvia/ui/QVNotificationHeaderCell.h"
-#include "quorvia/ui/QVNotificationTextCell.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "ui/QVNotificationActionCell.h"
+#include "ui/QVNotificationHeaderCell.h"
+#include "ui/QVNotificationTextCell.h"
+#include "ui/QVNotificationView.h"
 
 namespace quorvia::testing {
 

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "quorvia/ui/QVNotificationViewModel.h"
+#include "ui/QVNotificationViewModel.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {

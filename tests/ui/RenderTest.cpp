@@ -2,8 +2,8 @@
 
 #include <cstdlib>
 
-#include "quorvia/platform/Accessibility.h"
-#include "quorvia/platform/Renderer.h"
+#include "platform/Accessibility.h"
+#include "platform/Renderer.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerScene.h"
 #include "ui/BannerTestSupport.h"
@@ -75,7 +75,7 @@ TEST_F(RenderTest, ExpandedBannerDarkensTheBackdrop) {
     auto window = platform::keyWindow();
     const auto before = at(platform::Renderer::render(*window), 187, 640);
     env_->setReduceTransparency(reduce);
-    QuorviaSDK::sharedInstance()->notificationViewDidPressExpand(view);
+    sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
     advance(0.2);
     window->layoutIfNeeded();
     drain();
@@ -88,7 +88,7 @@ TEST_F(RenderTest, ExpandedBannerDarkensTheBackdrop) {
     EXPECT_TRUE(isWhite(at(image, 30, 20 + option->frame().y() + option->frame().height() / 2)));
     if (!reduce) keep(*window, "banner-expanded.png");
     // Next round starts from a clean window.
-    QuorviaSDK::sharedInstance()->hideNotificationView(view);
+    sdk::SDKState::shared().banner->hideNotificationView(view);
     advance(0.3);
     const auto subviews = window->subviews();
     for (const auto& sub : subviews) sub->removeFromSuperview();

@@ -3,7 +3,7 @@
 #include <array>
 #include <string>
 
-#include "quorvia/platform/Label.h"
+#include "platform/Label.h"
 
 namespace quorvia::sim {
 namespace {

@@ -5,12 +5,13 @@
 #include "CommandFields.h"
 #include "Simulator.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/platform/Renderer.h"
-#include "quorvia/platform/TableView.h"
+#include "sdk/SDKState.h"
+#include "keychain/LKKeychain.h"
+#include "platform/Renderer.h"
+#include "platform/TableView.h"
 #include "quorvia/platform/Window.h"
-#include "quorvia/ui/QVNotificationHeaderCell.h"
-#include "quorvia/ui/QVNotificationView.h"
+#include "ui/QVNotificationHeaderCell.h"
+#include "ui/QVNotificationView.h"
 
 namespace quorvia::sim {
 namespace {
@@ -23,7 +24,7 @@ constexpr const char* kTokenService = "polls";
 constexpr const char* kTokenAccount = "user_token";
 
 std::shared_ptr<QVNotificationView> presentedBanner(bool sdkStarted) {
-  auto banner = sdkStarted ? QuorviaSDK::sharedInstance()->presentedPollView() : nullptr;
+  auto banner = sdkStarted ? sdk::SDKState::shared().banner->presentedPollView() : nullptr;
   if (!banner) throw CommandError("no banner is presented");
   return banner;
 }
@@ -108,8 +109,8 @@ void Simulator::snapshot(const Json& command) {
 void Simulator::state(const Json&) {
   // Asking the SDK before the host did would create its shared instance, which registers for
   // remote notifications: a state query must not start the SDK.
-  auto sdk = sdkStarted_ ? QuorviaSDK::sharedInstance() : nullptr;
-  auto view = sdk ? sdk->presentedPollView() : nullptr;
+  sdk::SDKState* sdk = sdkStarted_ ? &sdk::SDKState::shared() : nullptr;
+  auto view = sdk ? sdk->banner->presentedPollView() : nullptr;
   Value banner = nullptr;
   if (view) {
     Value options = Value::array();
@@ -131,7 +132,7 @@ void Simulator::state(const Json&) {
       LKKeychain::passwordForService(kTokenService, kTokenAccount);
   Value added = Value::array();
   if (sdk) {
-    for (const auto& [selector, flag] : sdk->addedMethods().items()) {
+    for (const auto& [selector, flag] : sdk->interception.addedMethods().items()) {
       if (flag == true) added.push_back(selector);
     }
   }

@@ -4,8 +4,8 @@
 
 #include "CommandFields.h"
 #include "Simulator.h"
-#include "quorvia/keychain/LKKeychain.h"
-#include "quorvia/networking/SimpleNetworking.h"
+#include "keychain/LKKeychain.h"
+#include "networking/SimpleNetworking.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::sim {

@@ -1,4 +1,4 @@
-#include "quorvia/platform/FaultInjectingKeychainStore.h"
+#include "platform/FaultInjectingKeychainStore.h"
 
 #include <utility>
 

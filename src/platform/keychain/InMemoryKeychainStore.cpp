@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "platform/keychain/KeychainItem.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "platform/KeychainStore.h"
 
 namespace quorvia::platform {
 namespace {

@@ -1,11 +1,11 @@
-#include "quorvia/platform/Keychain.h"
+#include "platform/Keychain.h"
 
 #include <exception>
 #include <string>
 
 #include "quorvia/platform/Environment.h"
-#include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/Log.h"
+#include "platform/KeychainStore.h"
+#include "platform/Log.h"
 
 namespace quorvia::platform {
 namespace {

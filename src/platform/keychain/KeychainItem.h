@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "quorvia/platform/Keychain.h"
+#include "platform/Keychain.h"
 
 namespace quorvia::platform::keychain {
 

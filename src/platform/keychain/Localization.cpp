@@ -1,4 +1,4 @@
-#include "quorvia/platform/Localization.h"
+#include "platform/Localization.h"
 
 #include "quorvia/platform/Environment.h"
 

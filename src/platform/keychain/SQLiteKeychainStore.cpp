@@ -14,9 +14,9 @@
 #include <vector>
 
 #include "platform/keychain/KeychainItem.h"
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/KeychainStore.h"
-#include "quorvia/platform/Log.h"
+#include "platform/Device.h"
+#include "platform/KeychainStore.h"
+#include "platform/Log.h"
 
 namespace quorvia::platform {
 namespace {

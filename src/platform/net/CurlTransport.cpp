@@ -12,8 +12,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "quorvia/platform/Log.h"
-#include "quorvia/platform/URLSession.h"
+#include "platform/Log.h"
+#include "platform/URLSession.h"
 
 namespace quorvia::platform {
 namespace {

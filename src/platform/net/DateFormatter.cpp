@@ -1,4 +1,4 @@
-#include "quorvia/platform/DateFormatter.h"
+#include "platform/DateFormatter.h"
 
 #include <unicode/parsepos.h>
 #include <unicode/smpdtfmt.h>

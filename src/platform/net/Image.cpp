@@ -1,4 +1,4 @@
-#include "quorvia/platform/Image.h"
+#include "platform/Image.h"
 
 #include <stb_image.h>
 

@@ -1,4 +1,4 @@
-#include "quorvia/platform/URLCache.h"
+#include "platform/URLCache.h"
 
 #include <sqlite3.h>
 
@@ -7,8 +7,8 @@
 #include <string>
 #include <unordered_map>
 
-#include "quorvia/platform/Device.h"
-#include "quorvia/platform/Log.h"
+#include "platform/Device.h"
+#include "platform/Log.h"
 
 namespace quorvia::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "quorvia/platform/URLSession.h"
+#include "platform/URLSession.h"
 
 #include <strings.h>
 

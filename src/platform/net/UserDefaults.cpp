@@ -1,4 +1,4 @@
-#include "quorvia/platform/UserDefaults.h"
+#include "platform/UserDefaults.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -9,10 +9,10 @@
 #include <iterator>
 #include <mutex>
 
-#include "quorvia/platform/Device.h"
+#include "platform/Device.h"
 #include "quorvia/platform/Environment.h"
-#include "quorvia/platform/KeyedArchiver.h"
-#include "quorvia/platform/Log.h"
+#include "platform/KeyedArchiver.h"
+#include "platform/Log.h"
 
 namespace quorvia::platform {
 namespace {

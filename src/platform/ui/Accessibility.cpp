@@ -1,4 +1,4 @@
-#include "quorvia/platform/Accessibility.h"
+#include "platform/Accessibility.h"
 
 #include "quorvia/platform/Environment.h"
 

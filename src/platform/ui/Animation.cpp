@@ -1,4 +1,4 @@
-#include "quorvia/platform/Animation.h"
+#include "platform/Animation.h"
 
 #include <algorithm>
 #include <chrono>

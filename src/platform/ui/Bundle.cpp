@@ -1,4 +1,4 @@
-#include "quorvia/platform/Bundle.h"
+#include "platform/Bundle.h"
 
 #include <cstdlib>
 #include <system_error>

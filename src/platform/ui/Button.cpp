@@ -1,4 +1,4 @@
-#include "quorvia/platform/Button.h"
+#include "platform/Button.h"
 
 namespace quorvia::platform {
 

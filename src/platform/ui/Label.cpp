@@ -1,4 +1,4 @@
-#include "quorvia/platform/Label.h"
+#include "platform/Label.h"
 
 #include "platform/ui/TextLayout.h"
 

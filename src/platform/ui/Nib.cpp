@@ -1,15 +1,15 @@
-#include "quorvia/platform/Nib.h"
+#include "platform/Nib.h"
 
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
 
-#include "quorvia/platform/Button.h"
+#include "platform/Button.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Label.h"
-#include "quorvia/platform/Log.h"
-#include "quorvia/platform/TableView.h"
+#include "platform/Label.h"
+#include "platform/Log.h"
+#include "platform/TableView.h"
 
 namespace quorvia::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "quorvia/platform/Renderer.h"
+#include "platform/Renderer.h"
 
 #include <cairo.h>
 #include <pango/pangocairo.h>
@@ -8,8 +8,8 @@
 #include <memory>
 
 #include "platform/ui/TextLayout.h"
-#include "quorvia/platform/BlurView.h"
-#include "quorvia/platform/Label.h"
+#include "platform/BlurView.h"
+#include "platform/Label.h"
 
 namespace quorvia::platform {
 namespace {

@@ -1,4 +1,4 @@
-#include "quorvia/platform/TableView.h"
+#include "platform/TableView.h"
 
 #include <algorithm>
 

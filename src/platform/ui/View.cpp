@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "platform/ui/AnimationContext.h"
-#include "quorvia/platform/Animation.h"
+#include "platform/Animation.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Window.h"
 

@@ -1,8 +1,8 @@
 #include "quorvia/platform/Window.h"
 
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/Button.h"
-#include "quorvia/platform/TableView.h"
+#include "platform/Button.h"
+#include "platform/TableView.h"
 
 namespace quorvia::platform {
 namespace {

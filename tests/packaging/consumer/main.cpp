@@ -1,57 +1,45 @@
 // A host built against an installed quorvia: starts the SDK without
-// interception on its own main queue, answers the poll fetch from an
-// in-process transport, and exits 0 once the banner (built from the installed
-// layout files) is on screen.
-//   quorvia_consumer <install prefix>
+// interception, hands it a pushed poll, and exits 0 once the banner (built
+// from the installed layout files) is on screen. No service is needed: the
+// start-up fetch goes to a closed loopback port and fails.
+//   quorvia_consumer
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Bundle.h"
-#include "quorvia/platform/Device.h"
 #include "quorvia/platform/Environment.h"
-#include "quorvia/platform/KeychainStore.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/URLSession.h"
 
 namespace {
 
 using namespace quorvia;
 
-// Every request gets one pending poll, delivered from the main queue.
-class OnePollTransport final : public platform::URLTransport {
- public:
-  void start(platform::URLRequest request, platform::ServerTrustPolicy, Done done) override {
-    platform::dispatch_async([request = std::move(request), done = std::move(done)] {
-      const std::string body =
-          R"({"results":[{"id":1,"question":"Installed?","options":[{"text":"Yes"}]}]})";
-      platform::TransportResult result;
-      result.response =
-          platform::HTTPURLResponse{request.url ? request.url->absoluteString : "", 200, {}};
-      result.data = platform::Bytes(body.begin(), body.end());
-      done(std::move(result));
-    });
-  }
-};
-
-// The desktop, with log lines on stdout, keychain items in memory and the
-// transport above.
+// The desktop, in a throw-away data directory, remembering its log lines.
 class ConsumerEnvironment final : public platform::EnvironmentWrapper {
  public:
   using EnvironmentWrapper::EnvironmentWrapper;
   void log(std::string_view line) override {
+    std::lock_guard lock(mu_);
+    lines_.emplace_back(line);
     std::fprintf(stdout, "log: %.*s\n", static_cast<int>(line.size()), line.data());
   }
-  std::shared_ptr<platform::URLTransport> urlTransport() override { return transport_; }
-  std::shared_ptr<platform::KeychainStore> keychainStore() override { return keychain_; }
+  bool logged(const std::string& line) {
+    std::lock_guard lock(mu_);
+    for (const auto& l : lines_) {
+      if (l == line) return true;
+    }
+    return false;
+  }
 
  private:
-  std::shared_ptr<platform::URLTransport> transport_ = std::make_shared<OnePollTransport>();
-  std::shared_ptr<platform::KeychainStore> keychain_ = platform::makeInMemoryKeychainStore();
+  std::mutex mu_;
+  std::vector<std::string> lines_;
 };
 
 int fail(const std::string& why) {
@@ -61,28 +49,25 @@ int fail(const std::string& why) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
-  if (argc != 2) return fail("usage: quorvia_consumer <install prefix>");
-  const std::filesystem::path prefix = std::filesystem::weakly_canonical(argv[1]);
-
-  platform::installEnvironment(
-      std::make_shared<ConsumerEnvironment>(platform::makeDesktopEnvironment(
-          {"quorvia-consumer", std::filesystem::temp_directory_path() /
-                                   ("quorvia-consumer-" + std::to_string(::getpid()))})));
-
-  const auto bundle = platform::Bundle::bundleWithIdentifier("com.quorvia.sdk.ios");
-  if (!bundle) return fail("resource bundle not found");
-  const std::string where = std::filesystem::weakly_canonical(bundle->bundlePath()).string();
-  std::printf("resource bundle: %s\n", where.c_str());
-  if (where.rfind(prefix.string(), 0) != 0) return fail("resource bundle is not the installed one");
+int main() {
+  ::setenv("QUORVIA_SERVICE_BASE_URL", "http://127.0.0.1:9", 1);
+  const auto data = std::filesystem::temp_directory_path() /
+                    ("quorvia-consumer-" + std::to_string(::getpid()));
+  auto env = std::make_shared<ConsumerEnvironment>(
+      platform::makeDesktopEnvironment({"quorvia-consumer", data, platform::RunLoop::Clock::kReal,
+                                        /*push=*/false}));
+  platform::installEnvironment(env);
 
   QuorviaSDK::initWithAppToken("consumer-app-token", std::nullopt, /*swizzling=*/false);
-  const bool shown = platform::mainRunLoop().runUntil(
-      [] { return QuorviaSDK::sharedInstance()->presentedPollView() != nullptr; },
-      platform::seconds(10));
-  platform::mainRunLoop().runFor(platform::seconds(0.5));  // let the slide-in finish
-  std::filesystem::remove_all(platform::dataDirectory());
-  if (!shown) return fail("no banner after start-up");
+  QuorviaSDK::handleRemoteNotification(platform::Value{
+      {"poll", {{"id", 1}, {"question", "Installed?"}, {"options", {{{"text", "Yes"}}}}}}});
+  platform::mainRunLoop().runFor(platform::seconds(0.5));  // the slide-in
+  std::filesystem::remove_all(data);
+  if (!env->logged("QuorviaSDK: Presenting poll: Installed?")) return fail("no banner presented");
+  if (env->logged("QuorviaSDK: Could not load the poll banner's layout files; the poll is not "
+                  "shown.")) {
+    return fail("the installed layout files were not found");
+  }
   std::printf("banner shown\n");
   return 0;
 }

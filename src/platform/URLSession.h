@@ -15,7 +15,7 @@
 
 #include "quorvia/export.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/URL.h"
+#include "platform/URL.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::platform {

@@ -17,7 +17,7 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Bundle.h"
+#include "platform/Bundle.h"
 #include "quorvia/platform/Value.h"
 #include "quorvia/platform/View.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Keychain.h"
+#include "platform/Keychain.h"
 
 namespace quorvia::platform {
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Nib.h"
+#include "platform/Nib.h"
 #include "quorvia/platform/View.h"
 
 namespace quorvia::platform {

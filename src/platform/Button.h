@@ -6,7 +6,7 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Label.h"
+#include "platform/Label.h"
 
 namespace quorvia::platform {
 

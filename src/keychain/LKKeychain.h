@@ -9,7 +9,7 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/keychain/LKKeychainQuery.h"
+#include "keychain/LKKeychainQuery.h"
 #include "quorvia/platform/Error.h"
 #include "quorvia/platform/Value.h"
 

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/service/QVModelPoll.h"
-#include "quorvia/ui/QVNotificationViewDelegate.h"
+#include "service/QVModelPoll.h"
+#include "ui/QVNotificationViewDelegate.h"
 
 namespace quorvia {
 

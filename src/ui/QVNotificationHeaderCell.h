@@ -5,9 +5,9 @@
 #include <memory>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Button.h"
-#include "quorvia/platform/TableView.h"
-#include "quorvia/ui/QVNotificationHeaderCellDelegate.h"
+#include "platform/Button.h"
+#include "platform/TableView.h"
+#include "ui/QVNotificationHeaderCellDelegate.h"
 
 namespace quorvia {
 

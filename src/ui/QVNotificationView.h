@@ -7,9 +7,9 @@
 #include <memory>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/TableView.h"
-#include "quorvia/ui/QVNotificationHeaderCellDelegate.h"
-#include "quorvia/ui/QVNotificationViewModel.h"
+#include "platform/TableView.h"
+#include "ui/QVNotificationHeaderCellDelegate.h"
+#include "ui/QVNotificationViewModel.h"
 
 namespace quorvia {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/KeychainStore.h"
+#include "platform/KeychainStore.h"
 
 namespace quorvia::platform {
 

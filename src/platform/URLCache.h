@@ -10,7 +10,7 @@
 #include <optional>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/URLSession.h"
+#include "platform/URLSession.h"
 
 namespace quorvia::platform {
 

@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Label.h"
-#include "quorvia/platform/TableView.h"
+#include "platform/Label.h"
+#include "platform/TableView.h"
 
 namespace quorvia {
 

@@ -15,8 +15,8 @@
 #include "quorvia/export.h"
 #include "quorvia/platform/Clock.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Image.h"
-#include "quorvia/platform/URLSession.h"
+#include "platform/Image.h"
+#include "platform/URLSession.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia {

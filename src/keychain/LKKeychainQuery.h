@@ -9,9 +9,9 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/keychain/LKKeychainConstants.h"
+#include "keychain/LKKeychainConstants.h"
 #include "quorvia/platform/Error.h"
-#include "quorvia/platform/Keychain.h"
+#include "platform/Keychain.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia {
