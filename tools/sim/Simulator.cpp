@@ -1,11 +1,13 @@
 #include "Simulator.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 
 #include "CommandFields.h"
 #include "HostDelegate.h"
 #include "HostScreen.h"
+#include "platform/push/PushServiceSlot.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Accessibility.h"
 #include "quorvia/platform/Application.h"
@@ -125,6 +127,14 @@ void Simulator::install() {
     events->write("openURL", {{"url", url}});
   });
   remoteNotificationRequests_ = app.remoteNotificationRegistrationCount();
+  // With a broker named, the device registers and pushes arrive by themselves; without one,
+  // the deviceToken and push commands stand in for the push service.
+  if (const char* broker = std::getenv("QUORVIA_PUSH_BROKER"); broker && *broker) {
+    platform::installPushService(
+        platform::makeMqttPushService({broker, platform::dataDirectory()}));
+  } else {
+    platform::installPushService(nullptr);
+  }
   drawHostScreen(*platform::keyWindow());
 }
 
