@@ -135,14 +135,14 @@ Publisher::~Publisher() {
   mosquitto_lib_cleanup();
 }
 
-bool Publisher::publish(const std::string& topic, const std::string& payload) {
+bool Publisher::publish(const std::string& topic, const std::string& payload, bool waitForAck) {
   std::unique_lock lock(mu_);
   const int before = acks_;
   if (mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
                         payload.data(), 1, false) != MOSQ_ERR_SUCCESS) {
     return false;
   }
-  return acked_.wait_for(lock, kAckTimeout, [&] { return acks_ > before; });
+  return !waitForAck || acked_.wait_for(lock, kAckTimeout, [&] { return acks_ > before; });
 }
 
 std::string deviceTopic(const std::vector<std::uint8_t>& token) {

@@ -6,10 +6,12 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <filesystem>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 struct mosquitto;
 
@@ -53,8 +55,9 @@ class Publisher final {
   Publisher& operator=(const Publisher&) = delete;
 
   bool connected() const { return connected_; }
-  /// Publishes `payload` on `topic` and waits (bounded) for the broker's PUBACK.
-  bool publish(const std::string& topic, const std::string& payload);
+  /// Publishes `payload` on `topic` and, unless told not to, waits (bounded)
+  /// for the broker's PUBACK.
+  bool publish(const std::string& topic, const std::string& payload, bool waitForAck = true);
 
  private:
   mosquitto* client_ = nullptr;

@@ -116,6 +116,10 @@ TEST_F(PushTest, RegistrationFailureSaysWhyAndRetries) {
       ASSERT_TRUE(startBroker());
       EXPECT_TRUE(waitFor([&] { return !seen->tokens.empty(); }));
       broker_->stop();
+    } else {
+      auto later = std::make_shared<Seen>();
+      service->registerForRemoteNotifications(recordInto(later));
+      EXPECT_TRUE(waitFor([&] { return !later->errors.empty(); })) << "told to a later call too";
     }
     service.reset();
     drain();

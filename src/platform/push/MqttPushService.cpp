@@ -101,7 +101,8 @@ std::string describeFailure(int rc, int savedErrno) {
 // lock, and the handlers it holds are destroyed there.
 struct MainSide {
   PushService::Handlers handlers;
-  std::optional<Bytes> token;  // set once the broker acknowledged the subscription
+  std::optional<Bytes> token;         // set once the broker acknowledged the subscription
+  std::optional<Error> finalFailure;  // the service gave up: told to every registration
   bool tokenDelivered = false;
   bool failureReported = false;
 
@@ -110,6 +111,7 @@ struct MainSide {
     tokenDelivered = false;
     failureReported = false;
     deliverToken();
+    if (finalFailure) failed(*finalFailure);
   }
   void subscribed(Bytes deviceToken) {
     token = std::move(deviceToken);
@@ -166,8 +168,9 @@ class MqttPushService final : public PushService {
     dispatch_async([main = main_, deliver = std::move(deliver)]() mutable { deliver(*main); });
   }
 
-  void reportFailure(int code, const std::string& description) {
-    post([error = pushError(code, description)](MainSide& main) mutable {
+  void reportFailure(int code, const std::string& description, bool final = false) {
+    post([error = pushError(code, description), final](MainSide& main) mutable {
+      if (final) main.finalFailure = error;
       main.failed(std::move(error));
     });
   }
@@ -181,7 +184,8 @@ class MqttPushService final : public PushService {
     pthread_setname_np(pthread_self(), "quorvia-push");
     const std::optional<Bytes> token = loadOrCreateDeviceToken(options_.dataDirectory);
     if (!token) {
-      reportFailure(kQuorviaPushErrorUnreachable, "The device has no push token: no random bytes");
+      reportFailure(kQuorviaPushErrorUnreachable, "The device has no push token: no random bytes",
+                    true);
       return;
     }
     token_ = *token;
@@ -192,7 +196,7 @@ class MqttPushService final : public PushService {
       NSLog("QuorviaSDK: push broker URL \"" + options_.brokerURL +
             "\" is not mqtt://host:port or mqtts://host:port; push is off");
       reportFailure(kQuorviaPushErrorBadBrokerURL,
-                    "The push broker URL \"" + options_.brokerURL + "\" is not valid");
+                    "The push broker URL \"" + options_.brokerURL + "\" is not valid", true);
       return;
     }
     static std::once_flag libraryInitialised;
@@ -201,7 +205,7 @@ class MqttPushService final : public PushService {
     const std::string clientId = "qv" + hex.substr(0, kClientIdHexDigits);
     mosquitto* client = mosquitto_new(clientId.c_str(), /*clean_session=*/false, this);
     if (!client) {
-      reportFailure(kQuorviaPushErrorUnreachable, "The push client cannot be created");
+      reportFailure(kQuorviaPushErrorUnreachable, "The push client cannot be created", true);
       return;
     }
     mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
