@@ -273,10 +273,15 @@ class MqttPushService final : public PushService {
         savedErrno = errno;
       }
       if (stopping()) return;
+      auto wait = delay;
       if (accepted_) {
         NSLog("QuorviaSDK: push broker connection lost (" + describeFailure(rc, savedErrno) +
               "); reconnecting");
-        delay = kFirstRetryDelay;
+        // A connection that keeps dropping at once (another process with the
+        // same token takes the session over) backs off like a failure does.
+        if (std::chrono::steady_clock::now() - acceptedAt_ >= kMaxRetryDelay) {
+          wait = kFirstRetryDelay;
+        }
         failing = false;
       } else {
         const bool refused = !refusal_.empty();
@@ -291,9 +296,9 @@ class MqttPushService final : public PushService {
                       "The push broker " + options_.brokerURL +
                           (refused ? " refused the device: " : " cannot be reached: ") + why);
       }
+      delay = std::min(wait * 2, kMaxRetryDelay);
       std::unique_lock lock(mu_);
-      if (wake_.wait_for(lock, delay, [this] { return stopping_; })) return;
-      if (!accepted_) delay = std::min(delay * 2, kMaxRetryDelay);
+      if (wake_.wait_for(lock, wait, [this] { return stopping_; })) return;
     }
   }
 
@@ -304,6 +309,7 @@ class MqttPushService final : public PushService {
       return;
     }
     accepted_ = true;
+    acceptedAt_ = std::chrono::steady_clock::now();
     // Asked again on every connection: a broker that lost its state must not
     // leave the device deaf. Retained messages come only with a new
     // subscription, so a reconnect does not repeat one.
@@ -360,7 +366,8 @@ class MqttPushService final : public PushService {
   Bytes token_;
   std::string topic_;
   bool accepted_ = false;  // the broker accepted the current connection
-  std::string refusal_;    // why it refused, when it did
+  std::chrono::steady_clock::time_point acceptedAt_;
+  std::string refusal_;  // why it refused, when it did
 };
 
 }  // namespace
