@@ -4,6 +4,7 @@
 /// service): it gives the device a token and delivers every push addressed to
 /// that token. The desktop service is an MQTT client; see docs/push.md.
 
+#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <memory>
