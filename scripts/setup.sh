@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libsqlite3-dev sqlite3 libicu-dev
   libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
   libstb-dev libcpp-httplib-dev libcli11-dev
+  libmosquitto-dev mosquitto
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 procps curl
 )

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "platform/URL.h"
+#include "platform/push/RemoteNotifications.h"
 
 namespace quorvia::platform {
 
@@ -42,8 +43,11 @@ Application::Application() : state_(std::make_unique<State>()) {}
 Application::~Application() = default;
 
 void Application::registerForRemoteNotifications() {
-  std::lock_guard lock(state_->mu);
-  ++state_->remoteRegistrations;
+  {
+    std::lock_guard lock(state_->mu);
+    ++state_->remoteRegistrations;
+  }
+  startRemoteNotifications();
 }
 
 int Application::remoteNotificationRegistrationCount() const {

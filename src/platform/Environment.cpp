@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/KeychainStore.h"
+#include "quorvia/platform/PushService.h"
 #include "platform/URLSession.h"
 #include "platform/UserDefaults.h"
 
@@ -89,7 +90,11 @@ class DesktopEnvironment final : public Environment {
     return defaults_.get(
         [this] { return makeFileUserDefaults(options_.dataDirectory / kUserDefaultsFileName); });
   }
-  std::shared_ptr<PushService> pushService() override { return nullptr; }
+  std::shared_ptr<PushService> pushService() override {
+    if (!options_.push) return nullptr;
+    return push_.get(
+        [this] { return makeMqttPushService({defaultPushBrokerURL(), options_.dataDirectory}); });
+  }
   std::shared_ptr<NotificationPresenter> notificationPresenter() override { return nullptr; }
   DeviceInfo deviceInfo() override {
     DeviceInfo info;
@@ -104,6 +109,7 @@ class DesktopEnvironment final : public Environment {
   Lazy<URLTransport> transport_;
   Lazy<KeychainStore> keychain_;
   Lazy<UserDefaults> defaults_;
+  Lazy<PushService> push_;
 };
 
 struct Installed {

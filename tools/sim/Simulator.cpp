@@ -1,12 +1,14 @@
 #include "Simulator.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 
 #include "CommandFields.h"
 #include "HostDelegate.h"
 #include "HostScreen.h"
 #include "platform/ConfigurableEnvironment.h"
+#include "quorvia/platform/PushService.h"
 #include "quorvia/QuorviaSDK.h"
 #include "platform/Accessibility.h"
 #include "quorvia/platform/Application.h"
@@ -131,6 +133,14 @@ void Simulator::install() {
     events->write("openURL", {{"url", url}});
   });
   remoteNotificationRequests_ = app.remoteNotificationRegistrationCount();
+  // With a broker named, the device registers and pushes arrive by themselves; without one,
+  // the deviceToken and push commands stand in for the push service.
+  if (const char* broker = std::getenv("QUORVIA_PUSH_BROKER"); broker && *broker) {
+    simulatedEnvironment().setPushService(
+        platform::makeMqttPushService({broker, platform::dataDirectory()}));
+  } else {
+    simulatedEnvironment().setPushService(nullptr);
+  }
   drawHostScreen(*platform::keyWindow());
 }
 

@@ -1,0 +1,56 @@
+#include "platform/push/RemoteNotifications.h"
+
+#include <atomic>
+
+#include "quorvia/platform/Environment.h"
+#include "quorvia/platform/PushService.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/Log.h"
+
+namespace quorvia::platform {
+
+void startRemoteNotifications() {
+  const std::shared_ptr<PushService> service = environment().pushService();
+  if (!service) return;
+  PushService::Handlers handlers;
+  handlers.didRegister = [](Bytes token) {
+    MessageArguments arguments;
+    arguments.deviceToken = std::move(token);
+    deliverToApplicationDelegate(kDidRegisterForRemoteNotificationsSelector, std::move(arguments));
+  };
+  handlers.didFailToRegister = [](Error error) {
+    MessageArguments arguments;
+    arguments.error = std::move(error);
+    deliverToApplicationDelegate(kDidFailToRegisterForRemoteNotificationsSelector,
+                                 std::move(arguments));
+  };
+  handlers.didReceive = [](Value payload) { deliverRemoteNotification(std::move(payload)); };
+  service->registerForRemoteNotifications(std::move(handlers));
+}
+
+void deliverRemoteNotification(Value payload) {
+  MessageArguments arguments;
+  arguments.userInfo.emplace(std::move(payload));
+  const std::shared_ptr<Object> delegate = Application::sharedApplication().delegate();
+  if (!delegate || !delegate->respondsToSelector(kDidReceiveRemoteNotificationFetchSelector)) {
+    deliverToApplicationDelegate(kDidReceiveRemoteNotificationSelector, std::move(arguments));
+    return;
+  }
+  // The host may complete from any thread, and more than once by mistake.
+  auto called = std::make_shared<std::atomic<bool>>(false);
+  arguments.fetchCompletionHandler = [called](int) {
+    if (called->exchange(true)) {
+      NSLog("QuorviaSDK: a push's fetch completion handler was called again; ignored");
+    }
+  };
+  // A real platform ends the app's time for the push here.
+  dispatch_after(kFetchCompletionDeadline, [called] {
+    if (!called->load()) {
+      NSLog("QuorviaSDK: a push's fetch completion handler was not called within 30 seconds");
+    }
+  });
+  deliverToApplicationDelegate(kDidReceiveRemoteNotificationFetchSelector, std::move(arguments));
+}
+
+}  // namespace quorvia::platform

@@ -1,0 +1,152 @@
+#include "push/MosquittoBroker.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <mosquitto.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "quorvia/platform/Value.h"
+
+extern char** environ;
+
+namespace quorvia::testing {
+namespace {
+
+constexpr auto kStartTimeout = std::chrono::seconds(10);
+constexpr auto kAckTimeout = std::chrono::seconds(10);
+
+}  // namespace
+
+MosquittoBroker::MosquittoBroker(std::filesystem::path directory)
+    : directory_(std::move(directory)) {}
+
+MosquittoBroker::~MosquittoBroker() { stop(); }
+
+int MosquittoBroker::freePort() {
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+    port = ntohs(address.sin_port);
+  }
+  ::close(fd);
+  return port;
+}
+
+bool MosquittoBroker::start(int port, std::string* error) {
+  stop();
+  port_ = port;
+  std::filesystem::create_directories(directory_);
+  const auto config = directory_ / "mosquitto.conf";
+  std::ofstream(config) << "listener " << port << " 127.0.0.1\n"
+                        << "allow_anonymous true\n"
+                        << "persistence true\n"
+                        << "persistence_location " << directory_.string()
+                        << "/\n"
+                        // As root it would switch users and lose the directory.
+                        << "user root\n"
+                        // Unbuffered, unlike a piped stdout.
+                        << "log_dest stderr\n";
+  int out[2];
+  if (::pipe2(out, O_CLOEXEC) != 0) return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+  std::string program = "/usr/sbin/mosquitto";
+  std::string flag = "-c";
+  std::string path = config.string();
+  char* argv[] = {program.data(), flag.data(), path.data(), nullptr};
+  const int spawned = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(out[1]);
+  if (spawned != 0) {
+    ::close(out[0]);
+    pid_ = -1;
+    *error = "cannot start /usr/sbin/mosquitto";
+    return false;
+  }
+  running_ = exited_ = false;
+  // Reads the broker's log to its end: "running" says it listens, and a pipe
+  // nobody drains would stall it.
+  output_ = std::thread([this, fd = out[0]] {
+    std::string log;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) {
+      log.append(buffer, static_cast<std::size_t>(n));
+      if (log.find(" running") != std::string::npos) {
+        std::lock_guard lock(mu_);
+        running_ = true;
+        changed_.notify_all();
+      }
+      if (log.size() > 65536) log.erase(0, log.size() - 1024);
+    }
+    ::close(fd);
+    std::lock_guard lock(mu_);
+    exited_ = true;
+    changed_.notify_all();
+  });
+  std::unique_lock lock(mu_);
+  changed_.wait_for(lock, kStartTimeout, [this] { return running_ || exited_; });
+  if (running_ && !exited_) return true;
+  *error = "mosquitto did not start listening on port " + std::to_string(port);
+  return false;
+}
+
+void MosquittoBroker::stop() {
+  if (pid_ > 0) {
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+  if (output_.joinable()) output_.join();
+}
+
+Publisher::Publisher(int port) {
+  mosquitto_lib_init();
+  client_ = mosquitto_new(nullptr, true, this);
+  mosquitto_publish_callback_set(client_, [](mosquitto*, void* self, int) {
+    auto* publisher = static_cast<Publisher*>(self);
+    std::lock_guard lock(publisher->mu_);
+    ++publisher->acks_;
+    publisher->acked_.notify_all();
+  });
+  connected_ = mosquitto_connect(client_, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS &&
+               mosquitto_loop_start(client_) == MOSQ_ERR_SUCCESS;
+}
+
+Publisher::~Publisher() {
+  if (connected_) {
+    mosquitto_disconnect(client_);
+    mosquitto_loop_stop(client_, false);
+  }
+  mosquitto_destroy(client_);
+  mosquitto_lib_cleanup();
+}
+
+bool Publisher::publish(const std::string& topic, const std::string& payload, bool waitForAck) {
+  std::unique_lock lock(mu_);
+  const int before = acks_;
+  if (mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                        payload.data(), 1, false) != MOSQ_ERR_SUCCESS) {
+    return false;
+  }
+  return !waitForAck || acked_.wait_for(lock, kAckTimeout, [&] { return acks_ > before; });
+}
+
+std::string deviceTopic(const std::vector<std::uint8_t>& token) {
+  return "quorvia/devices/" + platform::hexString(token);
+}
+
+}  // namespace quorvia::testing

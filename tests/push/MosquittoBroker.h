@@ -1,0 +1,73 @@
+#pragma once
+// A mosquitto broker on a loopback port, started and stopped by the test that
+// owns it, and a publisher that waits for the broker's acknowledgements.
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+struct mosquitto;
+
+namespace quorvia::testing {
+
+class MosquittoBroker final {
+ public:
+  /// Keeps its configuration and persistence under `directory`; nothing runs yet.
+  explicit MosquittoBroker(std::filesystem::path directory);
+  ~MosquittoBroker();
+  MosquittoBroker(const MosquittoBroker&) = delete;
+  MosquittoBroker& operator=(const MosquittoBroker&) = delete;
+
+  /// A loopback port nobody listens on now.
+  static int freePort();
+  /// Starts mosquitto on `port` and waits (bounded) until it accepts
+  /// connections. False, with the reason in `error`, when it does not.
+  bool start(int port, std::string* error);
+  /// Ends it by its PID (SIGTERM, so that it saves its sessions) and reaps it.
+  void stop();
+  int port() const { return port_; }
+  std::string url() const { return "mqtt://127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  std::filesystem::path directory_;
+  int port_ = 0;
+  pid_t pid_ = -1;
+  std::thread output_;
+  std::mutex mu_;
+  std::condition_variable changed_;
+  bool running_ = false;
+  bool exited_ = false;
+};
+
+/// A client that publishes with QoS 1 and waits for each acknowledgement.
+class Publisher final {
+ public:
+  explicit Publisher(int port);
+  ~Publisher();
+  Publisher(const Publisher&) = delete;
+  Publisher& operator=(const Publisher&) = delete;
+
+  bool connected() const { return connected_; }
+  /// Publishes `payload` on `topic` and, unless told not to, waits (bounded)
+  /// for the broker's PUBACK.
+  bool publish(const std::string& topic, const std::string& payload, bool waitForAck = true);
+
+ private:
+  mosquitto* client_ = nullptr;
+  bool connected_ = false;
+  std::mutex mu_;
+  std::condition_variable acked_;
+  int acks_ = 0;
+};
+
+/// The device topic of `token`.
+std::string deviceTopic(const std::vector<std::uint8_t>& token);
+
+}  // namespace quorvia::testing
