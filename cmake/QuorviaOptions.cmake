@@ -14,14 +14,18 @@ if(QUORVIA_SANITIZE)
   add_link_options(-fsanitize=${QUORVIA_SANITIZE})
 endif()
 
-# Warnings are errors on our own code only; third-party headers are system headers.
+# Warnings on our own code only (third-party headers are system headers);
+# errors where QUORVIA_WERROR says so.
 function(quorvia_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Werror -Wno-missing-field-initializers)
-  # GCC 12 at -O3 reports "literal" + std::string inside libstdc++ as an
-  # overlapping, oversized or out-of-bounds copy (GCC bugs 105329, 105651).
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wno-missing-field-initializers
+    $<$<BOOL:${QUORVIA_WERROR}>:-Werror>)
+  # GCC 12 with optimisation reports "literal" + std::string and other
+  # inlined libstdc++ code as an overlapping, oversized or out-of-bounds copy
+  # (GCC bugs 105329, 105651), in every optimised build type.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(${target} PRIVATE
-      $<$<CONFIG:Release>:-Wno-restrict -Wno-stringop-overflow -Wno-array-bounds>)
+      $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-Wno-restrict -Wno-stringop-overflow
+        -Wno-array-bounds>)
   endif()
 endfunction()
 

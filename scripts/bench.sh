@@ -14,7 +14,7 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
-benches=(startup_bench networking_bench keychain_bench ui_bench memory_bench)
+benches=(startup_bench idle_bench networking_bench push_bench keychain_bench ui_bench memory_bench)
 out=build/release/bench
 echo "== build (release)" >&2
 cmake --preset release >/dev/null
@@ -93,7 +93,7 @@ t = side.get("client_us")
 ratio = side.get("ratio")
 rows.append(("request round trip (cacheless GET)", "networking_bench",
              "n/a" if t is None else f"{fmt_time(t)} ({ratio:.2f} x)",
-             f"raw libcurl {fmt_time(raw)}",
+             f"raw libcurl multi {fmt_time(raw)}",
              "n/a" if ratio is None else ("yes" if ratio <= 1.10 else "NO")))
 t = us("BM_GetJsonCachelessSixteenInFlight")
 rate = runs.get("BM_GetJsonCachelessSixteenInFlight", {}).get("items_per_second")
@@ -105,6 +105,16 @@ share = runs.get("BM_CpuWhileWaitingOnSilentServer", {}).get("cpu_share")
 rows.append(("CPU while a request waits (silent server)", "networking_bench",
              "n/a" if share is None else f"{share * 100:.2f}% of a core",
              "-", "-"))
+idle = runs.get("BM_IdleWakeupsPerSecond", {}).get("wakeups_per_second")
+rows.append(("idle started SDK: wake-ups per second", "idle_bench",
+             "n/a" if idle is None else f"{idle:.2f}", "-",
+             "n/a" if idle is None else ("yes" if idle == 0 else "NO")))
+push = runs.get("BM_PushToHandler", {})
+p99 = push.get("p99_ms")
+rows.append(("push: publish to delegate, p99", "push_bench",
+             "n/a" if p99 is None else f"{p99:.3f} ms",
+             "n/a" if p99 is None else f"p50 {push.get('p50_ms', 0):.3f} ms",
+             "n/a" if p99 is None else ("yes" if p99 < 20 else "NO")))
 t = us("BM_GetJsonCachedHit")
 row("cached hit", "networking_bench", t, fmt_time(t), f"raw libcurl {fmt_time(raw)}", 5)
 sq = us("BM_RawSQLitePointRead")
@@ -138,6 +148,8 @@ targets = {
     "request round trip (cacheless GET)": "<= 1.10 x raw libcurl",
     "16 requests in flight": ">= 10,000 requests/s",
     "CPU while a request waits (silent server)": "-",
+    "idle started SDK: wake-ups per second": "0",
+    "push: publish to delegate, p99": "< 20 ms",
     "cached hit": "< 5 µs",
     "keychain read (passwordForService)": "< 10 µs",
     "keychain durable save": "-",
