@@ -4,6 +4,7 @@
 #include <curl/curl.h>
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -14,15 +15,18 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/Cpu.h"
 #include "quorvia/platform/Log.h"
 #include "quorvia/platform/URLSession.h"
-
-#include "platform/Cpu.h"
 
 namespace quorvia::platform {
 namespace {
 
 constexpr long kMaxRedirects = 16;
+// The largest answer body taken in. A longer one fails the request before it
+// is held in memory: an answer is decoded whole, so without a bound one
+// hostile or broken server could take the host's memory.
+constexpr curl_off_t kMaxResponseBodyBytes = 16 * 1024 * 1024;
 constexpr std::size_t kIdleHandlesKept = 64;
 // How long the transport thread keeps polling without sleeping after traffic.
 constexpr auto kBusyPollWindow = std::chrono::microseconds(100);
@@ -104,6 +108,7 @@ struct Transfer {
   Bytes received;
   HTTPURLResponse response;
   char errorText[CURL_ERROR_SIZE] = {};
+  bool tooLarge = false;  // the body passed kMaxResponseBodyBytes
 
   ~Transfer() { curl_slist_free_all(headers); }
 };
@@ -111,6 +116,21 @@ struct Transfer {
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const std::size_t n = size * count;
+  if (n > static_cast<std::size_t>(kMaxResponseBodyBytes) - transfer->received.size()) {
+    // Returning short aborts the transfer; finish() reports why.
+    transfer->tooLarge = true;
+    return 0;
+  }
+  if (transfer->received.empty()) {
+    // One allocation of the announced size, bounded above: growing by
+    // doubling holds the old and the new buffer at once.
+    curl_off_t announced = -1;
+    curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (announced > 0) {
+      transfer->received.reserve(
+          static_cast<std::size_t>(std::min(announced, kMaxResponseBodyBytes)));
+    }
+  }
   transfer->received.insert(transfer->received.end(), data, data + n);
   return n;
 }
@@ -257,6 +277,8 @@ class CurlTransport final : public URLTransport {
     const double timeout =
         request.timeoutInterval > 0 ? request.timeoutInterval : kDefaultTimeoutInterval;
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(std::ceil(timeout * 1000.0)));
+    // An announced length past the bound fails before any of the body is read.
+    curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, kMaxResponseBodyBytes);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeader);
@@ -324,6 +346,11 @@ class CurlTransport final : public URLTransport {
       transfer->response.url = effective ? effective : transfer->request.url->absoluteString;
       result.response = std::move(transfer->response);
       result.data = std::move(transfer->received);
+    } else if (code == CURLE_FILESIZE_EXCEEDED || transfer->tooLarge) {
+      result.error = transportError(
+          NSURLErrorDataLengthExceedsMaximum, "data length exceeds maximum",
+          transfer->request.url->absoluteString,
+          "the answer is larger than " + std::to_string(kMaxResponseBodyBytes) + " bytes");
     } else {
       result.error = errorForCurlCode(code, transfer->request.url->absoluteString,
                                       transfer->errorText);
