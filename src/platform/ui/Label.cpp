@@ -1,5 +1,7 @@
 #include "quorvia/platform/Label.h"
 
+#include <pango/pangocairo.h>
+
 #include "platform/ui/TextLayout.h"
 
 namespace quorvia::platform {

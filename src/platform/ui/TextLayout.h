@@ -2,13 +2,15 @@
 // Internal: Pango layouts of label text, shared by measuring and drawing so
 // that a label draws exactly the lines it was measured with.
 
-#include <pango/pangocairo.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
 
 #include "quorvia/platform/Label.h"
+
+// Declared as Pango does, so that this header needs no Pango include path.
+typedef struct _PangoContext PangoContext;
+typedef struct _PangoLayout PangoLayout;
 
 namespace quorvia::platform::detail {
 
