@@ -1,9 +1,8 @@
 // The platform stores under the HTTP client: user defaults, URL cache, images.
 
+#include <httplib.h>
 #include <stb_image_write.h>
 #include <sys/stat.h>
-
-#include <httplib.h>
 
 #include <fstream>
 #include <thread>
@@ -73,14 +72,16 @@ TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
   const std::vector<std::pair<std::string, platform::Bytes>> cases = {
       {"garbage", {'n', 'o', 't', ' ', 'a', 'n', ' ', 'a', 'r', 'c', 'h', 'i', 'v', 'e'}},
       {"array", platform::archivedDataWithRootObject(Value::array({1, 2}))},
-      {"truncated", [] {
+      {"truncated",
+       [] {
          auto bytes = platform::archivedDataWithRootObject(Value{{"key", "value"}});
          bytes.resize(bytes.size() - 3);
          return bytes;
        }()},
       {"empty", {}},
       // A few hundred KB that once overflowed the stack at every launch.
-      {"nested 200000 deep", [] {
+      {"nested 200000 deep",
+       [] {
          platform::Bytes bytes = {'q', 'v', 'k', 'a', 1, 0xA1, 0x63, 'k', 'e', 'y'};
          bytes.insert(bytes.end(), 200000, 0x81);
          bytes.push_back(0x00);
@@ -217,7 +218,8 @@ TEST_F(PlatformNetTest, DatesOutsideTheClockRangeAreNil) {
       {"2263-01-01 00:00:00", false}, {"9999-12-31 23:59:59", false},
       {"1677-01-01 00:00:00", false}, {"123456789-01-01 00:00:00", false},
   };
-  for (const auto& c : cases) EXPECT_EQ(formatter.dateFromString(c.text).has_value(), c.parses) << c.text;
+  for (const auto& c : cases)
+    EXPECT_EQ(formatter.dateFromString(c.text).has_value(), c.parses) << c.text;
   const auto late = formatter.dateFromString("2261-06-01 00:00:00");
   ASSERT_TRUE(late);
   const auto date = std::make_shared<const platform::SystemTime>(*late);
@@ -258,15 +260,14 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
   server.set_tcp_nodelay(true);
   const auto streamed = [&](std::size_t total) {
     return [&chunk, total](const httplib::Request&, httplib::Response& res) {
-      res.set_chunked_content_provider("application/json",
-                                       [&chunk, total](std::size_t offset, httplib::DataSink& sink) {
-                                         if (offset >= total) {
-                                           sink.done();
-                                           return true;
-                                         }
-                                         return sink.write(chunk.data(),
-                                                           std::min(chunk.size(), total - offset));
-                                       });
+      res.set_chunked_content_provider(
+          "application/json", [&chunk, total](std::size_t offset, httplib::DataSink& sink) {
+            if (offset >= total) {
+              sink.done();
+              return true;
+            }
+            return sink.write(chunk.data(), std::min(chunk.size(), total - offset));
+          });
     };
   };
   server.Get("/announced", [&](const httplib::Request&, httplib::Response& res) {
@@ -279,6 +280,14 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
   server.Get("/at-limit", streamed(kLimit));
   const int port = server.bind_to_any_port("127.0.0.1");
   std::thread serving([&] { server.listen_after_bind(); });
+  struct Stop {
+    httplib::Server& server;
+    std::thread& serving;
+    ~Stop() {
+      server.stop();
+      serving.join();
+    }
+  } stop{server, serving};
   const std::string base = "http://127.0.0.1:" + std::to_string(port);
 
   struct Case {
@@ -317,8 +326,6 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
       EXPECT_EQ(body->size(), kLimit);
     }
   }
-  server.stop();
-  serving.join();
 }
 
 }  // namespace
