@@ -4,7 +4,6 @@
 #include <curl/curl.h>
 #include <pthread.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -15,18 +14,19 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/Cpu.h"
 #include "quorvia/platform/Log.h"
 #include "quorvia/platform/URLSession.h"
+
+#include "platform/Cpu.h"
 
 namespace quorvia::platform {
 namespace {
 
-constexpr long kMaxRedirects = 16;
 // The largest answer body taken in. A longer one fails the request before it
 // is held in memory: an answer is decoded whole, so without a bound one
 // hostile or broken server could take the host's memory.
 constexpr curl_off_t kMaxResponseBodyBytes = 16 * 1024 * 1024;
+constexpr long kMaxRedirects = 16;
 constexpr std::size_t kIdleHandlesKept = 64;
 // How long the transport thread keeps polling without sleeping after traffic.
 constexpr auto kBusyPollWindow = std::chrono::microseconds(100);
@@ -127,8 +127,8 @@ std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) 
     curl_off_t announced = -1;
     curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
     if (announced > 0) {
-      transfer->received.reserve(
-          static_cast<std::size_t>(std::min(announced, kMaxResponseBodyBytes)));
+      transfer->received.reserve(static_cast<std::size_t>(
+          announced < kMaxResponseBodyBytes ? announced : kMaxResponseBodyBytes));
     }
   }
   transfer->received.insert(transfer->received.end(), data, data + n);
