@@ -306,23 +306,24 @@ class SQLiteKeychainStore final : public KeychainStore {
             " cannot be checked: " + std::strerror(errno) + "; refused");
       return errSecNotAvailable;
     }
-    const char* kind = directory ? "directory" : "file";
+    // "keychain store directory <path>" or, for a file, "keychain store <path>".
+    const std::string what = (directory ? "keychain store directory " : "keychain store ") +
+                             path.string();
     if (directory ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode)) {
-      NSLog("QuorviaSDK: keychain store " + path.string() + " is not a regular " + kind +
+      NSLog("QuorviaSDK: " + what + (directory ? " is not a directory" : " is not a regular file") +
             "; refused");
       return errSecNotAvailable;
     }
     if (st.st_uid != ::geteuid()) {
-      NSLog("QuorviaSDK: keychain store " + std::string(kind) + " " + path.string() +
-            " belongs to user " + std::to_string(st.st_uid) + ", not to this one; refused");
+      NSLog("QuorviaSDK: " + what + " belongs to user " + std::to_string(st.st_uid) +
+            ", not to this one; refused");
       return errSecNotAvailable;
     }
     // The directory may be listed by others, never written: whoever can write
     // it can swap the files in it.
     const mode_t loose = directory ? 022 : 077;
     if ((st.st_mode & loose) != 0) {
-      NSLog("QuorviaSDK: keychain store " + std::string(kind) + " " + path.string() + " has mode " +
-            octalMode(st.st_mode) +
+      NSLog("QuorviaSDK: " + what + " has mode " + octalMode(st.st_mode) +
             (directory ? ", writable by group or others; refused until it is 0700"
                        : ", open to group or others; refused until it is 0600"));
       return errSecNotAvailable;
