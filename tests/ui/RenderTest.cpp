@@ -140,8 +140,8 @@ TEST_F(RenderTest, LabelTextIsBoundedAndLongWordsWrapByCharacter) {
       {"a run of 32 is a word", thirtyTwo + " b", thirtyTwo + " b"},
       {"a run of 33 breaks everywhere", thirtyTwo + "a b", broken(thirtyTwo + "a") + " b"},
       {"never inside a character", accentedRun, accentedBroken},
-      {"cut at 2000 characters", std::string(1500, 'x') + " " + std::string(600, 'y'),
-       broken(std::string(1500, 'x')) + " " + broken(std::string(499, 'y')) + "\u2026"},
+      {"cut at 2000 characters", std::string(1500, 'x').append(" ").append(600, 'y'),
+       broken(std::string(1500, 'x')).append(" ").append(broken(std::string(499, 'y'))).append("\u2026")},
       {"bytes that are not UTF-8", "a\xff b", "a\uFFFD b"},
   };
   for (const auto& c : cases) EXPECT_EQ(platform::detail::layoutText(c.text), c.laidOut) << c.name;
