@@ -388,7 +388,7 @@ class SQLiteKeychainStore final : public KeychainStore {
     OSStatus status = errSecSuccess;
     if (rc != SQLITE_OK) {
       status = failure("create", rc);
-    } else if (::link(fresh.c_str(), path_.c_str()) != 0 && errno != EEXIST) {
+    } else if (!publish(fresh) && errno != EEXIST) {
       NSLog("QuorviaSDK: keychain store " + path_.string() +
             " cannot be created: " + std::strerror(errno));
       status = errSecNotAvailable;
@@ -397,6 +397,15 @@ class SQLiteKeychainStore final : public KeychainStore {
     }
     ::unlink(fresh.c_str());
     return status;
+  }
+
+  // Puts the finished store in place unless one is there already.
+  bool publish(const std::filesystem::path& fresh) {
+    if (::link(fresh.c_str(), path_.c_str()) == 0) return true;
+    // Some file systems have no hard links; a rename that refuses to replace
+    // does the same job there.
+    if (errno != EPERM && errno != EOPNOTSUPP) return false;
+    return ::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE) == 0;
   }
 
   void syncDirectory() {
