@@ -8,6 +8,7 @@
 
 #include "../../tests/ui/BannerScene.h"
 #include "platform/ConfigurableEnvironment.h"
+#include "platform/Label.h"
 #include "platform/Renderer.h"
 
 namespace {
@@ -48,6 +49,16 @@ void BM_LayoutPass(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_LayoutPass)->Unit(benchmark::kMicrosecond)->Repetitions(5)->ReportAggregatesOnly(true);
+
+// A question of one word without spaces, measured as the question row does:
+// the time must not grow with the length past what a banner can show.
+void BM_MeasureUnbrokenQuestion(benchmark::State& state) {
+  const std::string text(static_cast<std::size_t>(state.range(0)), 'w');
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(platform::measureTextHeight(text, "DejaVu Sans Bold 17", 323));
+  }
+}
+BENCHMARK(BM_MeasureUnbrokenQuestion)->Arg(100000)->Arg(1000000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

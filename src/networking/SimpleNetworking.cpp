@@ -195,7 +195,7 @@ void SimpleNetworking::callNSURLSessionWithType(
         if (data) fresh.data = std::move(*data);
         fresh.storagePolicy = platform::URLCacheStoragePolicy::kAllowed;
         returned(fresh.data, std::nullopt);
-        platform::URLCache::sharedURLCache()->storeCachedResponse(fresh, key);
+        platform::URLCache::sharedURLCache()->storeCachedResponse(std::move(fresh), key);
       });
 }
 

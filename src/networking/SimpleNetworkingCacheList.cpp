@@ -1,5 +1,6 @@
 // The cache list: per-URL expiry strings, their dates, and their persistence.
 
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -106,7 +107,15 @@ std::string SimpleNetworking::getCurrentTimeInNSStringWithFormat(const std::stri
 
 SimpleNetworking::Date SimpleNetworking::addSeconds(std::int32_t seconds, const Date& date) const {
   if (!date) return nullptr;
-  return std::make_shared<const platform::SystemTime>(*date + std::chrono::seconds(seconds));
+  // A date near the end of what the clock type holds would overflow: no date.
+  using Duration = platform::SystemTime::duration;
+  const auto delta = std::chrono::duration_cast<Duration>(std::chrono::seconds(seconds));
+  const Duration since = date->time_since_epoch();
+  if ((delta.count() > 0 && since > Duration::max() - delta) ||
+      (delta.count() < 0 && since < Duration::min() - delta)) {
+    return nullptr;
+  }
+  return std::make_shared<const platform::SystemTime>(*date + delta);
 }
 
 bool SimpleNetworking::isPastTime(const Date& date) const {

@@ -17,8 +17,9 @@ struct QUORVIA_EXPORT Image {
   Bytes rgba;  ///< width * height * 4 bytes
 };
 
-/// The image encoded in `data` (PNG, JPEG, GIF, BMP...), or nullptr (nil)
-/// when the bytes do not decode. Thread-safe.
+/// The image encoded in `data` (PNG, JPEG or GIF, recognised by their magic
+/// bytes), or nullptr (nil) when the bytes do not decode or the image has
+/// more than 16 megapixels (2^24). Thread-safe.
 QUORVIA_EXPORT std::shared_ptr<Image> imageWithData(const Bytes& data);
 
 }  // namespace quorvia::platform

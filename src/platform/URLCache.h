@@ -53,6 +53,8 @@ class QUORVIA_EXPORT URLCache final {
   std::optional<CachedURLResponse> cachedResponseForRequest(const URLRequest& request);
   /// Keeps `response` for the request's URL, replacing an earlier answer.
   void storeCachedResponse(const CachedURLResponse& response, const URLRequest& request);
+  /// As above, taking the body over instead of copying it.
+  void storeCachedResponse(CachedURLResponse&& response, const URLRequest& request);
 
  private:
   struct State;

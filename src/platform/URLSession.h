@@ -35,6 +35,7 @@ enum NSURLErrorCode : std::int64_t {
   NSURLErrorNotConnectedToInternet = -1009,
   NSURLErrorHTTPTooManyRedirects = -1007,
   NSURLErrorBadServerResponse = -1011,
+  NSURLErrorDataLengthExceedsMaximum = -1103,
   NSURLErrorSecureConnectionFailed = -1200,
   NSURLErrorServerCertificateUntrusted = -1202,
 };

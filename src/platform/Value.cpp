@@ -10,7 +10,11 @@ namespace {
 // no recursive walk over a decoded value can exhaust the stack.
 constexpr int kMaxJsonDepth = 512;
 
-std::string indent(int level) { return std::string(static_cast<std::size_t>(level) * 4, ' '); }
+// A description never grows past this many bytes; a longer one is cut at a
+// character boundary and ends in the marker. Plain strings are exempt (their
+// description is themselves).
+constexpr std::size_t kMaxDescriptionBytes = 64 * 1024;
+constexpr std::string_view kDescriptionTruncatedMarker = "...(truncated)";
 
 // Foundation writes a string inside a collection bare only when it is plain
 // ASCII letters and digits; anything else is quoted and escaped.
@@ -86,10 +90,11 @@ std::string describeNumber(const Value& v) {
   return buf;
 }
 
-std::string describeData(const Value::binary_t& bytes) {
+// At most the first `maxBytes` bytes are written.
+std::string describeData(const Value::binary_t& bytes, std::size_t maxBytes) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string out = "<";
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
+  for (std::size_t i = 0; i < std::min(bytes.size(), maxBytes); ++i) {
     if (i > 0 && i % 4 == 0) out += ' ';
     out += kHex[bytes[i] >> 4];
     out += kHex[bytes[i] & 0xF];
@@ -98,47 +103,108 @@ std::string describeData(const Value::binary_t& bytes) {
   return out;
 }
 
-// `level` is the indentation level of the line on which the value starts.
-std::string describeAt(const Value& v, int level, bool inCollection) {
-  switch (v.type()) {
-    case Value::value_t::null: return "<null>";
-    case Value::value_t::boolean: return v.get<bool>() ? "1" : "0";
-    case Value::value_t::string: {
-      const auto& s = v.get_ref<const std::string&>();
-      return inCollection ? plistQuoted(s) : s;
-    }
-    case Value::value_t::binary: return describeData(v.get_binary());
-    case Value::value_t::number_integer:
-    case Value::value_t::number_unsigned:
-    case Value::value_t::number_float: return describeNumber(v);
-    case Value::value_t::object: {
-      // Foundation lists a dictionary with string keys in ascending key order.
-      std::vector<const std::string*> keys;
-      keys.reserve(v.size());
-      for (const auto& item : v.items()) keys.push_back(&item.key());
-      std::sort(keys.begin(), keys.end(), [](auto* a, auto* b) { return *a < *b; });
-      std::string out = indent(level) + "{\n";
-      for (const auto* key : keys) {
-        out += indent(level + 1) + plistQuoted(*key) + " = ";
-        out += describeAt(v.at(*key), level + 1, true);
-        out += ";\n";
+// Writes a description into one buffer and stops at kMaxDescriptionBytes, so
+// that a small, deeply nested input (each level adds a deeper indentation)
+// never turns into megabytes of text.
+class Describer final {
+ public:
+  std::string take() && {
+    if (out_.size() > kMaxDescriptionBytes) {
+      out_.resize(kMaxDescriptionBytes);
+      // Never leave half a UTF-8 sequence before the marker.
+      while (!out_.empty() && (static_cast<unsigned char>(out_.back()) & 0xC0) == 0x80) {
+        out_.pop_back();
       }
-      out += indent(level) + "}";
-      return out;
+      if (!out_.empty() && static_cast<unsigned char>(out_.back()) >= 0xC0) out_.pop_back();
     }
-    case Value::value_t::array: {
-      std::string out = indent(level) + "(\n";
-      for (std::size_t i = 0; i < v.size(); ++i) {
-        out += indent(level + 1) + describeAt(v[i], level + 1, true);
-        out += i + 1 < v.size() ? ",\n" : "\n";
-      }
-      out += indent(level) + ")";
-      return out;
-    }
-    case Value::value_t::discarded: return "(null)";
+    if (full_) out_ += kDescriptionTruncatedMarker;
+    return std::move(out_);
   }
-  return "(null)";
-}
+
+  // `level` is the indentation level of the line on which the value starts.
+  void describeAt(const Value& v, int level, bool inCollection) {
+    if (full_) return;
+    switch (v.type()) {
+      case Value::value_t::null:
+        return append("<null>");
+      case Value::value_t::boolean:
+        return append(v.get<bool>() ? "1" : "0");
+      case Value::value_t::string: {
+        const auto& s = v.get_ref<const std::string&>();
+        // Quoting never shrinks a string: what lies past the room is not needed.
+        const std::string_view head = std::string_view(s).substr(0, room());
+        return append(inCollection ? plistQuoted(head) : head);
+      }
+      case Value::value_t::binary:
+        return append(describeData(v.get_binary(), room() / 2 + 1));
+      case Value::value_t::number_integer:
+      case Value::value_t::number_unsigned:
+      case Value::value_t::number_float:
+        return append(describeNumber(v));
+      case Value::value_t::object: {
+        if (tooDeep(level)) return;
+        // Foundation lists a dictionary with string keys in ascending key order.
+        std::vector<const std::string*> keys;
+        keys.reserve(v.size());
+        for (const auto& item : v.items()) keys.push_back(&item.key());
+        std::sort(keys.begin(), keys.end(), [](auto* a, auto* b) { return *a < *b; });
+        indent(level);
+        append("{\n");
+        for (const auto* key : keys) {
+          if (full_) return;
+          indent(level + 1);
+          append(plistQuoted(*key));
+          append(" = ");
+          describeAt(v.at(*key), level + 1, true);
+          append(";\n");
+        }
+        indent(level);
+        return append("}");
+      }
+      case Value::value_t::array: {
+        if (tooDeep(level)) return;
+        indent(level);
+        append("(\n");
+        for (std::size_t i = 0; i < v.size(); ++i) {
+          if (full_) return;
+          indent(level + 1);
+          describeAt(v[i], level + 1, true);
+          append(i + 1 < v.size() ? ",\n" : "\n");
+        }
+        indent(level);
+        return append(")");
+      }
+      case Value::value_t::discarded:
+        return append("(null)");
+    }
+  }
+
+ private:
+  void append(std::string_view text) {
+    if (full_) return;
+    out_.append(text.substr(0, room()));
+    full_ = out_.size() > kMaxDescriptionBytes;
+  }
+
+  void indent(int level) {
+    if (full_) return;
+    const auto width = static_cast<std::size_t>(level) * 4;
+    out_.append(std::min(width, room()), ' ');
+    full_ = out_.size() > kMaxDescriptionBytes;
+  }
+
+  std::size_t room() const { return kMaxDescriptionBytes + 1 - out_.size(); }
+
+  // Values built in code are not bounded by the readers; the walk is.
+  bool tooDeep(int level) {
+    if (level < kMaxJsonDepth) return false;
+    full_ = true;
+    return true;
+  }
+
+  std::string out_;
+  bool full_ = false;
+};
 
 // Depth of the deepest container, counting brackets outside string literals.
 bool nestingWithinLimit(std::string_view text) {
@@ -178,7 +244,11 @@ const Value* valueForKey(const Value* dictionary, std::string_view key) {
 std::string describe(const Value& value) {
   // The top-level value is not indented, but nested containers start their
   // lines at their level, as Foundation's descriptionWithLocale:indent: does.
-  return describeAt(value, 0, false);
+  // A plain string is its own description: nothing to bound beyond its size.
+  if (value.is_string()) return value.get<std::string>();
+  Describer describer;
+  describer.describeAt(value, 0, false);
+  return std::move(describer).take();
 }
 
 std::string describe(const Value* value) { return value ? describe(*value) : "(null)"; }

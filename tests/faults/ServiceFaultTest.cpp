@@ -245,11 +245,11 @@ const FaultCase kCases[] = {
        setFileCapabilities(true);
        fs::permissions(t.dataDirectory(), fs::perms::owner_all);
      },
-     // The store cannot be read while it cannot write its journal; the
-     // token is back once the directory is writable again.
+     // The stored token is still read (a rollback journal needs no file to
+     // read); the new one cannot be written beside it.
      [](ServiceFaultTest& t) {
        EXPECT_TRUE(t.logged("QuorviaSDK: keychain store " + t.keychainFile().string() +
-                            " open failed: attempt to write a readonly database"));
+                            " update failed: attempt to write a readonly database"));
      }},
     // A write past the file size limit fails like a write to a full disk.
     {"DiskFull", [] { return answeringToken("new"); }, Call::kRegister, kRegistered, "old",

@@ -126,68 +126,155 @@ class KeychainDurabilityTest : public testing::PlatformTest {
 
 TEST_F(KeychainDurabilityTest, StoreIsPrivateToItsUser) {
   ASSERT_FALSE(fs::exists(dir()));
+  ::umask(022);
   ASSERT_TRUE(LKKeychain::setPassword("tok", "polls", "user_token"));
   EXPECT_EQ(modeOf(dir()), 0700u);
-  EXPECT_EQ(modeOf(file()), 0600u);
-  for (const char* side : {"-wal", "-shm"}) {
-    const fs::path p = file().string() + side;
-    if (fs::exists(p)) {
-      EXPECT_EQ(modeOf(p), 0600u) << p;
-    }
+  for (const auto& entry : fs::directory_iterator(dir())) {
+    EXPECT_EQ(modeOf(entry.path()), 0600u) << entry.path();
   }
 }
 
-TEST_F(KeychainDurabilityTest, ExposedStoreFileIsRefusedAndLeftAlone) {
+// What a call has committed is in the main file alone (a backup of it is
+// complete), and what was deleted is nowhere on disk.
+TEST_F(KeychainDurabilityTest, CommittedWritesLiveInTheMainFileAndDeletedOnesNowhere) {
+  ASSERT_TRUE(LKKeychain::setPassword("kept-token", "polls", "user_token"));
+  ASSERT_TRUE(LKKeychain::setPassword("s3cr3t-gone", "polls", "old"));
+  ASSERT_TRUE(LKKeychain::setPassword("s3cr3t-replaced", "polls", "updated"));
+  ASSERT_TRUE(LKKeychain::setPassword("new-value", "polls", "updated"));
+  ASSERT_TRUE(LKKeychain::deletePasswordForService("polls", "old"));
+
+  const fs::path backup = dataDir_ / "backup";
+  fs::create_directories(backup);
+  fs::copy_file(file(), backup / platform::kKeychainStoreFileName);
+  for (const auto& entry : fs::directory_iterator(dir())) {
+    EXPECT_EQ(entry.path().filename(), platform::kKeychainStoreFileName) << "no other file left";
+    EXPECT_EQ(fileBytes(entry.path()).find("s3cr3t"), std::string::npos) << entry.path();
+  }
+  env_->setKeychainStore(platform::makeSQLiteKeychainStore(backup));
+  EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "kept-token");
+  EXPECT_EQ(LKKeychain::passwordForService("polls", "updated"), "new-value");
+  EXPECT_EQ(LKKeychain::passwordForService("polls", "old"), std::nullopt);
+}
+
+TEST_F(KeychainDurabilityTest, ExposedStoreIsRefusedAndLeftAlone) {
   ASSERT_TRUE(LKKeychain::setPassword("s3cr3t-value", "polls", "user_token"));
   env_->setKeychainStore(platform::makeInMemoryKeychainStore());  // closes the file
   const std::string before = fileBytes(file());
+  const fs::path journal = file().string() + "-journal";
+  const fs::path wal = file().string() + "-wal";
+  struct Case {
+    std::string name;
+    fs::path path;  // the file or directory exposed; created empty when absent
+    mode_t mode;
+    uid_t owner;  // -1: this user
+    std::string expectedLine;
+  };
+  std::vector<Case> cases;
   for (mode_t mode : {0640, 0604, 0660, 0666, 0610}) {
-    SCOPED_TRACE(mode);
+    cases.push_back(
+        {"main file", file(), mode, static_cast<uid_t>(-1), "open to group or others; refused"});
+  }
+  cases.push_back({"journal made in advance", journal, 0644, static_cast<uid_t>(-1),
+                   "open to group or others; refused"});
+  cases.push_back({"log made in advance", wal, 0666, static_cast<uid_t>(-1),
+                   "open to group or others; refused"});
+  cases.push_back({"directory writable by others", dir(), 0777, static_cast<uid_t>(-1),
+                   "writable by group or others; refused"});
+  cases.push_back({"directory writable by its group", dir(), 0770, static_cast<uid_t>(-1),
+                   "writable by group or others; refused"});
+  if (::geteuid() == 0) {  // only root can give a file away
+    cases.push_back({"journal of another user", journal, 0600, 4242, "belongs to user 4242"});
+    cases.push_back({"main file of another user", file(), 0600, 4242, "belongs to user 4242"});
+  }
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name + " " + std::to_string(c.mode));
     log_.clear();
-    ASSERT_EQ(::chmod(file().c_str(), mode), 0);
+    const bool made = !fs::exists(c.path);
+    if (made) std::ofstream(c.path).close();
+    ASSERT_EQ(::chmod(c.path.c_str(), c.mode), 0);
+    if (c.owner != static_cast<uid_t>(-1)) {
+      ASSERT_EQ(::chown(c.path.c_str(), c.owner, -1), 0);
+    }
     reopen();
     expectEveryCallFails(platform::errSecNotAvailable);
     const auto lines = log_.lines();
     ASSERT_FALSE(lines.empty());
-    EXPECT_NE(lines.front().find("open to group or others; refused"), std::string::npos)
-        << lines.front();
-    EXPECT_EQ(modeOf(file()), mode);
+    EXPECT_NE(lines.front().find(c.expectedLine), std::string::npos) << lines.front();
+    EXPECT_EQ(modeOf(c.path), c.mode);
     EXPECT_EQ(fileBytes(file()), before);
+    env_->setKeychainStore(platform::makeInMemoryKeychainStore());
+    if (made) {
+      fs::remove(c.path);
+      continue;
+    }
+    ASSERT_EQ(::chown(c.path.c_str(), ::geteuid(), -1), 0);
+    ASSERT_EQ(::chmod(c.path.c_str(), fs::is_directory(c.path) ? 0700 : 0600), 0);
   }
-  ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
   reopen();
   EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "s3cr3t-value");
 }
 
-TEST_F(KeychainDurabilityTest, CorruptStoreFileGivesErrorsAndStaysUntouched) {
+TEST_F(KeychainDurabilityTest, DamagedStoreGivesErrorsAndStaysUntouched) {
   ASSERT_TRUE(platform::createPrivateDirectory(dir()));
   // A real store whose items page is overwritten, and files that never were one.
   for (int i = 0; i < 20; ++i) {
     ASSERT_TRUE(LKKeychain::setPassword("pw", "polls", "acct" + std::to_string(i)));
   }
   env_->setKeychainStore(platform::makeInMemoryKeychainStore());
-  std::string damaged = fileBytes(file());
+  const std::string intact = fileBytes(file());
+  std::string damaged = intact;
   ASSERT_GE(damaged.size(), 3 * 4096u);
   std::fill(damaged.begin() + 4096, damaged.begin() + 2 * 4096, '\xA5');
+  // A store file whose table never reached it (its contents were in a log
+  // that is gone): a valid database without the items table.
+  std::string tableless;
+  {
+    const fs::path other = dataDir_ / "tableless.sqlite";
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=1", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+    tableless = fileBytes(other);
+  }
+  const fs::path journal = file().string() + "-journal";
+  const fs::path wal = file().string() + "-wal";
 
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"garbage", std::string(4096, '\x5A')},
-      {"text", "this is not an item store\n"},
-      {"bad header", std::string("SQLite format 3\0", 16) + std::string(2000, '\x01')},
-      {"damaged items page", damaged},
+  struct Case {
+    std::string name;
+    std::string contents;
+    fs::path sidecar;  // empty: none
+    std::string sidecarContents;
   };
-  for (const auto& [name, contents] : cases) {
-    SCOPED_TRACE(name);
+  const std::vector<Case> cases = {
+      {"garbage", std::string(4096, '\x5A'), {}, {}},
+      {"text", "this is not an item store\n", {}, {}},
+      {"bad header", std::string("SQLite format 3\0", 16) + std::string(2000, '\x01'), {}, {}},
+      {"damaged items page", damaged, {}, {}},
+      {"empty main file", "", {}, {}},
+      {"main file without its table", tableless, {}, {}},
+      {"damaged journal", intact, journal, std::string(600, '\x33')},
+      {"damaged log", tableless, wal, std::string(5000, '\x44')},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     log_.clear();
     {
       std::ofstream out(file(), std::ios::binary | std::ios::trunc);
-      out << contents;
+      out << c.contents;
     }
     ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
+    if (!c.sidecar.empty()) {
+      std::ofstream(c.sidecar, std::ios::binary | std::ios::trunc) << c.sidecarContents;
+      ASSERT_EQ(::chmod(c.sidecar.c_str(), 0600), 0);
+    }
     reopen();
     expectEveryCallFails(platform::errSecDecode);
     EXPECT_FALSE(log_.lines().empty());
-    EXPECT_EQ(fileBytes(file()), contents);
+    EXPECT_EQ(fileBytes(file()), c.contents);
+    if (!c.sidecar.empty()) {
+      EXPECT_EQ(fileBytes(c.sidecar), c.sidecarContents);
+      fs::remove(c.sidecar);
+    }
     env_->setKeychainStore(platform::makeInMemoryKeychainStore());
   }
 }

@@ -1,10 +1,18 @@
 // The platform stores under the HTTP client: user defaults, URL cache, images.
 
-#include <fstream>
+#include <httplib.h>
+#include <stb_image_write.h>
+#include <sys/stat.h>
 
+#include <fstream>
+#include <thread>
+
+#include "networking/SimpleNetworking.h"
+#include "platform/DateFormatter.h"
 #include "platform/Image.h"
 #include "platform/KeyedArchiver.h"
 #include "platform/URLCache.h"
+#include "platform/URLSession.h"
 #include "platform/UserDefaults.h"
 #include "support/PlatformTest.h"
 
@@ -64,12 +72,21 @@ TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
   const std::vector<std::pair<std::string, platform::Bytes>> cases = {
       {"garbage", {'n', 'o', 't', ' ', 'a', 'n', ' ', 'a', 'r', 'c', 'h', 'i', 'v', 'e'}},
       {"array", platform::archivedDataWithRootObject(Value::array({1, 2}))},
-      {"truncated", [] {
+      {"truncated",
+       [] {
          auto bytes = platform::archivedDataWithRootObject(Value{{"key", "value"}});
          bytes.resize(bytes.size() - 3);
          return bytes;
        }()},
       {"empty", {}},
+      // A few hundred KB that once overflowed the stack at every launch.
+      {"nested 200000 deep",
+       [] {
+         platform::Bytes bytes = {'q', 'v', 'k', 'a', 1, 0xA1, 0x63, 'k', 'e', 'y'};
+         bytes.insert(bytes.end(), 200000, 0x81);
+         bytes.push_back(0x00);
+         return bytes;
+       }()},
   };
   for (const auto& [name, bytes] : cases) {
     SCOPED_TRACE(name);
@@ -126,10 +143,188 @@ TEST_F(PlatformNetTest, UrlCacheWithAnUnreadableStoreKeepsToMemory) {
   EXPECT_FALSE(log_.lines().empty());
 }
 
-TEST_F(PlatformNetTest, UndecodableImageBytesGiveNil) {
-  for (const auto& bytes : {platform::Bytes{}, platform::Bytes{0x89, 'P', 'N', 'G'},
-                            platform::Bytes(64, 0xff)}) {
-    EXPECT_FALSE(platform::imageWithData(bytes));
+platform::Bytes encoded(int (*write)(stbi_write_func*, void*, int, int, int, const void*, int),
+                        int width, int height) {
+  const platform::Bytes pixels(static_cast<std::size_t>(width) * height, 0x80);
+  platform::Bytes out;
+  write(
+      [](void* context, void* data, int size) {
+        auto* bytes = static_cast<platform::Bytes*>(context);
+        bytes->insert(bytes->end(), static_cast<std::uint8_t*>(data),
+                      static_cast<std::uint8_t*>(data) + size);
+      },
+      &out, width, height, 1, pixels.data(), width);
+  return out;
+}
+
+int writePng(stbi_write_func* f, void* c, int w, int h, int n, const void* d, int stride) {
+  return stbi_write_png_to_func(f, c, w, h, n, d, stride);
+}
+int writeJpg(stbi_write_func* f, void* c, int w, int h, int n, const void* d, int) {
+  return stbi_write_jpg_to_func(f, c, w, h, n, d, 90);
+}
+int writeTga(stbi_write_func* f, void* c, int w, int h, int n, const void* d, int) {
+  return stbi_write_tga_to_func(f, c, w, h, n, d);
+}
+int writeBmp(stbi_write_func* f, void* c, int w, int h, int n, const void* d, int) {
+  return stbi_write_bmp_to_func(f, c, w, h, n, d);
+}
+
+// Network bytes reach the decoder: only the formats the SDK shows, and never
+// more pixels than the cap (2^24), however small the file.
+TEST_F(PlatformNetTest, OnlyPngJpegAndGifWithinThePixelCapDecode) {
+  using namespace std::string_literals;
+  const std::string gif =
+      "GIF89a\x01\x00\x01\x00\x80\x00\x00\xff\xff\xff\x00\x00\x00"
+      ",\x00\x00\x00\x00\x01\x00\x01\x00\x00\x02\x02\x44\x01\x00;"s;
+  const std::string pnm = "P5\n2 2\n255\n\x01\x02\x03\x04";
+  struct Case {
+    const char* name;
+    platform::Bytes bytes;
+    bool decodes;
+  };
+  const Case cases[] = {
+      {"PNG", encoded(writePng, 3, 2), true},
+      {"JPEG", encoded(writeJpg, 3, 2), true},
+      {"GIF", platform::Bytes(gif.begin(), gif.end()), true},
+      {"TGA", encoded(writeTga, 3, 2), false},
+      {"BMP", encoded(writeBmp, 3, 2), false},
+      {"PNM", platform::Bytes(pnm.begin(), pnm.end()), false},
+      {"PNG of 4097 x 4097, one pixel over the cap", encoded(writePng, 4097, 4097), false},
+      {"empty", {}, false},
+      {"PNG magic only", {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'}, false},
+      {"noise", platform::Bytes(64, 0xff), false},
+  };
+  for (const auto& c : cases) {
+    const auto image = platform::imageWithData(c.bytes);
+    EXPECT_EQ(image != nullptr, c.decodes) << c.name;
+    if (image) {
+      EXPECT_EQ(image->rgba.size(), static_cast<std::size_t>(image->width) * image->height * 4);
+    }
+  }
+}
+
+// An expiry stored by anyone may lie outside the instants the clock type can
+// hold (its nanoseconds end in 2262): it reads as no date, never as garbage.
+TEST_F(PlatformNetTest, DatesOutsideTheClockRangeAreNil) {
+  platform::DateFormatter formatter;
+  formatter.setDateFormat("yyyy-MM-dd HH:mm:ss");
+  struct Case {
+    const char* text;
+    bool parses;
+  };
+  const Case cases[] = {
+      {"2026-11-22 12:00:00", true},  {"2261-06-01 00:00:00", true},
+      {"2263-01-01 00:00:00", false}, {"9999-12-31 23:59:59", false},
+      {"1677-01-01 00:00:00", false}, {"123456789-01-01 00:00:00", false},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(formatter.dateFromString(c.text).has_value(), c.parses) << c.text;
+  const auto late = formatter.dateFromString("2261-06-01 00:00:00");
+  ASSERT_TRUE(late);
+  const auto date = std::make_shared<const platform::SystemTime>(*late);
+  auto& networking = SimpleNetworking::shared();
+  EXPECT_FALSE(networking.addSeconds(INT32_MAX, date)) << "past the range: nil";
+  EXPECT_TRUE(networking.addSeconds(-5, date));
+}
+
+// Every file the SDK writes is 0600 in a 0700 directory, whatever the umask.
+TEST_F(PlatformNetTest, FilesTheSdkWritesArePrivate) {
+  ::umask(022);
+  const auto dir = file("private");
+  {
+    auto defaults = platform::makeFileUserDefaults(dir / "UserDefaults.qvka");
+    defaults->setObject(Value(1), "k");
+    ASSERT_TRUE(defaults->synchronize());
+    platform::URLCache cache(1000, 1000, dir / "URLCache.sqlite");
+    cache.storeCachedResponse(answer(10, 'm'), requestFor("http://h/m"));
+  }
+  struct stat st {};
+  ASSERT_EQ(::stat(dir.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  std::size_t files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+    ++files;
+    ASSERT_EQ(::stat(entry.path().c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u) << entry.path();
+  }
+  EXPECT_GE(files, 2u);
+}
+
+// An answer past the body limit (16 MiB) fails with -1103 before it is held:
+// refused from its Content-Length, or stopped when the running total passes.
+TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum) {
+  constexpr std::size_t kLimit = 16u << 20;
+  const std::string chunk(64 * 1024, ' ');
+  httplib::Server server;
+  server.set_tcp_nodelay(true);
+  const auto streamed = [&](std::size_t total) {
+    return [&chunk, total](const httplib::Request&, httplib::Response& res) {
+      res.set_chunked_content_provider(
+          "application/json", [&chunk, total](std::size_t offset, httplib::DataSink& sink) {
+            if (offset >= total) {
+              sink.done();
+              return true;
+            }
+            return sink.write(chunk.data(), std::min(chunk.size(), total - offset));
+          });
+    };
+  };
+  server.Get("/announced", [&](const httplib::Request&, httplib::Response& res) {
+    res.set_content_provider(std::size_t{64} << 20, "application/json",
+                             [&](std::size_t, std::size_t length, httplib::DataSink& sink) {
+                               return sink.write(chunk.data(), std::min(length, chunk.size()));
+                             });
+  });
+  server.Get("/streamed", streamed(kLimit + chunk.size()));
+  server.Get("/at-limit", streamed(kLimit));
+  const int port = server.bind_to_any_port("127.0.0.1");
+  std::thread serving([&] { server.listen_after_bind(); });
+  struct Stop {
+    httplib::Server& server;
+    std::thread& serving;
+    ~Stop() {
+      server.stop();
+      serving.join();
+    }
+  } stop{server, serving};
+  const std::string base = "http://127.0.0.1:" + std::to_string(port);
+
+  struct Case {
+    std::string path;
+    bool cached;
+    std::optional<std::int64_t> code;  // nullopt: the whole body arrives
+  };
+  const Case cases[] = {
+      {"/announced", false, platform::NSURLErrorDataLengthExceedsMaximum},
+      {"/streamed", false, platform::NSURLErrorDataLengthExceedsMaximum},
+      {"/streamed", true, platform::NSURLErrorDataLengthExceedsMaximum},
+      {"/at-limit", false, std::nullopt},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path + (c.cached ? " cached" : ""));
+    bool called = false;
+    std::optional<platform::Bytes> body;
+    std::optional<platform::Error> error;
+    auto done = [&](std::optional<platform::Bytes> data, std::optional<platform::Error> e) {
+      called = true;
+      body = std::move(data);
+      error = std::move(e);
+    };
+    SimpleNetworking::shared().callNSURLSessionWithType(0, base + c.path, std::nullopt, c.cached,
+                                                        60, false, "", "", std::nullopt, done);
+    ASSERT_TRUE(loop_->runUntil([&] { return called; }, platform::seconds(60)));
+    if (c.code) {
+      ASSERT_TRUE(error);
+      EXPECT_EQ(error->domain, platform::NSURLErrorDomain);
+      EXPECT_EQ(error->code, *c.code);
+      EXPECT_EQ(error->localizedDescription(), "data length exceeds maximum");
+      EXPECT_FALSE(body);
+    } else {
+      EXPECT_FALSE(error);
+      ASSERT_TRUE(body);
+      EXPECT_EQ(body->size(), kLimit);
+    }
   }
 }
 

@@ -42,6 +42,42 @@ TEST(DescribeFormatsAsFoundation, EveryKindOfValue) {
   EXPECT_EQ(describe(std::optional<std::string>()), "(null)");
 }
 
+// A small input never becomes a huge text: each nesting level indents deeper,
+// so 2 KB of brackets once described as a megabyte.
+TEST(DescriptionIsBoundedWhateverTheValue, Cases) {
+  constexpr std::size_t kLimit = 64 * 1024;
+  const std::string kMarker = "...(truncated)";
+  const auto nested = [](int depth) {
+    Value v = "q";
+    for (int i = 0; i < depth; ++i) {
+      Value outer = Value::array();
+      outer.push_back(std::move(v));
+      v = std::move(outer);
+    }
+    return v;
+  };
+  struct Case {
+    const char* name;
+    Value value;
+    bool truncated;
+  };
+  const Case cases[] = {
+      {"500-deep array, as in a 2 KB push", nested(500), true},
+      {"deeper than any reader lets through", nested(5000), true},
+      {"1 MB of data", dataValue(Bytes(1 << 20, 0xab)), true},
+      {"many long quoted strings", Value::array({std::string(40000, ' '), std::string(40000, ' ')}),
+       true},
+      {"non-ASCII cut inside a character", Value::array({std::string(70000, '\xE9')}), true},
+      {"a small dictionary is whole", Value{{"a", Value::array({1, 2})}}, false},
+  };
+  for (const auto& c : cases) {
+    const std::string text = describe(c.value);
+    EXPECT_LE(text.size(), kLimit + kMarker.size()) << c.name;
+    EXPECT_EQ(text.size() >= kMarker.size() && text.ends_with(kMarker), c.truncated) << c.name;
+  }
+  EXPECT_EQ(describe(Value(std::string(100000, 'x'))).size(), 100000u) << "a string is itself";
+}
+
 TEST(ParseJsonRefusesWhatThePlatformReaderRefuses, Cases) {
   struct Case {
     std::string text;
@@ -86,6 +122,16 @@ TEST(KeyedArchiveRoundTripsExactly, EveryKind) {
   EXPECT_FALSE(unarchiveObjectWithData({'q', 'v', 'k', 'a', 1, 0xff}));
   EXPECT_FALSE(unarchiveObjectWithData({}));
   EXPECT_FALSE(unarchiveObjectWithData({'j', 'u', 'n', 'k', 1, 0x01}));
+  // Nesting is bounded as in JSON, before the decoder (which recurses) runs.
+  const auto nestedArchive = [](std::size_t depth) {
+    Bytes bytes = {'q', 'v', 'k', 'a', 1};
+    bytes.insert(bytes.end(), depth, 0x81);  // an array of one element
+    bytes.push_back(0x00);
+    return bytes;
+  };
+  EXPECT_TRUE(unarchiveObjectWithData(nestedArchive(512)));
+  EXPECT_FALSE(unarchiveObjectWithData(nestedArchive(513)));
+  EXPECT_FALSE(unarchiveObjectWithData(nestedArchive(200000)));
 }
 
 TEST(URLWithStringRefusesWhatCannotBeAURL, Cases) {

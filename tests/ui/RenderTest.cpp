@@ -3,7 +3,9 @@
 #include <cstdlib>
 
 #include "platform/Accessibility.h"
+#include "platform/Label.h"
 #include "platform/Renderer.h"
+#include "platform/ui/TextLayout.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerScene.h"
 #include "ui/BannerTestSupport.h"
@@ -109,6 +111,47 @@ TEST_F(RenderTest, TouchedOptionRowTurnsGrey) {
   EXPECT_EQ(grey.b, 128);
   window->touchCancel();
   EXPECT_TRUE(isWhite(at(platform::Renderer::render(*window), 30, rowY)));
+}
+
+// A question of one long word once took Pango time quadratic in its length
+// (26 s for 100,000 letters). At most 2000 characters are laid out, and a
+// long unbroken run gets a break between its characters.
+TEST_F(RenderTest, LabelTextIsBoundedAndLongWordsWrapByCharacter) {
+  const std::string zwsp = "\u200B";
+  const auto broken = [&](const std::string& run) {
+    std::string out;
+    for (char c : run) out += (out.empty() ? "" : zwsp) + std::string(1, c);
+    return out;
+  };
+  const std::string thirtyTwo(32, 'a');
+  const std::string accented = "e\u0301";  // a letter and its combining accent
+  std::string accentedRun, accentedBroken;
+  for (int i = 0; i < 40; ++i) {
+    accentedRun += accented;
+    accentedBroken += (i ? zwsp : "") + accented;
+  }
+  struct Case {
+    const char* name;
+    std::string text;
+    std::string laidOut;
+  };
+  const Case cases[] = {
+      {"words are left alone", "Do you like polls? Yes", "Do you like polls? Yes"},
+      {"a run of 32 is a word", thirtyTwo + " b", thirtyTwo + " b"},
+      {"a run of 33 breaks everywhere", thirtyTwo + "a b", broken(thirtyTwo + "a") + " b"},
+      {"never inside a character", accentedRun, accentedBroken},
+      {"cut at 2000 characters", std::string(1500, 'x').append(" ").append(600, 'y'),
+       broken(std::string(1500, 'x')).append(" ").append(broken(std::string(499, 'y'))).append("\u2026")},
+      {"bytes that are not UTF-8", "a\xff b", "a\uFFFD b"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(platform::detail::layoutText(c.text), c.laidOut) << c.name;
+
+  const auto height = [](std::size_t letters) {
+    return platform::measureTextHeight(std::string(letters, 'w'), "DejaVu Sans 17", 300);
+  };
+  const double line = height(1);
+  EXPECT_NEAR(height(100), 6 * line, line) << "wrapped by character into full lines";
+  EXPECT_EQ(height(100000), height(2000)) << "only what can be shown is laid out";
 }
 
 }  // namespace

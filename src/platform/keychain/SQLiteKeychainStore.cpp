@@ -35,6 +35,15 @@ constexpr const char* kSchema =
     " cdat REAL NOT NULL, mdat REAL NOT NULL, data BLOB NOT NULL,"
     " UNIQUE(svce, acct, agrp, sync))";
 
+// Every committed write is in the main file before the call returns (a
+// rollback journal, synchronously), and no deleted secret stays anywhere:
+// freed pages are zeroed, and the journal is removed after each transaction.
+constexpr const char* kPragmas =
+    "PRAGMA journal_mode=DELETE; PRAGMA synchronous=FULL; PRAGMA secure_delete=ON;";
+
+// Files SQLite may keep beside the store.
+constexpr const char* kSidecars[] = {"-journal", "-wal", "-shm"};
+
 constexpr const char* kColumns =
     "SELECT id, svce, acct, agrp, sync, labl, desc, pdmn, cdat, mdat, data FROM items";
 
@@ -233,7 +242,9 @@ class SQLiteKeychainStore final : public KeychainStore {
   // Returned by a transaction body when no item matched.
   static constexpr int kNothingMatched = -1;
 
-  // Opens the file when it is not open yet; refuses one that others may read.
+  // Opens the store when it is not open yet. Refuses, with a log line and
+  // without touching anything, a store that others could read or have
+  // prepared, and one that is damaged: a refused store keeps its evidence.
   OSStatus open() {
     if (db_) return errSecSuccess;
     std::string why;
@@ -242,40 +253,39 @@ class SQLiteKeychainStore final : public KeychainStore {
             " cannot be created: " + why);
       return errSecNotAvailable;
     }
-    // Created here, with its final mode, so that no other user ever sees it.
-    const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd >= 0) {
-      ::close(fd);
-    } else if (errno != EEXIST) {
-      NSLog("QuorviaSDK: keychain store " + path_.string() +
-            " cannot be created: " + std::strerror(errno));
-      return errSecNotAvailable;
+    if (OSStatus s = checkPrivate(directory_, /*directory=*/true)) return s;
+    for (const char* side : kSidecars) {
+      if (OSStatus s = checkPrivate(path_.string() + side, /*directory=*/false)) return s;
     }
+    if (OSStatus s = checkJournals()) return s;
     struct stat st {};
-    if (::lstat(path_.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
-      NSLog("QuorviaSDK: keychain store " + path_.string() + " is not a regular file; refused");
-      return errSecNotAvailable;
+    if (::lstat(path_.c_str(), &st) != 0) {
+      if (errno != ENOENT) {
+        NSLog("QuorviaSDK: keychain store " + path_.string() +
+              " cannot be read: " + std::strerror(errno));
+        return errSecNotAvailable;
+      }
+      if (OSStatus s = createStore()) return s;
     }
-    if ((st.st_mode & 077) != 0) {
-      NSLog("QuorviaSDK: keychain store " + path_.string() + " has mode " +
-            octalMode(st.st_mode) + ", open to group or others; refused until it is 0600");
-      return errSecNotAvailable;
-    }
+    if (OSStatus s = checkPrivate(path_, /*directory=*/false)) return s;
     // No SQLITE_OPEN_CREATE: a file that vanished is not silently replaced.
     int rc = sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
                              nullptr);
     if (rc == SQLITE_OK) {
       sqlite3_extended_result_codes(db_, 1);
       sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-      rc = sqlite3_exec(db_,
-                        "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;"
-                        " PRAGMA secure_delete=ON;",
-                        nullptr, nullptr, nullptr);
+      rc = sqlite3_exec(db_, kPragmas, nullptr, nullptr, nullptr);
     }
+    // A store left in write-ahead-log mode by an older release is moved back
+    // to the rollback journal here (its log is checkpointed first).
+    if (rc == SQLITE_OK) rc = useRollbackJournal();
     // A damaged page that the lookups would never reach still makes the whole
     // file suspect: refuse it once here rather than answer "not found" later.
     if (rc == SQLITE_OK) rc = quickCheck();
-    if (rc == SQLITE_OK) rc = sqlite3_exec(db_, kSchema, nullptr, nullptr, nullptr);
+    // A store always holds its table from the moment it exists; one without
+    // it lost its contents (an emptied file, a log that never reached it), and
+    // making a fresh table would hide that.
+    if (rc == SQLITE_OK) rc = hasItemsTable();
     if (rc == SQLITE_OK) rc = prepareStatements();
     if (rc != SQLITE_OK) {
       const OSStatus status = failure("open", rc);
@@ -283,6 +293,151 @@ class SQLiteKeychainStore final : public KeychainStore {
       return status;
     }
     return errSecSuccess;
+  }
+
+  // The owner and mode of the directory or of one file of the store (absent
+  // files pass): another user's file, or one that others may read or write,
+  // could hand out or receive the secrets.
+  OSStatus checkPrivate(const std::filesystem::path& path, bool directory) {
+    struct stat st {};
+    if (::lstat(path.c_str(), &st) != 0) {
+      if (errno == ENOENT && !directory) return errSecSuccess;
+      NSLog("QuorviaSDK: keychain store " + path.string() +
+            " cannot be checked: " + std::strerror(errno) + "; refused");
+      return errSecNotAvailable;
+    }
+    // "keychain store directory <path>" or, for a file, "keychain store <path>".
+    const std::string what = (directory ? "keychain store directory " : "keychain store ") +
+                             path.string();
+    if (directory ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode)) {
+      NSLog("QuorviaSDK: " + what + (directory ? " is not a directory" : " is not a regular file") +
+            "; refused");
+      return errSecNotAvailable;
+    }
+    if (st.st_uid != ::geteuid()) {
+      NSLog("QuorviaSDK: " + what + " belongs to user " + std::to_string(st.st_uid) +
+            ", not to this one; refused");
+      return errSecNotAvailable;
+    }
+    // The directory may be listed by others, never written: whoever can write
+    // it can swap the files in it.
+    const mode_t loose = directory ? 022 : 077;
+    if ((st.st_mode & loose) != 0) {
+      NSLog("QuorviaSDK: " + what + " has mode " + octalMode(st.st_mode) +
+            (directory ? ", writable by group or others; refused until it is 0700"
+                       : ", open to group or others; refused until it is 0600"));
+      return errSecNotAvailable;
+    }
+    return errSecSuccess;
+  }
+
+  // A journal that SQLite would not recognise is skipped or thrown away on
+  // open, and with it the writes it holds: refuse it instead.
+  OSStatus checkJournals() {
+    static constexpr unsigned char kJournalMagic[] = {0xd9, 0xd5, 0x05, 0xf9,
+                                                      0x20, 0xa1, 0x63, 0xd7};
+    static constexpr unsigned char kZeroes[8] = {};
+    static constexpr unsigned char kWalMagic[][4] = {{0x37, 0x7f, 0x06, 0x82},
+                                                     {0x37, 0x7f, 0x06, 0x83}};
+    const auto header = [](const std::string& file, unsigned char* out, std::size_t size) {
+      const int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+      if (fd < 0) return -1L;
+      const ssize_t n = ::read(fd, out, size);
+      ::close(fd);
+      return static_cast<long>(n);
+    };
+    unsigned char bytes[8] = {};
+    const std::string journal = path_.string() + "-journal";
+    const long journalRead = header(journal, bytes, sizeof bytes);
+    if (journalRead > 0 && (journalRead < 8 || (std::memcmp(bytes, kJournalMagic, 8) != 0 &&
+                                                std::memcmp(bytes, kZeroes, 8) != 0))) {
+      NSLog("QuorviaSDK: keychain store journal " + journal +
+            " is damaged; store refused and left untouched");
+      return errSecDecode;
+    }
+    const std::string wal = path_.string() + "-wal";
+    const long walRead = header(wal, bytes, 4);
+    if (walRead > 0 && (walRead < 4 || (std::memcmp(bytes, kWalMagic[0], 4) != 0 &&
+                                        std::memcmp(bytes, kWalMagic[1], 4) != 0))) {
+      NSLog("QuorviaSDK: keychain store log " + wal +
+            " is damaged; store refused and left untouched");
+      return errSecDecode;
+    }
+    return errSecSuccess;
+  }
+
+  // Makes a new store beside the final name, table included, and links it
+  // into place only when complete: a store file without its table is then
+  // always a damaged one. Losing the race to another process is fine.
+  OSStatus createStore() {
+    const std::filesystem::path fresh = path_.string() + ".new-" + std::to_string(::getpid());
+    ::unlink(fresh.c_str());
+    const int fd = ::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+      NSLog("QuorviaSDK: keychain store " + path_.string() +
+            " cannot be created: " + std::strerror(errno));
+      return errSecNotAvailable;
+    }
+    ::close(fd);
+    sqlite3* db = nullptr;
+    int rc =
+        sqlite3_open_v2(fresh.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_exec(db, kPragmas, nullptr, nullptr, nullptr);
+    if (rc == SQLITE_OK) rc = sqlite3_exec(db, kSchema, nullptr, nullptr, nullptr);
+    sqlite3_close_v2(db);
+    OSStatus status = errSecSuccess;
+    if (rc != SQLITE_OK) {
+      status = failure("create", rc);
+    } else if (!publish(fresh) && errno != EEXIST) {
+      NSLog("QuorviaSDK: keychain store " + path_.string() +
+            " cannot be created: " + std::strerror(errno));
+      status = errSecNotAvailable;
+    } else {
+      syncDirectory();
+    }
+    ::unlink(fresh.c_str());
+    return status;
+  }
+
+  // Puts the finished store in place unless one is there already.
+  bool publish(const std::filesystem::path& fresh) {
+    if (::link(fresh.c_str(), path_.c_str()) == 0) return true;
+    // Some file systems have no hard links; a rename that refuses to replace
+    // does the same job there.
+    if (errno != EPERM && errno != EOPNOTSUPP) return false;
+    return ::renameat2(AT_FDCWD, fresh.c_str(), AT_FDCWD, path_.c_str(), RENAME_NOREPLACE) == 0;
+  }
+
+  void syncDirectory() {
+    const int fd = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    ::fsync(fd);
+    ::close(fd);
+  }
+
+  int useRollbackJournal() {
+    Statement mode;
+    int rc = mode.prepare(db_, "PRAGMA journal_mode=DELETE");
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(mode.get());
+    if (rc != SQLITE_ROW) return rc;
+    const auto* now = reinterpret_cast<const char*>(sqlite3_column_text(mode.get(), 0));
+    // Still in the log's mode: another process holds the store open.
+    return now && std::strcmp(now, "delete") == 0 ? SQLITE_OK : SQLITE_BUSY;
+  }
+
+  int hasItemsTable() {
+    Statement table;
+    int rc = table.prepare(
+        db_, "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name = 'items'");
+    if (rc != SQLITE_OK) return rc;
+    rc = sqlite3_step(table.get());
+    if (rc != SQLITE_ROW) return rc;
+    if (sqlite3_column_int(table.get(), 0) == 1) return SQLITE_OK;
+    NSLog("QuorviaSDK: keychain store " + path_.string() +
+          " has no items table: its contents were lost or never reached it; refused and left"
+          " untouched");
+    return SQLITE_CORRUPT;
   }
 
   int quickCheck() {
@@ -296,24 +451,34 @@ class SQLiteKeychainStore final : public KeychainStore {
   }
 
   int prepareStatements() {
-    const std::string columns = kColumns;
-    const std::pair<Statement*, std::string> all[] = {
-        {&selectByServiceAccount_, columns + " WHERE svce = ?1 AND acct = ?2"},
-        {&selectByService_, columns + " WHERE svce = ?1"},
-        {&selectAll_, columns},
+    // Plain pointers, joined one at a time below: a table of std::string
+    // built from concatenations set off GCC 12's false -Warray-bounds at -O2.
+    struct Sql {
+      Statement* statement;
+      const char* head;
+      const char* tail;
+    };
+    const Sql all[] = {
+        {&selectByServiceAccount_, kColumns, " WHERE svce = ?1 AND acct = ?2"},
+        {&selectByService_, kColumns, " WHERE svce = ?1"},
+        {&selectAll_, kColumns, ""},
         {&insert_,
          "INSERT INTO items(svce, acct, agrp, sync, labl, desc, pdmn, cdat, mdat, data)"
-         " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"},
+         " VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)",
+         ""},
         {&updateRow_,
          "UPDATE items SET labl = ?5, desc = ?6, pdmn = ?7, mdat = ?9, data = ?10"
-         " WHERE id = ?11"},
-        {&deleteRow_, "DELETE FROM items WHERE id = ?1"},
-        {&begin_, "BEGIN IMMEDIATE"},
-        {&commit_, "COMMIT"},
-        {&rollback_, "ROLLBACK"},
+         " WHERE id = ?11",
+         ""},
+        {&deleteRow_, "DELETE FROM items WHERE id = ?1", ""},
+        {&begin_, "BEGIN IMMEDIATE", ""},
+        {&commit_, "COMMIT", ""},
+        {&rollback_, "ROLLBACK", ""},
     };
-    for (const auto& [statement, sql] : all) {
-      if (int rc = statement->prepare(db_, sql); rc != SQLITE_OK) return rc;
+    std::string sql;
+    for (const Sql& each : all) {
+      sql.assign(each.head).append(each.tail);
+      if (int rc = each.statement->prepare(db_, sql); rc != SQLITE_OK) return rc;
     }
     return SQLITE_OK;
   }

@@ -18,6 +18,10 @@
 namespace quorvia::platform {
 namespace {
 
+// The largest answer body taken in. A longer one fails the request before it
+// is held in memory: an answer is decoded whole, so without a bound one
+// hostile or broken server could take the host's memory.
+constexpr curl_off_t kMaxResponseBodyBytes = 16 * 1024 * 1024;
 constexpr long kMaxRedirects = 16;
 constexpr std::size_t kIdleHandlesKept = 64;
 // curl_multi_poll takes an int of milliseconds; with nothing in flight the
@@ -101,6 +105,7 @@ struct Transfer {
   Bytes received;
   HTTPURLResponse response;
   char errorText[CURL_ERROR_SIZE] = {};
+  bool tooLarge = false;  // the body passed kMaxResponseBodyBytes
 
   ~Transfer() { curl_slist_free_all(headers); }
 };
@@ -108,6 +113,21 @@ struct Transfer {
 std::size_t onBody(char* data, std::size_t size, std::size_t count, void* user) {
   auto* transfer = static_cast<Transfer*>(user);
   const std::size_t n = size * count;
+  if (n > static_cast<std::size_t>(kMaxResponseBodyBytes) - transfer->received.size()) {
+    // Returning short aborts the transfer; finish() reports why.
+    transfer->tooLarge = true;
+    return 0;
+  }
+  if (transfer->received.empty()) {
+    // One allocation of the announced size, bounded above: growing by
+    // doubling holds the old and the new buffer at once.
+    curl_off_t announced = -1;
+    curl_easy_getinfo(transfer->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+    if (announced > 0) {
+      transfer->received.reserve(static_cast<std::size_t>(
+          announced < kMaxResponseBodyBytes ? announced : kMaxResponseBodyBytes));
+    }
+  }
   transfer->received.insert(transfer->received.end(), data, data + n);
   return n;
 }
@@ -238,6 +258,8 @@ class CurlTransport final : public URLTransport {
     const double timeout =
         request.timeoutInterval > 0 ? request.timeoutInterval : kDefaultTimeoutInterval;
     curl_easy_setopt(easy, CURLOPT_TIMEOUT_MS, static_cast<long>(std::ceil(timeout * 1000.0)));
+    // An announced length past the bound fails before any of the body is read.
+    curl_easy_setopt(easy, CURLOPT_MAXFILESIZE_LARGE, kMaxResponseBodyBytes);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, onBody);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, onHeader);
@@ -305,6 +327,11 @@ class CurlTransport final : public URLTransport {
       transfer->response.url = effective ? effective : transfer->request.url->absoluteString;
       result.response = std::move(transfer->response);
       result.data = std::move(transfer->received);
+    } else if (code == CURLE_FILESIZE_EXCEEDED || transfer->tooLarge) {
+      result.error = transportError(
+          NSURLErrorDataLengthExceedsMaximum, "data length exceeds maximum",
+          transfer->request.url->absoluteString,
+          "the answer is larger than " + std::to_string(kMaxResponseBodyBytes) + " bytes");
     } else {
       result.error =
           errorForCurlCode(code, transfer->request.url->absoluteString, transfer->errorText);

@@ -13,6 +13,16 @@
 namespace quorvia::platform {
 namespace {
 
+// The instants a SystemTime can hold (nanoseconds in 64 bits: about the years
+// 1678 to 2262), in milliseconds. A stored date outside them would overflow
+// the conversion, so it reads as one that does not parse.
+constexpr double kLatestMs = static_cast<double>(
+    std::chrono::duration_cast<std::chrono::milliseconds>(SystemTime::duration::max()).count());
+constexpr double kEarliestMs = static_cast<double>(
+    std::chrono::duration_cast<std::chrono::milliseconds>(SystemTime::duration::min()).count());
+
+bool representable(UDate ms) { return ms > kEarliestMs && ms < kLatestMs; }
+
 // One ICU formatter per pattern and thread, with the last few conversions
 // remembered: building a formatter costs tens of microseconds and a
 // conversion a few, while the cache list converts the same instants and
@@ -47,7 +57,8 @@ struct PatternFormatter {
     icu::ParsePosition position(0);
     const UDate date = icu->parse(input, position);
     std::optional<std::int64_t> result;
-    if (position.getErrorIndex() < 0 && position.getIndex() == input.length()) {
+    if (position.getErrorIndex() < 0 && position.getIndex() == input.length() &&
+        representable(date)) {
       result = static_cast<std::int64_t>(date);
     }
     parsed[parsedCount++ % kRemembered] = {std::string(text), result};

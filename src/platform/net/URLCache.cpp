@@ -1,7 +1,12 @@
 #include "platform/URLCache.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <list>
 #include <mutex>
 #include <string>
@@ -37,6 +42,23 @@ std::vector<HTTPHeader> decodeHeaders(std::string_view text) {
     }
   }
   return headers;
+}
+
+// Creates the store file 0600 before SQLite opens it (SQLite would create it
+// with the umask's mode, and gives its journal files the main file's mode);
+// one left from an older release with a looser mode is narrowed.
+bool createPrivateFile(const std::filesystem::path& path, std::string* error) {
+  const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) {
+    *error = "cannot open " + path.string() + ": " + std::strerror(errno);
+    return false;
+  }
+  struct stat st {};
+  bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid();
+  if (ok && (st.st_mode & 077) != 0) ok = ::fchmod(fd, 0600) == 0;
+  ::close(fd);
+  if (!ok) *error = path.string() + " is not a private file of this user";
+  return ok;
 }
 
 // A prepared statement that finalises itself.
@@ -91,6 +113,10 @@ struct URLCache::State {
       diskFailed(error);
       return nullptr;
     }
+    if (!createPrivateFile(*diskPath, &error)) {
+      diskFailed(error);
+      return nullptr;
+    }
     if (sqlite3_open_v2(diskPath->c_str(), &db,
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
                         nullptr) != SQLITE_OK) {
@@ -120,11 +146,11 @@ struct URLCache::State {
     return db;
   }
 
-  void remember(const std::string& key, const CachedURLResponse& response, std::uint64_t capacity) {
+  void remember(const std::string& key, CachedURLResponse response, std::uint64_t capacity) {
     forget(key);
     const std::uint64_t cost = response.data.size() + key.size();
     if (cost > capacity) return;
-    lru.push_front(Entry{key, response, cost});
+    lru.push_front(Entry{key, std::move(response), cost});
     index[key] = lru.begin();
     memoryUsage += cost;
     while (memoryUsage > capacity && !lru.empty()) {
@@ -161,6 +187,7 @@ struct URLCache::State {
     const auto* data = static_cast<const std::uint8_t*>(sqlite3_column_blob(select.get(), 3));
     const int size = sqlite3_column_bytes(select.get(), 3);
     if (data && size > 0) cached.data.assign(data, data + size);
+    // The blob is SQLite's until the statement moves on; the copy above is ours.
     Statement touch(handle, "UPDATE responses SET accessed = ? WHERE url = ?");
     if (touch) {
       sqlite3_bind_int64(touch.get(), 1, ++accessCounter);
@@ -196,8 +223,9 @@ struct URLCache::State {
     sqlite3_bind_text(insert.get(), 4, headers.data(), static_cast<int>(headers.size()),
                       SQLITE_TRANSIENT);
     static const std::uint8_t kNoBytes = 0;  // an empty blob, not NULL
+    // The body outlives the statement: SQLite reads it in place, no copy.
     sqlite3_bind_blob64(insert.get(), 5, response.data.empty() ? &kNoBytes : response.data.data(),
-                        response.data.size(), SQLITE_TRANSIENT);
+                        response.data.size(), SQLITE_STATIC);
     sqlite3_bind_int64(insert.get(), 6, static_cast<sqlite3_int64>(size));
     sqlite3_bind_int64(insert.get(), 7, ++accessCounter);
     if (sqlite3_step(insert.get()) != SQLITE_DONE) {
@@ -275,13 +303,17 @@ std::optional<CachedURLResponse> URLCache::cachedResponseForRequest(const URLReq
 }
 
 void URLCache::storeCachedResponse(const CachedURLResponse& response, const URLRequest& request) {
+  storeCachedResponse(CachedURLResponse(response), request);
+}
+
+void URLCache::storeCachedResponse(CachedURLResponse&& response, const URLRequest& request) {
   const auto key = cacheKey(request);
   if (!key || response.storagePolicy == URLCacheStoragePolicy::kNotAllowed) return;
   std::lock_guard lock(state_->mu);
-  state_->remember(*key, response, memoryCapacity_);
   if (response.storagePolicy == URLCacheStoragePolicy::kAllowed) {
     state_->writeDisk(*key, response, diskCapacity_);
   }
+  state_->remember(*key, std::move(response), memoryCapacity_);
 }
 
 }  // namespace quorvia::platform
