@@ -24,7 +24,7 @@ function(quorvia_warnings target)
   # (GCC bugs 105329, 105651), in every optimised build type.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(${target} PRIVATE
-      $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-Wno-restrict -Wno-stringop-overflow
+      $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread
         -Wno-array-bounds>)
   endif()
 endfunction()

@@ -49,8 +49,10 @@ SimpleNetworking::DataReturned imageCompletion(SimpleNetworking::ImageReturned r
 }  // namespace
 
 SimpleNetworking& SimpleNetworking::shared() {
-  static SimpleNetworking instance;
-  return instance;
+  // Never torn down: observers and completions may reach it while the
+  // process exits.
+  static SimpleNetworking* const instance = new SimpleNetworking;
+  return *instance;
 }
 
 SimpleNetworking::SimpleNetworking() : headerFields_(platform::Value::object()) {

@@ -261,13 +261,15 @@ URLCache::URLCache(std::uint64_t memoryCapacity, std::uint64_t diskCapacity,
 URLCache::~URLCache() = default;
 
 namespace {
+// Never destroyed: the transport thread and exit-time observers may still
+// reach the shared cache while the process ends.
 std::mutex& sharedCacheMutex() {
-  static std::mutex mu;
-  return mu;
+  static auto* const mu = new std::mutex;
+  return *mu;
 }
 std::shared_ptr<URLCache>& sharedCache() {
-  static std::shared_ptr<URLCache> cache;
-  return cache;
+  static auto* const cache = new std::shared_ptr<URLCache>;
+  return *cache;
 }
 }  // namespace
 

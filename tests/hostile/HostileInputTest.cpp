@@ -1,0 +1,117 @@
+// Input from outside that once steered, dropped or reported what it should
+// not: ids that climb the service's paths, an action without a payload, and
+// malformed polls that must be dropped without a word.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "quorvia/platform/Runtime.h"
+#include "sdk/SDKState.h"
+#include "support/FakeTransport.h"
+#include "support/PlatformTest.h"
+
+namespace quorvia {
+namespace {
+
+using platform::Value;
+
+class HostileInputTest : public testing::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    transport_ = testing::FakeTransport::install();
+  }
+  std::string lastURL() const {
+    return transport_->request(transport_->requestCount() - 1).url->absoluteString;
+  }
+  std::string origin() const { return "http://127.0.0.1:8765"; }
+
+  std::shared_ptr<testing::FakeTransport> transport_;
+};
+
+// An id or app token lands in the path as one escaped segment, so that it can
+// neither climb to another endpoint nor add a query or a fragment; ordinary
+// ids, and the "(null)" of a missing one, stay as they are.
+TEST_F(HostileInputTest, IdsAndAppTokensStayOneEscapedPathSegment) {
+  struct Case {
+    std::optional<Value> id;
+    const char* path;
+  };
+  const Case replies[] = {
+      {Value(7), "/polls/7/replies/"},
+      {Value("a1-B_2.c~"), "/polls/a1-B_2.c~/replies/"},
+      {std::nullopt, "/polls/(null)/replies/"},
+      {Value("../../me#"), "/polls/..%2F..%2Fme%23/replies/"},
+      {Value("1/../../admin/polls?x="), "/polls/1%2F..%2F..%2Fadmin%2Fpolls%3Fx=/replies/"},
+      {Value(".."), "/polls/%2E%2E/replies/"},
+      {Value("50%"), "/polls/50%25/replies/"},
+      {Value("a b\r\n"), "/polls/a%20b%0D%0A/replies/"},
+  };
+  for (const auto& c : replies) {
+    Value poll = Value::object();
+    if (c.id) poll["id"] = *c.id;
+    QuorviaSDK::handleActionWithIdentifier("Yes&user_info=PWNED", Value{{"poll", poll}});
+    EXPECT_EQ(lastURL(), origin() + c.path);
+  }
+  const std::pair<const char*, const char*> tokens[] = {
+      {"app-1", "/apps/app-1/polls/"},
+      {"../admin/polls?x=", "/apps/..%2Fadmin%2Fpolls%3Fx=/polls/"},
+  };
+  for (const auto& [token, path] : tokens) {
+    QuorviaSDK::initWithAppToken(token, std::nullopt, false);
+    EXPECT_EQ(lastURL(), origin() + path);
+  }
+}
+
+// A notification action that arrives without a payload is a nil payload: the
+// reply still goes out, to the "(null)" poll, and the platform's completion
+// is called once the reply is done.
+TEST_F(HostileInputTest, ActionWithoutPayloadStillRepliesAndCompletes) {
+  auto delegateClass = platform::Class::create("HostileHostDelegate");
+  auto delegate = std::make_shared<platform::Object>(delegateClass);
+  platform::Application::sharedApplication().setDelegate(delegate);
+  QuorviaSDK::initWithAppToken("app", std::nullopt, /*swizzling=*/true);
+  const std::size_t before = transport_->requestCount();
+
+  int completions = 0;
+  platform::MessageArguments action;
+  action.identifier = "Yes";
+  action.completionHandler = [&] { ++completions; };
+  ASSERT_TRUE(delegate->send(platform::kHandleActionWithResponseInfoSelector, action));
+
+  ASSERT_EQ(transport_->requestCount(), before + 1);
+  EXPECT_EQ(lastURL(), origin() + "/polls/(null)/replies/");
+  EXPECT_EQ(transport_->bodyText(before), "reply_text=Yes");
+  EXPECT_TRUE(log_.contains("nil id"));
+  EXPECT_TRUE(log_.contains("QuorviaSDK: Poll id is nil!"));
+  EXPECT_EQ(completions, 0) << "not before the reply is done";
+  transport_->respond(before, 200, "{}");
+  drain();
+  EXPECT_EQ(completions, 1);
+}
+
+// Where a malformed poll is dropped without any message, no line is written:
+// a push handed in by the host, and the first poll of a fetch.
+TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
+  const Value malformed = {{"id", 1}, {"question", "Q"}, {"options", 5}};
+  QuorviaSDK::sharedInstance();
+  log_.clear();
+  QuorviaSDK::handleRemoteNotification(Value{{"poll", malformed}});
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{});
+
+  transport_->setResponder([&](const platform::URLRequest&) {
+    return testing::FakeTransport::ok(Value{{"results", Value::array({malformed})}}.dump());
+  });
+  sdk::SDKState::shared().service->fetchPolls();
+  log_.clear();
+  drain();
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{});
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+}
+
+}  // namespace
+}  // namespace quorvia
