@@ -8,6 +8,7 @@ install(TARGETS quorvia EXPORT quorviaTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(DIRECTORY include/quorvia DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES ${PROJECT_BINARY_DIR}/include/quorvia/export.h
+  ${PROJECT_BINARY_DIR}/include/quorvia/Version.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/quorvia)
 install(DIRECTORY resources/ DESTINATION ${CMAKE_INSTALL_DATADIR}/quorvia/resources)
 
@@ -35,5 +36,9 @@ else()
   set(QUORVIA_PC_LIBS " -pthread")
   set(QUORVIA_PC_LIBS_PRIVATE "")
 endif()
+# Relative to the .pc file, so that an installed tree can be moved.
+file(RELATIVE_PATH QUORVIA_PC_RELATIVE_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
+  ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" QUORVIA_PC_RELATIVE_PREFIX "${QUORVIA_PC_RELATIVE_PREFIX}")
 configure_file(cmake/quorvia.pc.in ${PROJECT_BINARY_DIR}/quorvia.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/quorvia.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -53,6 +53,13 @@ for file in cmake/quorvia/quorviaConfig.cmake cmake/quorvia/quorviaConfigVersion
 done
 if [ "$shared" = ON ]; then lib="$libdir/libquorvia.so"; else lib="$libdir/libquorvia.a"; fi
 [ -e "$lib" ] || { echo "missing: $lib"; status=1; }
+# Relocatable: nothing in the pkg-config file names the prefix it was installed to.
+if grep -q "$prefix" "$libdir/pkgconfig/quorvia.pc"; then
+  echo "quorvia.pc names its install prefix"; status=1
+fi
+[ "$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --modversion quorvia)" = \
+  "$(sed -n 's/^project(quorvia VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")" ] ||
+  { echo "quorvia.pc has another version than the project"; status=1; }
 [ "$status" -eq 0 ] || exit 1
 echo "ok"
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <string_view>
 
+#include "quorvia/Version.h"
 #include "quorvia/export.h"
 #include "quorvia/platform/Value.h"
 
@@ -74,6 +75,10 @@ class QUORVIA_EXPORT QuorviaSDK final {
   /// Attaches the host's information about the user to the device's record on
   /// the service. Nil is ignored. Any thread.
   static void setUserInfo(const std::optional<platform::Value>& userInfo);
+
+  /// The version of the library the host runs with, e.g. "0.1.0"; compare
+  /// with QUORVIA_VERSION, the version of the headers it was built against.
+  static std::string_view version();
 
   /// Whether log() writes; true from creation. Any thread.
   bool debug() const;

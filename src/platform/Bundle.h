@@ -19,9 +19,12 @@ class QUORVIA_EXPORT Bundle final {
 
   /// The bundle of the running program: the executable's directory.
   static std::shared_ptr<Bundle> mainBundle();
-  /// The bundle directory named `identifier`, looked for under
-  /// $QUORVIA_RESOURCE_DIR, then the source tree's resources, then the
-  /// installed resources; null when none holds it.
+  /// The bundle directory named `identifier`, looked for beside the
+  /// installed library (<prefix>/share/quorvia/resources, found from the
+  /// library's own location, or the program's for a static library), then
+  /// under $QUORVIA_RESOURCE_DIR, then in the source tree (in-tree builds),
+  /// then under the install prefix the library was built for. Null when none
+  /// holds it; that is logged with every place searched.
   static std::shared_ptr<Bundle> bundleWithIdentifier(const std::string& identifier);
 
   const std::filesystem::path& bundlePath() const { return path_; }

@@ -66,6 +66,8 @@ void QuorviaSDK::setUserInfo(const std::optional<platform::Value>& userInfo) {
   sdk::SDKState::shared().service->setUserInfo(userInfo);
 }
 
+std::string_view QuorviaSDK::version() { return QUORVIA_VERSION; }
+
 bool QuorviaSDK::debug() const { return state_->debug.load(std::memory_order_relaxed); }
 
 const std::optional<std::string>& QuorviaSDK::appToken() const { return state_->appTokenProperty; }

@@ -50,6 +50,7 @@ int fail(const std::string& why) {
 }  // namespace
 
 int main() {
+  if (QuorviaSDK::version() != QUORVIA_VERSION) return fail("library and headers disagree");
   ::setenv("QUORVIA_SERVICE_BASE_URL", "http://127.0.0.1:9", 1);
   const auto data = std::filesystem::temp_directory_path() /
                     ("quorvia-consumer-" + std::to_string(::getpid()));
