@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "BoundedBody.h"
 #include "JsonResponse.h"
 
 namespace quorvia::devserver {
@@ -140,12 +141,11 @@ void listPolls(const httplib::Request& request, httplib::Response& response, Pol
   sendJson(response, 200, json{{"polls", std::move(polls)}});
 }
 
-void listReplies(const httplib::Request& request, httplib::Response& response,
-                 PollStore& store) {
+void listReplies(const httplib::Request& request, httplib::Response& response, PollStore& store) {
   std::optional<int64_t> pollId;
-  std::optional<std::string> pollText =
-      request.matches.size() > 1 ? std::optional(request.matches[1].str())
-                                 : queryText(request, "poll_id");
+  std::optional<std::string> pollText = request.matches.size() > 1
+                                            ? std::optional(request.matches[1].str())
+                                            : queryText(request, "poll_id");
   if (pollText) {
     pollId = parseId(*pollText);
     if (!pollId) {
@@ -164,8 +164,7 @@ void listReplies(const httplib::Request& request, httplib::Response& response,
   sendJson(response, 200, json{{"replies", std::move(replies)}});
 }
 
-void listDevices(const httplib::Request& request, httplib::Response& response,
-                 PollStore& store) {
+void listDevices(const httplib::Request& request, httplib::Response& response, PollStore& store) {
   json devices = json::array();
   for (const DeviceRecord& device : store.devices(queryText(request, "app_token"))) {
     devices.push_back(deviceJson(device));
@@ -175,13 +174,13 @@ void listDevices(const httplib::Request& request, httplib::Response& response,
 
 }  // namespace
 
-void installAdminApi(httplib::Server& server, PollStore& store) {
+void installAdminApi(httplib::Server& server, PollStore& store, size_t maxBodyBytes) {
   auto bind = [&store](auto handler) {
     return [&store, handler](const httplib::Request& request, httplib::Response& response) {
       handler(request, response, store);
     };
   };
-  server.Post(R"(/admin/polls/?)", bind(createPoll));
+  server.Post(R"(/admin/polls/?)", withBoundedBody(maxBodyBytes, bind(createPoll)));
   server.Get(R"(/admin/polls/?)", bind(listPolls));
   server.Get(R"(/admin/polls/([^/]+)/replies/?)", bind(listReplies));
   server.Get(R"(/admin/replies/?)", bind(listReplies));

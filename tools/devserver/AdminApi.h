@@ -13,6 +13,6 @@ namespace quorvia::devserver {
 //                                  {"replies": [{..., "device": {...}, "created_at"}...]}
 //   GET  /admin/devices[?app_token=] {"devices": [...]}
 // Malformed input answers 400 {"error": ...} and stores nothing. `store` must outlive `server`.
-void installAdminApi(httplib::Server& server, PollStore& store);
+void installAdminApi(httplib::Server& server, PollStore& store, size_t maxBodyBytes);
 
 }  // namespace quorvia::devserver

@@ -12,6 +12,8 @@
 #include <string>
 
 #include "AccessToken.h"
+#include "AdminGate.h"
+#include "GuardedServer.h"
 #include "PollStore.h"
 
 namespace quorvia::devserver {
@@ -23,8 +25,12 @@ struct DevServerOptions {
   // Key that signs access tokens; when empty, the one stored in the database is used, or a new
   // random one is generated and stored there so tokens survive restarts.
   std::string jwtSecret;
-  // Larger request bodies are refused with 413 before any handler sees them.
+  // Larger request bodies are refused with 413 before any handler sees them, however framed.
   size_t maxBodyBytes = 1024 * 1024;
+  // Token the dashboard and the admin API require; empty turns the check off.
+  std::string adminToken;
+  // Time, size and number limits of client connections.
+  ConnectionLimits limits;
   // Receives one line per request ("POST /endpoints/ 200 0.4 ms"), from the server's worker
   // threads, possibly several at once. When empty, lines go to standard output.
   std::function<void(const std::string&)> requestLog;
@@ -60,7 +66,8 @@ class DevServer final {
   DevServerOptions options_;
   std::unique_ptr<PollStore> store_;
   AccessToken tokens_;
-  httplib::Server server_;
+  AdminGate gate_;
+  GuardedServer server_;
 
   std::mutex mutex_;
   std::condition_variable stateChanged_;

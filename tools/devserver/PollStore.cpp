@@ -1,6 +1,12 @@
 #include "PollStore.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace quorvia::devserver {
 
@@ -74,8 +80,7 @@ class Statement final {
     if (stmt_ == nullptr) return *this;
     ++index_;
     if constexpr (std::is_same_v<Arg, std::string>) {
-      sqlite3_bind_text(stmt_, index_, arg.data(), static_cast<int>(arg.size()),
-                        SQLITE_TRANSIENT);
+      sqlite3_bind_text(stmt_, index_, arg.data(), static_cast<int>(arg.size()), SQLITE_TRANSIENT);
     } else if constexpr (std::is_same_v<Arg, std::optional<std::string>>) {
       if (arg) {
         sqlite3_bind_text(stmt_, index_, arg->data(), static_cast<int>(arg->size()),
@@ -151,19 +156,51 @@ constexpr const char* kDeviceColumns =
     "d.id, d.app_token, d.push_token, d.platform, d.user_info, d.created_at, d.updated_at";
 
 DeviceRecord readDevice(Statement& s, int first) {
-  return DeviceRecord{s.integer(first),     s.text(first + 1),         s.text(first + 2),
-                      s.text(first + 3),    s.optionalText(first + 4), s.text(first + 5),
+  return DeviceRecord{s.integer(first),  s.text(first + 1),         s.text(first + 2),
+                      s.text(first + 3), s.optionalText(first + 4), s.text(first + 5),
                       s.text(first + 6)};
+}
+
+// The database holds the token signing key and what users told the service: it and its
+// journal are readable by their owner only, in a directory only the owner can list.
+bool prepareOwnerOnlyFile(const std::filesystem::path& path, std::string* error) {
+  std::filesystem::path parent = path.parent_path();
+  std::vector<std::filesystem::path> missing;
+  for (std::filesystem::path dir = parent; !dir.empty() && !std::filesystem::exists(dir);
+       dir = dir.parent_path()) {
+    missing.push_back(dir);
+    if (dir == dir.parent_path()) break;
+  }
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    if (::mkdir(it->c_str(), 0700) != 0 && errno != EEXIST) {
+      if (error) *error = "cannot create " + it->string() + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    if (error) *error = "cannot open " + path.string() + ": " + std::strerror(errno);
+    return false;
+  }
+  // An older database may still be readable by others; SQLite gives new journals the mode of
+  // the database file, so tightening it covers them too.
+  ::fchmod(fd, 0600);
+  ::close(fd);
+  for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+    std::filesystem::path companion = path.string() + suffix;
+    if (std::filesystem::exists(companion)) ::chmod(companion.c_str(), 0600);
+  }
+  return true;
 }
 
 }  // namespace
 
-std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path,
-                                           std::string* error) {
+std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path, std::string* error) {
+  if (!prepareOwnerOnlyFile(path, error)) return nullptr;
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(path.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     if (error) *error = "cannot open " + path.string() + ": " + sqlite3_errstr(rc);
     sqlite3_close(db);
@@ -173,8 +210,8 @@ std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path,
   char* message = nullptr;
   if (sqlite3_exec(db, kSchema, nullptr, nullptr, &message) != SQLITE_OK) {
     if (error) {
-      *error = "cannot use " + path.string() + " as the devserver database: " +
-               (message ? message : "unknown error");
+      *error = "cannot use " + path.string() +
+               " as the devserver database: " + (message ? message : "unknown error");
     }
     sqlite3_free(message);
     sqlite3_close(db);
@@ -234,8 +271,8 @@ std::vector<DeviceRecord> PollStore::devices(const std::optional<std::string>& a
 
 bool PollStore::setUserInfo(int64_t deviceId, const std::string& userInfo) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, std::string("UPDATE devices SET user_info = ?, updated_at = ") + kNow +
-                       " WHERE id = ?");
+  Statement s(
+      db_, std::string("UPDATE devices SET user_info = ?, updated_at = ") + kNow + " WHERE id = ?");
   s.bind(userInfo).bind(deviceId);
   return s.step() == SQLITE_DONE && sqlite3_changes(db_) == 1;
 }
@@ -253,8 +290,8 @@ std::optional<PollRecord> PollStore::createPoll(const std::string& appToken,
   if (insert.step() != SQLITE_DONE) return std::nullopt;
   int64_t id = sqlite3_last_insert_rowid(db_);
   for (size_t i = 0; i < options.size(); ++i) {
-    Statement option(db_,
-                     "INSERT INTO poll_options (poll_id, position, text, link) VALUES (?, ?, ?, ?)");
+    Statement option(
+        db_, "INSERT INTO poll_options (poll_id, position, text, link) VALUES (?, ?, ?, ?)");
     option.bind(id).bind(static_cast<int64_t>(i)).bind(options[i].text).bind(options[i].link);
     if (option.step() != SQLITE_DONE) return std::nullopt;
   }
@@ -352,7 +389,8 @@ std::vector<ReplyRecord> PollStore::queryReplies(const std::string& where,
                        " ORDER BY r.id");
   bindAll(s, args);
   while (s.step() == SQLITE_ROW) {
-    replies.push_back(ReplyRecord{s.integer(0), s.integer(1), s.text(2), s.text(3), readDevice(s, 4)});
+    replies.push_back(
+        ReplyRecord{s.integer(0), s.integer(1), s.text(2), s.text(3), readDevice(s, 4)});
   }
   return replies;
 }

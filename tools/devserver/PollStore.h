@@ -98,10 +98,8 @@ class PollStore final {
 
   // The caller holds mutex_ in all of these.
   std::vector<PollRecord> queryPolls(const std::string& where, const std::vector<SqlArg>& args);
-  std::vector<DeviceRecord> queryDevices(const std::string& where,
-                                         const std::vector<SqlArg>& args);
-  std::vector<ReplyRecord> queryReplies(const std::string& where,
-                                        const std::vector<SqlArg>& args);
+  std::vector<DeviceRecord> queryDevices(const std::string& where, const std::vector<SqlArg>& args);
+  std::vector<ReplyRecord> queryReplies(const std::string& where, const std::vector<SqlArg>& args);
 
   std::mutex mutex_;
   sqlite3* db_;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "BoundedBody.h"
 #include "JsonResponse.h"
 #include "SdkForm.h"
 
@@ -72,8 +73,8 @@ std::optional<DeviceRecord> authorisedDevice(const httplib::Request& request,
   return device;
 }
 
-void registerDevice(const httplib::Request& request, httplib::Response& response,
-                    PollStore& store, const AccessToken& tokens) {
+void registerDevice(const httplib::Request& request, httplib::Response& response, PollStore& store,
+                    const AccessToken& tokens) {
   auto form = parseSdkForm(request.body, {"push_token", "app_token", "platform"});
   auto pushToken = form.find("push_token");
   auto appToken = form.find("app_token");
@@ -166,16 +167,17 @@ void fetchPolls(const httplib::Request& request, httplib::Response& response, Po
 
 }  // namespace
 
-void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens) {
+void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens,
+                       size_t maxBodyBytes) {
   auto bind = [&store, &tokens](auto handler) {
-    return [&store, &tokens, handler](const httplib::Request& request,
-                                      httplib::Response& response) {
-      handler(request, response, store, tokens);
-    };
+    return
+        [&store, &tokens, handler](const httplib::Request& request, httplib::Response& response) {
+          handler(request, response, store, tokens);
+        };
   };
-  server.Post(R"(/endpoints/?)", bind(registerDevice));
-  server.Post(R"(/me/?)", bind(setUserInfo));
-  server.Post(R"(/polls/([^/]+)/replies/?)", bind(sendReply));
+  server.Post(R"(/endpoints/?)", withBoundedBody(maxBodyBytes, bind(registerDevice)));
+  server.Post(R"(/me/?)", withBoundedBody(maxBodyBytes, bind(setUserInfo)));
+  server.Post(R"(/polls/([^/]+)/replies/?)", withBoundedBody(maxBodyBytes, bind(sendReply)));
   server.Get(R"(/apps/([^/]+)/polls/?)", bind(fetchPolls));
 }
 

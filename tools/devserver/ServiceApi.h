@@ -14,7 +14,8 @@ namespace quorvia::devserver {
 //   GET  /apps/<app token>/polls/  (authorised)                     -> {"results": [poll...]}
 // Each path is accepted with and without its trailing slash. Calls that need a device answer
 // 401 {"error": ...} without a valid "Authorization: JWT <token>" header.
-// `store` and `tokens` must outlive `server`.
-void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens);
+// Bodies longer than `maxBodyBytes` answer 413. `store` and `tokens` must outlive `server`.
+void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens,
+                       size_t maxBodyBytes);
 
 }  // namespace quorvia::devserver

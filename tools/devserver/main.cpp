@@ -1,9 +1,9 @@
 // quorvia-devserver: a local poll service for developing against the Quorvia SDK.
 
-#include <CLI/CLI.hpp>
 #include <pthread.h>
 #include <signal.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -62,15 +62,6 @@ int main(int argc, char** argv) {
   CLI11_PARSE(app, argc, argv);
 
   fs::path databasePath(database);
-  if (databasePath.has_parent_path()) {
-    std::error_code ec;
-    fs::create_directories(databasePath.parent_path(), ec);
-    if (ec) {
-      std::fprintf(stderr, "quorvia-devserver: cannot create %s: %s\n",
-                   databasePath.parent_path().c_str(), ec.message().c_str());
-      return 1;
-    }
-  }
 
   // Signals are taken by one waiting thread, so every other thread (httplib's workers included,
   // which inherit this mask) runs undisturbed and shutdown happens outside a signal handler.
