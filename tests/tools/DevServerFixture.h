@@ -5,11 +5,11 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>
@@ -23,6 +23,7 @@ class DevServerTest : public ::testing::Test {
  protected:
   static constexpr const char* kSecret = "test-signing-secret";
   static constexpr size_t kMaxBody = 64 * 1024;
+  static constexpr const char* kAdminToken = "test-admin-token";
 
   void SetUp() override;
   void TearDown() override;
@@ -31,7 +32,9 @@ class DevServerTest : public ::testing::Test {
   void startServer(const std::string& jwtSecret = kSecret);
   void stopServer();
 
+  // A client that sends the admin token with every request; plainClient() sends none.
   httplib::Client client() const;
+  httplib::Client plainClient() const;
 
   // A POST as the SDK sends it: raw body, no Content-Type, optional "JWT" authorisation.
   httplib::Result sdkPost(const std::string& path, const std::string& body,

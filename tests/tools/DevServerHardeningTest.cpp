@@ -20,8 +20,9 @@ TEST_F(DevServerTest, BodiesOverTheLimitAre413HoweverTheyAreFramed) {
       {"chunked user info", "POST /me HTTP/1.1\r\n" + host},
       {"chunked registration", "POST /endpoints/ HTTP/1.1\r\n" + host},
       {"chunked body to an unknown path", "POST /nowhere HTTP/1.1\r\n" + host},
-      {"chunked admin poll",
-       "POST /admin/polls HTTP/1.1\r\n" + host + "Content-Type: application/json\r\n"},
+      {"chunked admin poll", "POST /admin/polls HTTP/1.1\r\n" + host +
+                                 "Content-Type: application/json\r\n" + AdminGate::kHeader + ": " +
+                                 kAdminToken + "\r\n"},
   };
   constexpr size_t kEndless = size_t{256} << 20;
   for (const auto& [name, head] : cases) {

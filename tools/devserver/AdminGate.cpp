@@ -70,6 +70,7 @@ std::string AdminGate::presentedToken(const httplib::Request& request) const {
   if (std::string_view(authorization).starts_with(kBearer)) {
     return authorization.substr(kBearer.size());
   }
+  if (request.has_header(kHeader)) return request.get_header_value(kHeader);
   if (request.has_param("token")) return request.get_param_value("token");
   return cookieValue(request.get_header_value("Cookie"), kCookie);
 }

@@ -12,7 +12,8 @@ namespace quorvia::devserver {
 // loopback, and a DNS-rebound name reaches loopback under a foreign Host, so:
 //   - every dashboard and admin request needs a Host naming the listening address (the bound
 //     host, 127.0.0.1, localhost or [::1], with the bound port), else 403;
-//   - it needs the admin token (see DevServerOptions::adminToken), else 401;
+//   - it needs the admin token (see DevServerOptions::adminToken), else 401 (a Host or token
+//     check that fails says nothing about the other);
 //   - a write (any method but GET and HEAD) needs "Content-Type: application/json" (415
 //     otherwise) and no Origin or the page's own origin (403 otherwise).
 // The SDK's endpoints pass untouched. Thread-safe once setListening() was called.
@@ -30,6 +31,9 @@ class AdminGate final {
   // Returns true when `request` may go on; otherwise answers `response` and returns false.
   bool admit(const httplib::Request& request, httplib::Response& response) const;
 
+  // The token is taken from "Authorization: Bearer <token>", this header, the query parameter
+  // "token", or this cookie, in that order.
+  static constexpr const char* kHeader = "X-Quorvia-Admin-Token";
   // Name of the cookie the dashboard keeps the token in.
   static constexpr const char* kCookie = "quorvia_admin";
 

@@ -6,6 +6,7 @@
 
 #include "AdminApi.h"
 #include "BoundedBody.h"
+#include "Dashboard.h"
 #include "JsonResponse.h"
 #include "ServiceApi.h"
 
@@ -126,8 +127,9 @@ DevServer::DevServer(DevServerOptions options, std::unique_ptr<PollStore> store,
     }
   });
 
-  installServiceApi(server_, *store_, tokens_, options_.maxBodyBytes);
-  installAdminApi(server_, *store_, options_.maxBodyBytes);
+  installServiceApi(server_, *store_, tokens_, events_, options_.maxBodyBytes);
+  installAdminApi(server_, AdminContext{*store_, events_, options_.push, options_.maxBodyBytes});
+  installDashboard(server_);
   installBoundedFallback(server_, options_.maxBodyBytes,
                          [](const httplib::Request&, httplib::Response& response) {
                            sendError(response, 404, "not found");
@@ -158,6 +160,7 @@ bool DevServer::run() {
 }
 
 void DevServer::stop() {
+  events_.close();
   server_.beginShutdown();
   std::unique_lock lock(mutex_);
   stopRequested_ = true;

@@ -13,10 +13,13 @@
 
 #include "AccessToken.h"
 #include "AdminGate.h"
+#include "EventHub.h"
 #include "GuardedServer.h"
 #include "PollStore.h"
 
 namespace quorvia::devserver {
+
+class PushFanout;
 
 // How a DevServer is set up.
 struct DevServerOptions {
@@ -29,6 +32,9 @@ struct DevServerOptions {
   size_t maxBodyBytes = 1024 * 1024;
   // Token the dashboard and the admin API require; empty turns the check off.
   std::string adminToken;
+  // Sends pushes for POST /admin/polls/<id>/push; null answers that call 503. Must outlive the
+  // server.
+  PushFanout* push = nullptr;
   // Time, size and number limits of client connections.
   ConnectionLimits limits;
   // Receives one line per request ("POST /endpoints/ 200 0.4 ms"), from the server's worker
@@ -57,7 +63,8 @@ class DevServer final {
   bool run();
 
   // Makes run() return, waiting until it has; safe from any thread (including before run()
-  // starts, in which case run() returns at once). In-flight requests are finished first.
+  // starts, in which case run() returns at once). In-flight requests are finished first; event
+  // streams and idle connections are ended.
   void stop();
 
  private:
@@ -66,6 +73,7 @@ class DevServer final {
   DevServerOptions options_;
   std::unique_ptr<PollStore> store_;
   AccessToken tokens_;
+  EventHub events_;
   AdminGate gate_;
   GuardedServer server_;
 

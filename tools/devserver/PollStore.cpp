@@ -28,13 +28,15 @@ CREATE TABLE IF NOT EXISTS devices (
   user_info TEXT,
   created_at TEXT NOT NULL,
   updated_at TEXT NOT NULL,
+  last_seen_at TEXT,
   UNIQUE (app_token, push_token)
 );
 CREATE TABLE IF NOT EXISTS polls (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   app_token TEXT NOT NULL,
   question TEXT NOT NULL,
-  created_at TEXT NOT NULL
+  created_at TEXT NOT NULL,
+  category TEXT NOT NULL DEFAULT 'Yes.No'
 );
 CREATE TABLE IF NOT EXISTS poll_options (
   poll_id INTEGER NOT NULL REFERENCES polls(id),
@@ -51,7 +53,14 @@ CREATE TABLE IF NOT EXISTS replies (
   created_at TEXT NOT NULL
 );
 CREATE INDEX IF NOT EXISTS replies_by_device ON replies (device_id, poll_id);
+CREATE INDEX IF NOT EXISTS replies_by_poll ON replies (poll_id);
 )sql";
+
+// Columns added after the first release; adding one that exists fails harmlessly.
+constexpr const char* kLaterColumns[] = {
+    "ALTER TABLE devices ADD COLUMN last_seen_at TEXT",
+    "ALTER TABLE polls ADD COLUMN category TEXT NOT NULL DEFAULT 'Yes.No'",
+};
 
 constexpr const char* kNow = "strftime('%Y-%m-%dT%H:%M:%fZ', 'now')";
 
@@ -153,12 +162,13 @@ void bindAll(Statement& statement, const std::vector<std::variant<std::string, i
 }
 
 constexpr const char* kDeviceColumns =
-    "d.id, d.app_token, d.push_token, d.platform, d.user_info, d.created_at, d.updated_at";
+    "d.id, d.app_token, d.push_token, d.platform, d.user_info, d.created_at, d.updated_at, "
+    "d.last_seen_at";
 
 DeviceRecord readDevice(Statement& s, int first) {
   return DeviceRecord{s.integer(first),  s.text(first + 1),         s.text(first + 2),
                       s.text(first + 3), s.optionalText(first + 4), s.text(first + 5),
-                      s.text(first + 6)};
+                      s.text(first + 6), s.optionalText(first + 7)};
 }
 
 // The database holds the token signing key and what users told the service: it and its
@@ -217,6 +227,7 @@ std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path, st
     sqlite3_close(db);
     return nullptr;
   }
+  for (const char* column : kLaterColumns) sqlite3_exec(db, column, nullptr, nullptr, nullptr);
   return std::unique_ptr<PollStore>(new PollStore(db));
 }
 
@@ -277,16 +288,24 @@ bool PollStore::setUserInfo(int64_t deviceId, const std::string& userInfo) {
   return s.step() == SQLITE_DONE && sqlite3_changes(db_) == 1;
 }
 
+void PollStore::touchDevice(int64_t deviceId) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_, std::string("UPDATE devices SET last_seen_at = ") + kNow + " WHERE id = ?");
+  s.bind(deviceId);
+  s.step();
+}
+
 std::optional<PollRecord> PollStore::createPoll(const std::string& appToken,
                                                 const std::string& question,
-                                                const std::vector<PollOption>& options) {
+                                                const std::vector<PollOption>& options,
+                                                const std::string& category) {
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
   if (!transaction.began()) return std::nullopt;
-  Statement insert(db_, std::string("INSERT INTO polls (app_token, question, created_at) "
-                                    "VALUES (?, ?, ") +
+  Statement insert(db_, std::string("INSERT INTO polls (app_token, question, category, "
+                                    "created_at) VALUES (?, ?, ?, ") +
                             kNow + ")");
-  insert.bind(appToken).bind(question);
+  insert.bind(appToken).bind(question).bind(category);
   if (insert.step() != SQLITE_DONE) return std::nullopt;
   int64_t id = sqlite3_last_insert_rowid(db_);
   for (size_t i = 0; i < options.size(); ++i) {
@@ -299,6 +318,33 @@ std::optional<PollRecord> PollStore::createPoll(const std::string& appToken,
   std::vector<PollRecord> found = queryPolls("p.id = ?", {id});
   if (found.empty()) return std::nullopt;
   return found.front();
+}
+
+bool PollStore::deletePoll(int64_t id) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  if (!transaction.began()) return false;
+  for (const char* sql :
+       {"DELETE FROM replies WHERE poll_id = ?", "DELETE FROM poll_options WHERE poll_id = ?"}) {
+    Statement s(db_, sql);
+    s.bind(id);
+    if (s.step() != SQLITE_DONE) return false;
+  }
+  Statement s(db_, "DELETE FROM polls WHERE id = ?");
+  s.bind(id);
+  if (s.step() != SQLITE_DONE || sqlite3_changes(db_) != 1) return false;
+  return transaction.commit();
+}
+
+std::vector<std::pair<std::string, int64_t>> PollStore::replyCounts(int64_t pollId) {
+  std::lock_guard lock(mutex_);
+  std::vector<std::pair<std::string, int64_t>> counts;
+  Statement s(db_,
+              "SELECT reply_text, COUNT(*) AS n FROM replies WHERE poll_id = ? GROUP BY "
+              "reply_text ORDER BY n DESC, MIN(id)");
+  s.bind(pollId);
+  while (s.step() == SQLITE_ROW) counts.emplace_back(s.text(0), s.integer(1));
+  return counts;
 }
 
 std::optional<PollRecord> PollStore::poll(int64_t id) {
@@ -356,11 +402,12 @@ std::vector<PollRecord> PollStore::queryPolls(const std::string& where,
   std::vector<PollRecord> polls;
   Statement s(db_,
               "SELECT p.id, p.app_token, p.question, p.created_at, (SELECT COUNT(*) FROM replies "
-              "r WHERE r.poll_id = p.id) FROM polls p WHERE " +
+              "r WHERE r.poll_id = p.id), p.category FROM polls p WHERE " +
                   where + " ORDER BY p.id");
   bindAll(s, args);
   while (s.step() == SQLITE_ROW) {
-    polls.push_back(PollRecord{s.integer(0), s.text(1), s.text(2), {}, s.text(3), s.integer(4)});
+    polls.push_back(
+        PollRecord{s.integer(0), s.text(1), s.text(2), {}, s.text(3), s.integer(4), s.text(5)});
   }
   for (PollRecord& poll : polls) {
     Statement o(db_, "SELECT text, link FROM poll_options WHERE poll_id = ? ORDER BY position");

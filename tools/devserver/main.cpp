@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-#include <system_error>
 #include <thread>
 
+#include "AccessToken.h"
 #include "DevServer.h"
 
 namespace {
@@ -18,6 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 using quorvia::devserver::DevServer;
 using quorvia::devserver::DevServerOptions;
+
+constexpr const char* kProgram = "quorvia-devserver";
 
 fs::path defaultDatabase() {
   fs::path base;
@@ -31,40 +33,26 @@ fs::path defaultDatabase() {
   return base / "quorvia" / "devserver" / "devserver.sqlite3";
 }
 
-}  // namespace
+// CLI11's own exit codes are not the conventional 2 for a usage error, and its messages do not
+// name the program.
+int parseArguments(CLI::App& app, int argc, char** argv, bool& exit) {
+  exit = true;
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::Success& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    std::fprintf(stderr, "%s: %s\nRun with --help for the options.\n", kProgram, e.what());
+    return 2;
+  }
+  exit = false;
+  return 0;
+}
 
-int main(int argc, char** argv) {
-  std::string host = "127.0.0.1";
-  int port = 8765;
-  std::string database = defaultDatabase().string();
-  std::string jwtSecret;
-  size_t maxBodyBytes = 1024 * 1024;
-
-  CLI::App app{
-      "quorvia-devserver: a local Quorvia poll service (the SDK's four endpoints and a JSON "
-      "admin API under /admin) backed by SQLite. Prints \"listening on http://HOST:PORT\" once "
-      "ready and one line per request; stops on SIGINT or SIGTERM."};
-  app.add_option("--host", host, "Address to listen on")->capture_default_str();
-  app.add_option("--port", port, "TCP port to listen on; 0 picks a free port and prints it")
-      ->check(CLI::Range(0, 65535))
-      ->capture_default_str();
-  app.add_option("--db", database,
-                 "SQLite database file, created when missing (default: "
-                 "$XDG_DATA_HOME/quorvia/devserver/devserver.sqlite3)")
-      ->capture_default_str();
-  app.add_option("--jwt-secret", jwtSecret,
-                 "Key that signs access tokens (HS256); default: a random key generated once "
-                 "and kept in the database");
-  app.add_option("--max-body-bytes", maxBodyBytes,
-                 "Largest request body accepted; larger ones get 413")
-      ->check(CLI::Range(size_t{1}, size_t{1} << 30))
-      ->capture_default_str();
-  CLI11_PARSE(app, argc, argv);
-
-  fs::path databasePath(database);
-
-  // Signals are taken by one waiting thread, so every other thread (httplib's workers included,
-  // which inherit this mask) runs undisturbed and shutdown happens outside a signal handler.
+int serve(const std::string& host, int port, DevServerOptions options) {
+  // Signals are taken by one waiting thread, so every other thread (httplib's workers
+  // included, which inherit this mask) runs undisturbed and shutdown happens outside a signal
+  // handler.
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
@@ -73,29 +61,31 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   std::string error;
-  DevServerOptions options;
-  options.database = databasePath;
-  options.jwtSecret = jwtSecret;
-  options.maxBodyBytes = maxBodyBytes;
+  fs::path database = options.database;
+  std::string adminToken = options.adminToken;
   std::unique_ptr<DevServer> server = DevServer::open(std::move(options), &error);
   if (!server) {
-    std::fprintf(stderr, "quorvia-devserver: %s\n", error.c_str());
+    std::fprintf(stderr, "%s: %s\n", kProgram, error.c_str());
     return 1;
   }
   int boundPort = server->bind(host, port);
   if (boundPort < 0) {
-    std::fprintf(stderr, "quorvia-devserver: cannot listen on %s:%d\n", host.c_str(), port);
+    std::fprintf(stderr, "%s: cannot listen on %s:%d (in use, or not an address of this host)\n",
+                 kProgram, host.c_str(), port);
     return 1;
   }
-  std::printf("quorvia-devserver: database %s\n", databasePath.c_str());
-  std::printf("listening on http://%s:%d\n", host.c_str(), boundPort);
+  std::string origin = "http://" + (host.find(':') != std::string::npos ? "[" + host + "]" : host) +
+                       ":" + std::to_string(boundPort);
+  std::printf("%s: database %s\n", kProgram, database.c_str());
+  std::printf("%s: dashboard %s/?token=%s\n", kProgram, origin.c_str(), adminToken.c_str());
+  std::printf("listening on %s\n", origin.c_str());
   std::fflush(stdout);
 
   // The waiter lives until main wakes it with SIGUSR1 after run() returned, so that signal
   // always finds it; a second SIGINT while stopping is harmless.
   std::thread waiter([&server, &signals] {
     for (int received = 0; sigwait(&signals, &received) == 0 && received != SIGUSR1;) {
-      std::printf("quorvia-devserver: shutting down\n");
+      std::printf("%s: shutting down\n", kProgram);
       std::fflush(stdout);
       server->stop();
     }
@@ -103,7 +93,58 @@ int main(int argc, char** argv) {
   bool served = server->run();
   pthread_kill(waiter.native_handle(), SIGUSR1);
   waiter.join();
-  std::printf("quorvia-devserver: stopped\n");
+  std::printf("%s: stopped\n", kProgram);
   std::fflush(stdout);
   return served ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string host = "127.0.0.1";
+  int port = 8765;
+  std::string database = defaultDatabase().string();
+  std::string jwtSecret;
+  std::string adminToken;
+  size_t maxBodyBytes = 1024 * 1024;
+
+  CLI::App app{
+      "quorvia-devserver: a local Quorvia poll service (the SDK's four endpoints, a dashboard at "
+      "/ and a JSON admin API under /admin) backed by SQLite. Prints the dashboard's URL with "
+      "its admin token, then \"listening on http://HOST:PORT\" once ready and one line per "
+      "request; stops on SIGINT or SIGTERM.",
+      kProgram};
+  app.set_version_flag("--version", std::string(kProgram) + " " + QUORVIA_VERSION);
+  app.add_option("--host", host, "Address to listen on")->capture_default_str();
+  app.add_option("--port", port, "TCP port to listen on; 0 picks a free port and prints it")
+      ->check(CLI::Range(0, 65535))
+      ->capture_default_str();
+  app.add_option("--db", database,
+                 "SQLite database file, created (0600, in 0700 directories) when missing "
+                 "(default: $XDG_DATA_HOME/quorvia/devserver/devserver.sqlite3)")
+      ->capture_default_str();
+  app.add_option("--jwt-secret", jwtSecret,
+                 "Key that signs access tokens (HS256); default: a random key generated once "
+                 "and kept in the database");
+  app.add_option("--admin-token", adminToken,
+                 "Token the dashboard and the admin API require; default: a new random one "
+                 "each start, printed in the dashboard URL");
+  app.add_option("--max-body-bytes", maxBodyBytes,
+                 "Largest request body accepted, however it is sent; larger ones get 413")
+      ->check(CLI::Range(size_t{1}, size_t{1} << 30))
+      ->capture_default_str();
+  bool exit = false;
+  if (int code = parseArguments(app, argc, argv, exit); exit) return code;
+
+  if (adminToken.empty()) adminToken = quorvia::devserver::randomHex(16);
+  if (adminToken.empty()) {
+    std::fprintf(stderr, "%s: cannot generate an admin token\n", kProgram);
+    return 1;
+  }
+  DevServerOptions options;
+  options.database = database;
+  options.jwtSecret = jwtSecret;
+  options.adminToken = adminToken;
+  options.maxBodyBytes = maxBodyBytes;
+  return serve(host, port, std::move(options));
 }
