@@ -12,6 +12,7 @@ packages=(
   libstb-dev libcpp-httplib-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 procps curl
+  chromium libmosquitto-dev mosquitto
 )
 
 if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi

@@ -41,7 +41,7 @@ function time(iso) {
 function addOptionRow(text = '', link = '') {
   const row = el('div', { class: 'option-row' },
     el('input', { class: 'option-text', placeholder: 'Option text', value: text }),
-    el('input', { class: 'option-link', placeholder: 'https://… (optional)', value: link }),
+    el('input', { class: 'option-link', placeholder: 'Link (optional)', value: link }),
     el('button', { type: 'button', class: 'icon', title: 'Remove',
       onclick: () => { if ($('#options').querySelectorAll('.option-row').length > 1) row.remove(); } }, '✕'));
   $('#options').append(row);
@@ -106,14 +106,18 @@ function select(id) {
   refreshDevices();
 }
 
+// Widths are set through the style object: the page's content security policy refuses inline
+// style attributes.
 function bar(option, extraClass = '') {
+  const fill = el('div', { class: 'fill' });
+  fill.style.width = `${option.percent}%`;
   return el('div', { class: 'bar ' + extraClass, 'data-option': option.text },
     el('div', { class: 'label' },
       el('span', { class: 'text' }, option.text),
       el('span', { class: 'figures' },
         el('span', { class: 'count' }, String(option.count)), ' · ',
         el('span', { class: 'percent' }, `${option.percent}%`))),
-    el('div', { class: 'track' }, el('div', { class: 'fill', style: `width: ${option.percent}%` })));
+    el('div', { class: 'track' }, fill));
 }
 
 async function refreshResults() {
