@@ -22,6 +22,7 @@ void DevServerTest::startServer(const std::string& jwtSecret) {
   options.jwtSecret = jwtSecret;
   options.maxBodyBytes = kMaxBody;
   options.adminToken = kAdminToken;
+  options.push = push_;
   options.requestLog = [this](const std::string& line) {
     std::lock_guard lock(linesMutex_);
     lines_.push_back(line);

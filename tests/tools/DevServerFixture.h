@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "DevServer.h"
+#include "PushFanout.h"
 
 namespace quorvia::devserver::testing {
 
@@ -55,6 +56,8 @@ class DevServerTest : public ::testing::Test {
 
   std::filesystem::path directory_;
   int port_ = 0;
+  // Handed to the next startServer(); must outlive the server.
+  PushFanout* push_ = nullptr;
 
  private:
   std::unique_ptr<DevServer> server_;

@@ -7,17 +7,27 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 
 #include "AccessToken.h"
 #include "DevServer.h"
+#include "PushSender.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using quorvia::devserver::DevServer;
 using quorvia::devserver::DevServerOptions;
+using quorvia::devserver::PushSender;
+
+// How long a push may wait for the broker to accept the connection, and then for its
+// acknowledgements.
+constexpr std::chrono::seconds kBrokerTimeout{10};
+// Larger than any push a device accepts; only guards against a wrong file.
+constexpr std::streamsize kMaxPayloadBytes = 256 * 1024;
 
 constexpr const char* kProgram = "quorvia-devserver";
 
@@ -46,6 +56,43 @@ int parseArguments(CLI::App& app, int argc, char** argv, bool& exit) {
     return 2;
   }
   exit = false;
+  return 0;
+}
+
+// `quorvia-devserver push`: one payload file to one device.
+int pushOnce(const quorvia::devserver::BrokerAddress& broker, const std::string& device,
+             const std::string& payloadFile) {
+  if (!quorvia::devserver::deviceTopic(device)) {
+    std::fprintf(stderr, "%s: --device must be the device's push token in hex, not \"%s\"\n",
+                 kProgram, device.c_str());
+    return 2;
+  }
+  std::ifstream file(payloadFile, std::ios::binary);
+  std::string payload;
+  if (file) {
+    payload.assign(std::istreambuf_iterator<char>(file), {});
+  }
+  if (!file.good() && !file.eof()) {
+    std::fprintf(stderr, "%s: cannot read %s\n", kProgram, payloadFile.c_str());
+    return 1;
+  }
+  if (static_cast<std::streamsize>(payload.size()) > kMaxPayloadBytes) {
+    std::fprintf(stderr, "%s: %s is larger than %lld bytes\n", kProgram, payloadFile.c_str(),
+                 static_cast<long long>(kMaxPayloadBytes));
+    return 1;
+  }
+  std::printf("%s: publishing %zu bytes to %s via %s\n", kProgram, payload.size(),
+              quorvia::devserver::deviceTopic(device)->c_str(), broker.url().c_str());
+  std::fflush(stdout);
+  PushSender sender(broker, kBrokerTimeout);
+  quorvia::devserver::PushOutcome outcome = sender.publish({device}, payload);
+  if (outcome.published != 1) {
+    std::fprintf(stderr, "%s: %s\n", kProgram,
+                 outcome.error.empty() ? "the broker did not acknowledge the message"
+                                       : outcome.error.c_str());
+    return 1;
+  }
+  std::printf("%s: acknowledged by the broker\n", kProgram);
   return 0;
 }
 
@@ -107,6 +154,12 @@ int main(int argc, char** argv) {
   std::string jwtSecret;
   std::string adminToken;
   size_t maxBodyBytes = 1024 * 1024;
+  const char* brokerEnvironment = std::getenv("QUORVIA_PUSH_BROKER");
+  std::string brokerUrl = brokerEnvironment != nullptr && *brokerEnvironment != '\0'
+                              ? brokerEnvironment
+                              : "mqtt://127.0.0.1:1883";
+  std::string device;
+  std::string payloadFile;
 
   CLI::App app{
       "quorvia-devserver: a local Quorvia poll service (the SDK's four endpoints, a dashboard at "
@@ -133,8 +186,32 @@ int main(int argc, char** argv) {
                  "Largest request body accepted, however it is sent; larger ones get 413")
       ->check(CLI::Range(size_t{1}, size_t{1} << 30))
       ->capture_default_str();
+  app.add_option("--broker", brokerUrl,
+                 "MQTT broker pushes are published to: mqtt://HOST[:PORT] or mqtts://HOST[:PORT] "
+                 "(TLS with the system's CA store); default $QUORVIA_PUSH_BROKER, else "
+                 "mqtt://127.0.0.1:1883")
+      ->capture_default_str();
+  CLI::App* push = app.add_subcommand(
+      "push",
+      "Publish one payload file to one device's topic and exit 0 once the broker "
+      "acknowledged it (1 otherwise)");
+  push->add_option("--device", device, "The device's push token, in hex")->required();
+  push->add_option("--payload", payloadFile, "File holding the payload (JSON) to publish")
+      ->required();
+  push->add_option("--broker", brokerUrl, "MQTT broker, as for the server");
   bool exit = false;
   if (int code = parseArguments(app, argc, argv, exit); exit) return code;
+
+  std::optional<quorvia::devserver::BrokerAddress> broker =
+      quorvia::devserver::BrokerAddress::parse(brokerUrl);
+  if (!broker) {
+    std::fprintf(stderr,
+                 "%s: --broker must be mqtt://HOST[:PORT] or mqtts://HOST[:PORT], not "
+                 "\"%s\"\n",
+                 kProgram, brokerUrl.c_str());
+    return 2;
+  }
+  if (push->parsed()) return pushOnce(*broker, device, payloadFile);
 
   if (adminToken.empty()) adminToken = quorvia::devserver::randomHex(16);
   if (adminToken.empty()) {
@@ -146,5 +223,9 @@ int main(int argc, char** argv) {
   options.jwtSecret = jwtSecret;
   options.adminToken = adminToken;
   options.maxBodyBytes = maxBodyBytes;
+  // Connects at the first push, so a broker that is down only matters when pushing.
+  PushSender sender(*broker, kBrokerTimeout);
+  options.push = &sender;
+  std::printf("%s: pushes go to %s\n", kProgram, broker->url().c_str());
   return serve(host, port, std::move(options));
 }
