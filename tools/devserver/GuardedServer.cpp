@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -172,6 +173,10 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
   if (ConnectionPool::isShedding()) {
     [[maybe_unused]] ssize_t n = ::send(sock, kBusy.data(), kBusy.size(), MSG_NOSIGNAL);
   } else {
+    // httplib sets this in the connection loop replaced here; without it every answer waits on
+    // Nagle and the client's delayed ACK.
+    int yes = 1;
+    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     LimitedStream stream(sock, wakeRead_, limits_);
     for (size_t served = 0; !shuttingDown_.load(); ++served) {
       if (served > 0 &&
