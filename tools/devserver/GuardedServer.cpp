@@ -118,9 +118,9 @@ constexpr std::string_view kBusy =
 // Closing with unread request bytes makes the kernel send a reset, which can destroy an answer
 // (a 413) the client has not read yet; so the sending side is closed first and what the client
 // still sends is read and dropped for a short, bounded while.
-void lingeringClose(int fd, int wakeFd) {
+void lingeringClose(int fd, int wakeFd, std::chrono::milliseconds linger) {
   ::shutdown(fd, SHUT_WR);
-  auto deadline = Clock::now() + std::chrono::milliseconds(500);
+  auto deadline = Clock::now() + linger;
   char buffer[16 * 1024];
   for (size_t drained = 0; drained < (size_t{8} << 20);) {
     if (waitFor(fd, POLLIN, wakeFd, deadline) != Wait::kReady) break;
@@ -189,7 +189,9 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
       if (!ok || closed) break;
     }
   }
-  lingeringClose(sock, wakeRead_);
+  // The one thread that sheds connections must not be held up by a client that never closes.
+  lingeringClose(sock, wakeRead_,
+                 std::chrono::milliseconds(ConnectionPool::isShedding() ? 50 : 500));
   return ok;
 }
 

@@ -181,7 +181,7 @@ void PushSender::onPublish(int mid) {
     std::lock_guard lock(mutex_);
     auto it = inFlight_.find(mid);
     if (it == inFlight_.end()) {
-      earlyAcks_.insert(mid);
+      if (abandoned_.erase(mid) == 0) earlyAcks_.insert(mid);
       return;
     }
     ++it->second->acknowledged;
@@ -219,6 +219,7 @@ PushOutcome PushSender::publish(const std::vector<std::string>& pushTokens,
       break;
     }
     std::lock_guard lock(mutex_);
+    abandoned_.erase(mid);
     if (earlyAcks_.erase(mid) > 0) {
       ++batch.acknowledged;
     } else {
@@ -229,9 +230,15 @@ PushOutcome PushSender::publish(const std::vector<std::string>& pushTokens,
   std::unique_lock lock(mutex_);
   bool settled = changed_.wait_for(lock, timeout_,
                                    [&] { return batch.pending == 0 || generation_ != generation; });
-  // Whatever is still in flight no longer belongs to a waiting batch.
+  // Whatever is still in flight no longer belongs to a waiting batch; an ack that comes later
+  // must not be taken for one of a later batch that reuses the id.
   for (auto it = inFlight_.begin(); it != inFlight_.end();) {
-    it = it->second == &batch ? inFlight_.erase(it) : std::next(it);
+    if (it->second == &batch) {
+      abandoned_.insert(it->first);
+      it = inFlight_.erase(it);
+    } else {
+      ++it;
+    }
   }
   outcome.published = batch.acknowledged;
   if (!failure.empty()) {

@@ -74,6 +74,7 @@ class PushSender final : public PushFanout {
   uint64_t generation_ = 0;         // counts disconnections, so a batch sees one that happened
   std::map<int, Batch*> inFlight_;  // message id -> its batch
   std::set<int> earlyAcks_;         // acknowledged before the publisher recorded the id
+  std::set<int> abandoned_;         // given up waiting for; their late acks are dropped
 };
 
 }  // namespace quorvia::devserver
