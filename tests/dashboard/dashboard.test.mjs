@@ -2,7 +2,8 @@
 // its bars move as devices answer (no reload), delete it, and check that the token is needed.
 //   node dashboard.test.mjs DEVSERVER_BINARY SCREENSHOT.png
 import { spawn } from 'node:child_process';
-import { mkdtempSync, rmSync } from 'node:fs';
+import { mkdtempSync, rmSync, writeFileSync } from 'node:fs';
+import { createServer } from 'node:net';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { randomBytes } from 'node:crypto';
@@ -17,6 +18,7 @@ const kWait = 15000;
 const work = mkdtempSync(join(tmpdir(), 'quorvia-dashboard-'));
 const token = randomBytes(16).toString('hex');
 let server;
+let broker;
 let browser;
 
 function check(condition, message) {
@@ -24,10 +26,37 @@ function check(condition, message) {
   console.log(`ok - ${message}`);
 }
 
+function freePort() {
+  return new Promise((resolve) => {
+    const probe = createServer().listen(0, '127.0.0.1', () => {
+      const { port } = probe.address();
+      probe.close(() => resolve(port));
+    });
+  });
+}
+
+// Starts a mosquitto of the test's own for the push button; resolves with its URL once it
+// says it runs.
+async function startBroker() {
+  const port = await freePort();
+  const config = join(work, 'mosquitto.conf');
+  writeFileSync(config, `listener ${port} 127.0.0.1\nallow_anonymous true\nlog_dest stderr\n`);
+  broker = spawn('mosquitto', ['-c', config], { stdio: ['ignore', 'ignore', 'pipe'] });
+  return new Promise((resolve, reject) => {
+    const timer = setTimeout(() => reject(new Error('mosquitto did not start')), kWait);
+    let log = '';
+    broker.stderr.on('data', (chunk) => {
+      log += chunk;
+      if (log.includes(' running')) { clearTimeout(timer); resolve(`mqtt://127.0.0.1:${port}`); }
+    });
+    broker.on('error', reject);
+  });
+}
+
 // Starts the devserver on a free loopback port and resolves with its base URL.
-function startServer() {
+function startServer(brokerUrl) {
   server = spawn(binary, ['--port', '0', '--db', join(work, 'devserver.sqlite3'),
-    '--admin-token', token], { stdio: ['ignore', 'pipe', 'inherit'] });
+    '--admin-token', token, '--broker', brokerUrl], { stdio: ['ignore', 'pipe', 'inherit'] });
   return new Promise((resolve, reject) => {
     const timer = setTimeout(() => reject(new Error('the devserver did not start')), kWait);
     let output = '';
@@ -64,7 +93,7 @@ const barCount = (page, option) =>
   page.locator(`.bar[data-option="${option}"] .count`).textContent();
 
 async function main() {
-  const base = await startServer();
+  const base = await startServer(await startBroker());
   // A fresh profile each run, so no cookie or cache of an earlier run takes part.
   browser = await chromium.launchPersistentContext(join(work, 'profile'), {
     executablePath: process.env.CHROMIUM || '/usr/bin/chromium',
@@ -118,6 +147,10 @@ async function main() {
   await page.screenshot({ path: screenshot });
   check(true, `results view saved to ${screenshot}`);
 
+  await item.locator('button.push').click();
+  await page.locator('#toast.show', { hasText: 'Pushed to 4 of 4 devices' }).waitFor();
+  check(true, 'the push button reports the four devices the broker acknowledged');
+
   await item.locator('button.delete').click();
   await item.waitFor({ state: 'detached' });
   const polls = await (await fetch(`${base}/admin/polls`, {
@@ -140,6 +173,7 @@ try {
 } finally {
   if (browser) await browser.close();
   await stopServer();
+  if (broker) broker.kill('SIGKILL');
   rmSync(work, { recursive: true, force: true });
 }
 process.exit(failed ? 1 : 0);
