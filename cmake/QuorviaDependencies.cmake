@@ -11,6 +11,7 @@ pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
 
 if(QUORVIA_BUILD_TESTS OR QUORVIA_BUILD_TOOLS)
   pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+  pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
   find_package(OpenSSL REQUIRED)
   find_package(CLI11 REQUIRED)
 endif()

@@ -57,7 +57,9 @@ devserver=$root/build/dev/tools/devserver/quorvia-devserver
 sim=$root/build/dev/tools/sim/quorvia-sim
 
 step "starting the poll service on a free loopback port"
-"$devserver" --host 127.0.0.1 --port 0 --db "$work/devserver.sqlite3" >"$work/server.log" 2>&1 &
+admin_token=$(python3 -c 'import secrets; print(secrets.token_hex(16))')
+"$devserver" --host 127.0.0.1 --port 0 --db "$work/devserver.sqlite3" \
+  --admin-token "$admin_token" >"$work/server.log" 2>&1 &
 server_pid=$!
 port=""
 for _ in $(seq 100); do
@@ -69,6 +71,7 @@ done
 [ -n "$port" ] || fail "the service did not report its port within 10 s"
 base=http://127.0.0.1:$port
 echo "service: $base (pid $server_pid, database $work/devserver.sqlite3)"
+echo "dashboard: $base/?token=$admin_token"
 
 step "creating a poll for app \"$app_token\" through the admin API"
 poll_body=$(cat <<EOF
@@ -80,7 +83,8 @@ poll_body=$(cat <<EOF
 EOF
 )
 created=$(curl -sS --fail-with-body -X POST "$base/admin/polls" \
-  -H 'Content-Type: application/json' --data-binary "$poll_body") ||
+  -H "X-Quorvia-Admin-Token: $admin_token" -H 'Content-Type: application/json' \
+  --data-binary "$poll_body") ||
   fail "the service refused the poll: $created"
 poll_id=$(printf '%s' "$created" | python3 -c 'import json,sys; print(json.load(sys.stdin)["id"])') ||
   fail "unexpected answer to the poll creation: $created"
@@ -140,7 +144,8 @@ sys.exit(1 if problems else 0)
 EOF
 
 step "replies recorded by the service for poll $poll_id"
-replies=$(curl -sS --fail-with-body "$base/admin/polls/$poll_id/replies") ||
+replies=$(curl -sS --fail-with-body -H "X-Quorvia-Admin-Token: $admin_token" \
+  "$base/admin/polls/$poll_id/replies") ||
   fail "could not read the replies: $replies"
 printf '%s' "$replies" | python3 -c '
 import json, sys

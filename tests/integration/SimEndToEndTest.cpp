@@ -170,7 +170,9 @@ TEST_F(SimFlowTest, KeychainAndRequestCommandsReportWhatTheSdkReturned) {
 
   createPollWithOptions("Listed?", {"Yes"});
   sim_->send(
-      {{"cmd", "request"}, {"op", "getJsonCachelessFromURL"}, {"url", baseURL() + "/admin/polls"}});
+      {{"cmd", "request"},
+       {"op", "getJsonCachelessFromURL"},
+       {"url", baseURL() + "/admin/polls?token=" + kAdminToken}});
   auto response = sim_->waitForEvent("response");
   ASSERT_TRUE(response);
   EXPECT_EQ((*response)["result"]["polls"][0]["question"], "Listed?") << response->dump();

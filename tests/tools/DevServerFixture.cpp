@@ -21,6 +21,8 @@ void DevServerTest::startServer(const std::string& jwtSecret) {
   options.database = directory_ / "devserver.sqlite3";
   options.jwtSecret = jwtSecret;
   options.maxBodyBytes = kMaxBody;
+  options.adminToken = kAdminToken;
+  options.push = push_;
   options.requestLog = [this](const std::string& line) {
     std::lock_guard lock(linesMutex_);
     lines_.push_back(line);
@@ -41,6 +43,12 @@ void DevServerTest::stopServer() {
 }
 
 httplib::Client DevServerTest::client() const {
+  httplib::Client client = plainClient();
+  client.set_default_headers({{AdminGate::kHeader, kAdminToken}});
+  return client;
+}
+
+httplib::Client DevServerTest::plainClient() const {
   httplib::Client client("127.0.0.1", port_);
   client.set_connection_timeout(5);
   client.set_read_timeout(10);
@@ -86,8 +94,8 @@ json DevServerTest::adminGet(const std::string& path) {
 
 std::string DevServerTest::registerDevice(const std::string& pushToken,
                                           const std::string& appToken) {
-  httplib::Result result =
-      sdkPost("/endpoints/", "push_token=" + pushToken + "&app_token=" + appToken + "&platform=ios");
+  httplib::Result result = sdkPost(
+      "/endpoints/", "push_token=" + pushToken + "&app_token=" + appToken + "&platform=ios");
   EXPECT_TRUE(result);
   if (!result) return {};
   EXPECT_EQ(result->status, 200) << result->body;

@@ -5,17 +5,18 @@
 
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <nlohmann/json.hpp>
 
 #include <filesystem>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "DevServer.h"
+#include "PushFanout.h"
 
 namespace quorvia::devserver::testing {
 
@@ -23,6 +24,7 @@ class DevServerTest : public ::testing::Test {
  protected:
   static constexpr const char* kSecret = "test-signing-secret";
   static constexpr size_t kMaxBody = 64 * 1024;
+  static constexpr const char* kAdminToken = "test-admin-token";
 
   void SetUp() override;
   void TearDown() override;
@@ -31,7 +33,9 @@ class DevServerTest : public ::testing::Test {
   void startServer(const std::string& jwtSecret = kSecret);
   void stopServer();
 
+  // A client that sends the admin token with every request; plainClient() sends none.
   httplib::Client client() const;
+  httplib::Client plainClient() const;
 
   // A POST as the SDK sends it: raw body, no Content-Type, optional "JWT" authorisation.
   httplib::Result sdkPost(const std::string& path, const std::string& body,
@@ -52,6 +56,8 @@ class DevServerTest : public ::testing::Test {
 
   std::filesystem::path directory_;
   int port_ = 0;
+  // Handed to the next startServer(); must outlive the server.
+  PushFanout* push_ = nullptr;
 
  private:
   std::unique_ptr<DevServer> server_;

@@ -2,17 +2,37 @@
 
 #include <httplib.h>
 
+#include <cstddef>
+
+#include "EventHub.h"
 #include "PollStore.h"
 
 namespace quorvia::devserver {
 
-// The JSON admin API for people and scripts running the devserver:
-//   POST /admin/polls              {"app_token", "question", "options": [{"text", "link"?}...]}
-//   GET  /admin/polls[?app_token=] {"polls": [...]}
-//   GET  /admin/replies[?poll_id=&app_token=], GET /admin/polls/<id>/replies
-//                                  {"replies": [{..., "device": {...}, "created_at"}...]}
-//   GET  /admin/devices[?app_token=] {"devices": [...]}
-// Malformed input answers 400 {"error": ...} and stores nothing. `store` must outlive `server`.
-void installAdminApi(httplib::Server& server, PollStore& store);
+class PushFanout;
+
+// What the admin API works on; everything must outlive the server.
+struct AdminContext {
+  PollStore& store;
+  EventHub& events;
+  PushFanout* push = nullptr;  // null: push answers 503
+  size_t maxBodyBytes = 1024 * 1024;
+};
+
+// The JSON admin API behind the dashboard (AdminGate guards it):
+//   POST   /admin/polls             {"app_token", "question", "options": [{"text", "link"?}...],
+//                                    "category"?}                       -> 201 the poll
+//   GET    /admin/polls[?app=]      {"polls": [...]}
+//   DELETE /admin/polls/<id>        {"deleted": id}
+//   GET    /admin/polls/<id>/results {"poll", "options": [{"text", "count", "percent"}...],
+//                                    "dismissals", "other", "total"}
+//   GET    /admin/replies[?poll_id=&app=], GET /admin/polls/<id>/replies
+//                                   {"replies": [{..., "device": {...}, "created_at"}...]}
+//   GET    /admin/devices[?app=]    {"devices": [...]}
+//   GET    /admin/events            text/event-stream of {"type": ...} lines
+//   POST   /admin/polls/<id>/push   {"alert"?, "category"?, "devices"?} -> {"sent", "devices"}
+// `app_token` is accepted wherever `app` is. Malformed input answers 400 {"error": ...} and
+// stores nothing.
+void installAdminApi(httplib::Server& server, AdminContext context);
 
 }  // namespace quorvia::devserver

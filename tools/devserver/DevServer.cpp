@@ -1,9 +1,12 @@
 #include "DevServer.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
 #include "AdminApi.h"
+#include "BoundedBody.h"
+#include "Dashboard.h"
 #include "JsonResponse.h"
 #include "ServiceApi.h"
 
@@ -53,6 +56,9 @@ std::optional<std::string> signingSecret(const DevServerOptions& options, PollSt
 }  // namespace
 
 std::unique_ptr<DevServer> DevServer::open(DevServerOptions options, std::string* error) {
+  // Room for the request line and headers on top of the largest body.
+  options.limits.maxRequestBytes =
+      std::max(options.limits.maxRequestBytes, options.maxBodyBytes + 64 * 1024);
   std::unique_ptr<PollStore> store = PollStore::open(options.database, error);
   if (!store) return nullptr;
   std::optional<std::string> secret = signingSecret(options, *store, error);
@@ -61,27 +67,32 @@ std::unique_ptr<DevServer> DevServer::open(DevServerOptions options, std::string
       new DevServer(std::move(options), std::move(store), std::move(*secret)));
 }
 
-DevServer::DevServer(DevServerOptions options, std::unique_ptr<PollStore> store,
-                     std::string secret)
-    : options_(std::move(options)), store_(std::move(store)), tokens_(std::move(secret)) {
+DevServer::DevServer(DevServerOptions options, std::unique_ptr<PollStore> store, std::string secret)
+    : options_(std::move(options)),
+      store_(std::move(store)),
+      tokens_(std::move(secret)),
+      gate_(options_.adminToken),
+      server_(options_.limits) {
   // Without it every loopback round trip waits on Nagle and delayed ACK.
   server_.set_tcp_nodelay(true);
   server_.set_payload_max_length(options_.maxBodyBytes);
-  server_.set_read_timeout(5, 0);
-  server_.set_write_timeout(5, 0);
 
-  server_.set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
-    requestStart = Clock::now();
-    return httplib::Server::HandlerResponse::Unhandled;
-  });
+  server_.set_pre_routing_handler(
+      [this](const httplib::Request& request, httplib::Response& response) {
+        requestStart = Clock::now();
+        if (AdminGate::guards(request.path) && !gate_.admit(request, response)) {
+          return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+      });
   // Every refusal is JSON, including the ones httplib makes itself (unknown path, oversized or
   // unreadable body); a handler's own error body is left as it is.
   server_.set_error_handler(httplib::Server::HandlerWithResponse(
       [](const httplib::Request&, httplib::Response& response) {
-    if (!response.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
-    sendError(response, response.status, defaultStatusMessage(response.status));
-    return httplib::Server::HandlerResponse::Handled;
-  }));
+        if (!response.body.empty()) return httplib::Server::HandlerResponse::Unhandled;
+        sendError(response, response.status, defaultStatusMessage(response.status));
+        return httplib::Server::HandlerResponse::Handled;
+      }));
   server_.set_exception_handler(
       [](const httplib::Request& request, httplib::Response& response, std::exception_ptr ep) {
         std::string what = "unknown exception";
@@ -116,15 +127,21 @@ DevServer::DevServer(DevServerOptions options, std::unique_ptr<PollStore> store,
     }
   });
 
-  installServiceApi(server_, *store_, tokens_);
-  installAdminApi(server_, *store_);
+  installServiceApi(server_, *store_, tokens_, events_, options_.maxBodyBytes);
+  installAdminApi(server_, AdminContext{*store_, events_, options_.push, options_.maxBodyBytes});
+  installDashboard(server_);
+  installBoundedFallback(server_, options_.maxBodyBytes,
+                         [](const httplib::Request&, httplib::Response& response) {
+                           sendError(response, 404, "not found");
+                         });
 }
 
 DevServer::~DevServer() { stop(); }
 
 int DevServer::bind(const std::string& host, int port) {
-  if (port == 0) return server_.bind_to_any_port(host);
-  return server_.bind_to_port(host, port) ? port : -1;
+  int bound = server_.bindListening(host, port);
+  if (bound > 0) gate_.setListening(host, bound);
+  return bound;
 }
 
 bool DevServer::run() {
@@ -143,6 +160,8 @@ bool DevServer::run() {
 }
 
 void DevServer::stop() {
+  events_.close();
+  server_.beginShutdown();
   std::unique_lock lock(mutex_);
   stopRequested_ = true;
   // httplib ignores stop() until its accept loop has started, so keep asking until run() is out.

@@ -12,9 +12,14 @@
 #include <string>
 
 #include "AccessToken.h"
+#include "AdminGate.h"
+#include "EventHub.h"
+#include "GuardedServer.h"
 #include "PollStore.h"
 
 namespace quorvia::devserver {
+
+class PushFanout;
 
 // How a DevServer is set up.
 struct DevServerOptions {
@@ -23,8 +28,15 @@ struct DevServerOptions {
   // Key that signs access tokens; when empty, the one stored in the database is used, or a new
   // random one is generated and stored there so tokens survive restarts.
   std::string jwtSecret;
-  // Larger request bodies are refused with 413 before any handler sees them.
+  // Larger request bodies are refused with 413 before any handler sees them, however framed.
   size_t maxBodyBytes = 1024 * 1024;
+  // Token the dashboard and the admin API require; empty turns the check off.
+  std::string adminToken;
+  // Sends pushes for POST /admin/polls/<id>/push; null answers that call 503. Must outlive the
+  // server.
+  PushFanout* push = nullptr;
+  // Time, size and number limits of client connections.
+  ConnectionLimits limits;
   // Receives one line per request ("POST /endpoints/ 200 0.4 ms"), from the server's worker
   // threads, possibly several at once. When empty, lines go to standard output.
   std::function<void(const std::string&)> requestLog;
@@ -51,7 +63,8 @@ class DevServer final {
   bool run();
 
   // Makes run() return, waiting until it has; safe from any thread (including before run()
-  // starts, in which case run() returns at once). In-flight requests are finished first.
+  // starts, in which case run() returns at once). In-flight requests are finished first; event
+  // streams and idle connections are ended.
   void stop();
 
  private:
@@ -60,7 +73,9 @@ class DevServer final {
   DevServerOptions options_;
   std::unique_ptr<PollStore> store_;
   AccessToken tokens_;
-  httplib::Server server_;
+  EventHub events_;
+  AdminGate gate_;
+  GuardedServer server_;
 
   std::mutex mutex_;
   std::condition_variable stateChanged_;

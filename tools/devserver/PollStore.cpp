@@ -1,6 +1,12 @@
 #include "PollStore.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 namespace quorvia::devserver {
 
@@ -22,13 +28,15 @@ CREATE TABLE IF NOT EXISTS devices (
   user_info TEXT,
   created_at TEXT NOT NULL,
   updated_at TEXT NOT NULL,
+  last_seen_at TEXT,
   UNIQUE (app_token, push_token)
 );
 CREATE TABLE IF NOT EXISTS polls (
   id INTEGER PRIMARY KEY AUTOINCREMENT,
   app_token TEXT NOT NULL,
   question TEXT NOT NULL,
-  created_at TEXT NOT NULL
+  created_at TEXT NOT NULL,
+  category TEXT NOT NULL DEFAULT 'Yes.No'
 );
 CREATE TABLE IF NOT EXISTS poll_options (
   poll_id INTEGER NOT NULL REFERENCES polls(id),
@@ -45,7 +53,14 @@ CREATE TABLE IF NOT EXISTS replies (
   created_at TEXT NOT NULL
 );
 CREATE INDEX IF NOT EXISTS replies_by_device ON replies (device_id, poll_id);
+CREATE INDEX IF NOT EXISTS replies_by_poll ON replies (poll_id);
 )sql";
+
+// Columns added after the first release; adding one that exists fails harmlessly.
+constexpr const char* kLaterColumns[] = {
+    "ALTER TABLE devices ADD COLUMN last_seen_at TEXT",
+    "ALTER TABLE polls ADD COLUMN category TEXT NOT NULL DEFAULT 'Yes.No'",
+};
 
 constexpr const char* kNow = "strftime('%Y-%m-%dT%H:%M:%fZ', 'now')";
 
@@ -74,8 +89,7 @@ class Statement final {
     if (stmt_ == nullptr) return *this;
     ++index_;
     if constexpr (std::is_same_v<Arg, std::string>) {
-      sqlite3_bind_text(stmt_, index_, arg.data(), static_cast<int>(arg.size()),
-                        SQLITE_TRANSIENT);
+      sqlite3_bind_text(stmt_, index_, arg.data(), static_cast<int>(arg.size()), SQLITE_TRANSIENT);
     } else if constexpr (std::is_same_v<Arg, std::optional<std::string>>) {
       if (arg) {
         sqlite3_bind_text(stmt_, index_, arg->data(), static_cast<int>(arg->size()),
@@ -148,22 +162,55 @@ void bindAll(Statement& statement, const std::vector<std::variant<std::string, i
 }
 
 constexpr const char* kDeviceColumns =
-    "d.id, d.app_token, d.push_token, d.platform, d.user_info, d.created_at, d.updated_at";
+    "d.id, d.app_token, d.push_token, d.platform, d.user_info, d.created_at, d.updated_at, "
+    "d.last_seen_at";
 
 DeviceRecord readDevice(Statement& s, int first) {
-  return DeviceRecord{s.integer(first),     s.text(first + 1),         s.text(first + 2),
-                      s.text(first + 3),    s.optionalText(first + 4), s.text(first + 5),
-                      s.text(first + 6)};
+  return DeviceRecord{s.integer(first),  s.text(first + 1),         s.text(first + 2),
+                      s.text(first + 3), s.optionalText(first + 4), s.text(first + 5),
+                      s.text(first + 6), s.optionalText(first + 7)};
+}
+
+// The database holds the token signing key and what users told the service: it and its
+// journal are readable by their owner only, in a directory only the owner can list.
+bool prepareOwnerOnlyFile(const std::filesystem::path& path, std::string* error) {
+  std::filesystem::path parent = path.parent_path();
+  std::vector<std::filesystem::path> missing;
+  for (std::filesystem::path dir = parent; !dir.empty() && !std::filesystem::exists(dir);
+       dir = dir.parent_path()) {
+    missing.push_back(dir);
+    if (dir == dir.parent_path()) break;
+  }
+  for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+    if (::mkdir(it->c_str(), 0700) != 0 && errno != EEXIST) {
+      if (error) *error = "cannot create " + it->string() + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    if (error) *error = "cannot open " + path.string() + ": " + std::strerror(errno);
+    return false;
+  }
+  // An older database may still be readable by others; SQLite gives new journals the mode of
+  // the database file, so tightening it covers them too.
+  ::fchmod(fd, 0600);
+  ::close(fd);
+  for (const char* suffix : {"-wal", "-shm", "-journal"}) {
+    std::filesystem::path companion = path.string() + suffix;
+    if (std::filesystem::exists(companion)) ::chmod(companion.c_str(), 0600);
+  }
+  return true;
 }
 
 }  // namespace
 
-std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path,
-                                           std::string* error) {
+std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path, std::string* error) {
+  if (!prepareOwnerOnlyFile(path, error)) return nullptr;
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db,
-                           SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(path.c_str(), &db,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   if (rc != SQLITE_OK) {
     if (error) *error = "cannot open " + path.string() + ": " + sqlite3_errstr(rc);
     sqlite3_close(db);
@@ -173,13 +220,14 @@ std::unique_ptr<PollStore> PollStore::open(const std::filesystem::path& path,
   char* message = nullptr;
   if (sqlite3_exec(db, kSchema, nullptr, nullptr, &message) != SQLITE_OK) {
     if (error) {
-      *error = "cannot use " + path.string() + " as the devserver database: " +
-               (message ? message : "unknown error");
+      *error = "cannot use " + path.string() +
+               " as the devserver database: " + (message ? message : "unknown error");
     }
     sqlite3_free(message);
     sqlite3_close(db);
     return nullptr;
   }
+  for (const char* column : kLaterColumns) sqlite3_exec(db, column, nullptr, nullptr, nullptr);
   return std::unique_ptr<PollStore>(new PollStore(db));
 }
 
@@ -234,27 +282,35 @@ std::vector<DeviceRecord> PollStore::devices(const std::optional<std::string>& a
 
 bool PollStore::setUserInfo(int64_t deviceId, const std::string& userInfo) {
   std::lock_guard lock(mutex_);
-  Statement s(db_, std::string("UPDATE devices SET user_info = ?, updated_at = ") + kNow +
-                       " WHERE id = ?");
+  Statement s(
+      db_, std::string("UPDATE devices SET user_info = ?, updated_at = ") + kNow + " WHERE id = ?");
   s.bind(userInfo).bind(deviceId);
   return s.step() == SQLITE_DONE && sqlite3_changes(db_) == 1;
 }
 
+void PollStore::touchDevice(int64_t deviceId) {
+  std::lock_guard lock(mutex_);
+  Statement s(db_, std::string("UPDATE devices SET last_seen_at = ") + kNow + " WHERE id = ?");
+  s.bind(deviceId);
+  s.step();
+}
+
 std::optional<PollRecord> PollStore::createPoll(const std::string& appToken,
                                                 const std::string& question,
-                                                const std::vector<PollOption>& options) {
+                                                const std::vector<PollOption>& options,
+                                                const std::string& category) {
   std::lock_guard lock(mutex_);
   Transaction transaction(db_);
   if (!transaction.began()) return std::nullopt;
-  Statement insert(db_, std::string("INSERT INTO polls (app_token, question, created_at) "
-                                    "VALUES (?, ?, ") +
+  Statement insert(db_, std::string("INSERT INTO polls (app_token, question, category, "
+                                    "created_at) VALUES (?, ?, ?, ") +
                             kNow + ")");
-  insert.bind(appToken).bind(question);
+  insert.bind(appToken).bind(question).bind(category);
   if (insert.step() != SQLITE_DONE) return std::nullopt;
   int64_t id = sqlite3_last_insert_rowid(db_);
   for (size_t i = 0; i < options.size(); ++i) {
-    Statement option(db_,
-                     "INSERT INTO poll_options (poll_id, position, text, link) VALUES (?, ?, ?, ?)");
+    Statement option(
+        db_, "INSERT INTO poll_options (poll_id, position, text, link) VALUES (?, ?, ?, ?)");
     option.bind(id).bind(static_cast<int64_t>(i)).bind(options[i].text).bind(options[i].link);
     if (option.step() != SQLITE_DONE) return std::nullopt;
   }
@@ -262,6 +318,33 @@ std::optional<PollRecord> PollStore::createPoll(const std::string& appToken,
   std::vector<PollRecord> found = queryPolls("p.id = ?", {id});
   if (found.empty()) return std::nullopt;
   return found.front();
+}
+
+bool PollStore::deletePoll(int64_t id) {
+  std::lock_guard lock(mutex_);
+  Transaction transaction(db_);
+  if (!transaction.began()) return false;
+  for (const char* sql :
+       {"DELETE FROM replies WHERE poll_id = ?", "DELETE FROM poll_options WHERE poll_id = ?"}) {
+    Statement s(db_, sql);
+    s.bind(id);
+    if (s.step() != SQLITE_DONE) return false;
+  }
+  Statement s(db_, "DELETE FROM polls WHERE id = ?");
+  s.bind(id);
+  if (s.step() != SQLITE_DONE || sqlite3_changes(db_) != 1) return false;
+  return transaction.commit();
+}
+
+std::vector<std::pair<std::string, int64_t>> PollStore::replyCounts(int64_t pollId) {
+  std::lock_guard lock(mutex_);
+  std::vector<std::pair<std::string, int64_t>> counts;
+  Statement s(db_,
+              "SELECT reply_text, COUNT(*) AS n FROM replies WHERE poll_id = ? GROUP BY "
+              "reply_text ORDER BY n DESC, MIN(id)");
+  s.bind(pollId);
+  while (s.step() == SQLITE_ROW) counts.emplace_back(s.text(0), s.integer(1));
+  return counts;
 }
 
 std::optional<PollRecord> PollStore::poll(int64_t id) {
@@ -319,11 +402,12 @@ std::vector<PollRecord> PollStore::queryPolls(const std::string& where,
   std::vector<PollRecord> polls;
   Statement s(db_,
               "SELECT p.id, p.app_token, p.question, p.created_at, (SELECT COUNT(*) FROM replies "
-              "r WHERE r.poll_id = p.id) FROM polls p WHERE " +
+              "r WHERE r.poll_id = p.id), p.category FROM polls p WHERE " +
                   where + " ORDER BY p.id");
   bindAll(s, args);
   while (s.step() == SQLITE_ROW) {
-    polls.push_back(PollRecord{s.integer(0), s.text(1), s.text(2), {}, s.text(3), s.integer(4)});
+    polls.push_back(
+        PollRecord{s.integer(0), s.text(1), s.text(2), {}, s.text(3), s.integer(4), s.text(5)});
   }
   for (PollRecord& poll : polls) {
     Statement o(db_, "SELECT text, link FROM poll_options WHERE poll_id = ? ORDER BY position");
@@ -352,7 +436,8 @@ std::vector<ReplyRecord> PollStore::queryReplies(const std::string& where,
                        " ORDER BY r.id");
   bindAll(s, args);
   while (s.step() == SQLITE_ROW) {
-    replies.push_back(ReplyRecord{s.integer(0), s.integer(1), s.text(2), s.text(3), readDevice(s, 4)});
+    replies.push_back(
+        ReplyRecord{s.integer(0), s.integer(1), s.text(2), s.text(3), readDevice(s, 4)});
   }
   return replies;
 }

@@ -27,6 +27,7 @@ struct PollRecord {
   std::vector<PollOption> options;
   std::string createdAt;  // UTC, ISO 8601 with milliseconds
   int64_t replyCount = 0;
+  std::string category;  // the notification category a push of this poll uses
 };
 
 // A registered device: one per (app token, push token) pair.
@@ -38,6 +39,7 @@ struct DeviceRecord {
   std::optional<std::string> userInfo;  // the text the SDK posted, verbatim
   std::string createdAt;
   std::string updatedAt;
+  std::optional<std::string> lastSeenAt;  // the device's latest authorised call
 };
 
 // A recorded reply with the device that sent it.
@@ -75,10 +77,17 @@ class PollStore final {
   std::optional<DeviceRecord> device(int64_t id);
   std::vector<DeviceRecord> devices(const std::optional<std::string>& appToken);
   bool setUserInfo(int64_t deviceId, const std::string& userInfo);
+  // Records that the device just made an authorised call.
+  void touchDevice(int64_t deviceId);
 
   // Stores a new poll with its options; returns it with its id and time.
   std::optional<PollRecord> createPoll(const std::string& appToken, const std::string& question,
-                                       const std::vector<PollOption>& options);
+                                       const std::vector<PollOption>& options,
+                                       const std::string& category = "Yes.No");
+  // Removes the poll with its options and replies; false when there is no such poll.
+  bool deletePoll(int64_t id);
+  // How often each reply text was sent to the poll, most frequent first.
+  std::vector<std::pair<std::string, int64_t>> replyCounts(int64_t pollId);
   std::optional<PollRecord> poll(int64_t id);
   // Every poll (of `appToken` when given), oldest first.
   std::vector<PollRecord> polls(const std::optional<std::string>& appToken);
@@ -98,10 +107,8 @@ class PollStore final {
 
   // The caller holds mutex_ in all of these.
   std::vector<PollRecord> queryPolls(const std::string& where, const std::vector<SqlArg>& args);
-  std::vector<DeviceRecord> queryDevices(const std::string& where,
-                                         const std::vector<SqlArg>& args);
-  std::vector<ReplyRecord> queryReplies(const std::string& where,
-                                        const std::vector<SqlArg>& args);
+  std::vector<DeviceRecord> queryDevices(const std::string& where, const std::vector<SqlArg>& args);
+  std::vector<ReplyRecord> queryReplies(const std::string& where, const std::vector<SqlArg>& args);
 
   std::mutex mutex_;
   sqlite3* db_;

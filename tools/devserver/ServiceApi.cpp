@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "AdminJson.h"
+#include "BoundedBody.h"
 #include "JsonResponse.h"
 #include "SdkForm.h"
 
@@ -13,16 +15,6 @@ namespace quorvia::devserver {
 namespace {
 
 using nlohmann::json;
-
-json pollJson(const PollRecord& poll) {
-  json options = json::array();
-  for (const PollOption& option : poll.options) {
-    json entry{{"text", option.text}};
-    if (option.link) entry["link"] = *option.link;
-    options.push_back(std::move(entry));
-  }
-  return json{{"id", poll.id}, {"question", poll.question}, {"options", std::move(options)}};
-}
 
 // Tokens carry these texts in their JSON claims, which must be UTF-8 to match them again later.
 bool isUtf8(const std::string& text) {
@@ -69,11 +61,12 @@ std::optional<DeviceRecord> authorisedDevice(const httplib::Request& request,
     sendError(response, 401, "invalid access token");
     return std::nullopt;
   }
+  store.touchDevice(device->id);
   return device;
 }
 
-void registerDevice(const httplib::Request& request, httplib::Response& response,
-                    PollStore& store, const AccessToken& tokens) {
+void registerDevice(const httplib::Request& request, httplib::Response& response, PollStore& store,
+                    const AccessToken& tokens, EventHub& events) {
   auto form = parseSdkForm(request.body, {"push_token", "app_token", "platform"});
   auto pushToken = form.find("push_token");
   auto appToken = form.find("app_token");
@@ -100,11 +93,12 @@ void registerDevice(const httplib::Request& request, httplib::Response& response
               {"app_token", device->appToken},
               {"push_token", device->pushToken},
               {"iat", static_cast<int64_t>(std::time(nullptr))}};
+  events.publish(json{{"type", "device"}, {"app_token", device->appToken}}.dump());
   sendJson(response, 200, json{{"access_token", tokens.issue(claims)}});
 }
 
 void setUserInfo(const httplib::Request& request, httplib::Response& response, PollStore& store,
-                 const AccessToken& tokens) {
+                 const AccessToken& tokens, EventHub& events) {
   std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens);
   if (!device) return;
   auto form = parseSdkForm(request.body, {"user_info"});
@@ -116,11 +110,12 @@ void setUserInfo(const httplib::Request& request, httplib::Response& response, P
     sendError(response, 500, "could not store the user info");
     return;
   }
+  events.publish(json{{"type", "device"}, {"app_token", device->appToken}}.dump());
   sendJson(response, 200, json{{"status", "ok"}});
 }
 
 void sendReply(const httplib::Request& request, httplib::Response& response, PollStore& store,
-               const AccessToken& tokens) {
+               const AccessToken& tokens, EventHub& events) {
   std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens);
   if (!device) return;
   // A poll id the SDK could not read arrives as "(null)" and lands here as unknown.
@@ -141,6 +136,11 @@ void sendReply(const httplib::Request& request, httplib::Response& response, Pol
     sendError(response, 500, "could not record the reply");
     return;
   }
+  events.publish(json{{"type", "reply"},
+                      {"poll_id", reply->pollId},
+                      {"app_token", device->appToken},
+                      {"reply", replyJson(*reply)}}
+                     .dump(-1, ' ', false, json::error_handler_t::replace));
   sendJson(response, 201,
            json{{"id", reply->id},
                 {"poll_id", reply->pollId},
@@ -149,7 +149,7 @@ void sendReply(const httplib::Request& request, httplib::Response& response, Pol
 }
 
 void fetchPolls(const httplib::Request& request, httplib::Response& response, PollStore& store,
-                const AccessToken& tokens) {
+                const AccessToken& tokens, EventHub& /*events*/) {
   std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens);
   if (!device) return;
   std::string appToken = request.matches[1].str();
@@ -159,23 +159,24 @@ void fetchPolls(const httplib::Request& request, httplib::Response& response, Po
   }
   json results = json::array();
   for (const PollRecord& poll : store.pendingPolls(appToken, device->id)) {
-    results.push_back(pollJson(poll));
+    results.push_back(pollDictionary(poll));
   }
   sendJson(response, 200, json{{"results", std::move(results)}});
 }
 
 }  // namespace
 
-void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens) {
-  auto bind = [&store, &tokens](auto handler) {
-    return [&store, &tokens, handler](const httplib::Request& request,
-                                      httplib::Response& response) {
-      handler(request, response, store, tokens);
+void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens,
+                       EventHub& events, size_t maxBodyBytes) {
+  auto bind = [&store, &tokens, &events](auto handler) {
+    return [&store, &tokens, &events, handler](const httplib::Request& request,
+                                               httplib::Response& response) {
+      handler(request, response, store, tokens, events);
     };
   };
-  server.Post(R"(/endpoints/?)", bind(registerDevice));
-  server.Post(R"(/me/?)", bind(setUserInfo));
-  server.Post(R"(/polls/([^/]+)/replies/?)", bind(sendReply));
+  server.Post(R"(/endpoints/?)", withBoundedBody(maxBodyBytes, bind(registerDevice)));
+  server.Post(R"(/me/?)", withBoundedBody(maxBodyBytes, bind(setUserInfo)));
+  server.Post(R"(/polls/([^/]+)/replies/?)", withBoundedBody(maxBodyBytes, bind(sendReply)));
   server.Get(R"(/apps/([^/]+)/polls/?)", bind(fetchPolls));
 }
 

@@ -3,6 +3,7 @@
 #include <httplib.h>
 
 #include "AccessToken.h"
+#include "EventHub.h"
 #include "PollStore.h"
 
 namespace quorvia::devserver {
@@ -14,7 +15,9 @@ namespace quorvia::devserver {
 //   GET  /apps/<app token>/polls/  (authorised)                     -> {"results": [poll...]}
 // Each path is accepted with and without its trailing slash. Calls that need a device answer
 // 401 {"error": ...} without a valid "Authorization: JWT <token>" header.
-// `store` and `tokens` must outlive `server`.
-void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens);
+// Registrations, user info and replies are announced on `events`. Bodies longer than
+// `maxBodyBytes` answer 413. `store`, `tokens` and `events` must outlive `server`.
+void installServiceApi(httplib::Server& server, PollStore& store, const AccessToken& tokens,
+                       EventHub& events, size_t maxBodyBytes);
 
 }  // namespace quorvia::devserver
