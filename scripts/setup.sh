@@ -13,7 +13,7 @@ packages=(
   libmosquitto-dev mosquitto
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 procps curl
-  chromium libmosquitto-dev mosquitto
+  chromium
 )
 
 if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi

@@ -1,0 +1,281 @@
+#!/usr/bin/env python3
+"""Drives the end-to-end demo: a mosquitto broker, the local poll service and
+the host simulator, all on loopback. A poll arrives by push and is answered from
+the banner; a second one is fetched when the app becomes active and answered
+too. Every step is printed as it happens and checked; any failure ends the run
+with a message and exit status 1.
+
+    demo_driver.py --devserver PATH --sim PATH --work DIR --png-dir DIR
+"""
+import argparse
+import json
+import os
+import queue
+import secrets
+import signal
+import socket
+import subprocess
+import sys
+import threading
+import time
+import urllib.request
+
+APP_TOKEN = "demo-app"
+WAIT = 20  # seconds any one step may take
+
+
+class DemoFailed(Exception):
+    pass
+
+
+def step(text):
+    print(f"\n== {text}", flush=True)
+
+
+def free_port():
+    with socket.socket() as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_for_port(port, process, what):
+    deadline = time.monotonic() + WAIT
+    while time.monotonic() < deadline:
+        if process.poll() is not None:
+            raise DemoFailed(f"{what} exited at start")
+        try:
+            with socket.create_connection(("127.0.0.1", port), timeout=0.2):
+                return
+        except OSError:
+            time.sleep(0.05)
+    raise DemoFailed(f"{what} did not accept connections on port {port} within {WAIT} s")
+
+
+class Service:
+    def __init__(self, base, token):
+        self.base, self.token = base, token
+
+    def call(self, method, path, body=None):
+        data = None if body is None else json.dumps(body).encode()
+        request = urllib.request.Request(self.base + path, data=data, method=method)
+        request.add_header("X-Quorvia-Admin-Token", self.token)
+        if data is not None:
+            request.add_header("Content-Type", "application/json")
+        try:
+            with urllib.request.urlopen(request, timeout=WAIT) as answer:
+                return json.load(answer)
+        except urllib.error.HTTPError as e:
+            raise DemoFailed(f"{method} {path} answered {e.code}: {e.read().decode(errors='replace')}")
+
+
+class Simulator:
+    """The host simulator as a child: commands in, events out, printed as they come."""
+
+    def __init__(self, path, env, data_dir, png_dir, log):
+        self.process = subprocess.Popen(
+            [path, "--script", "-", "--data-dir", data_dir, "--png-dir", png_dir],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=env, text=True)
+        self.events = queue.Queue()
+        self.seen = []
+        threading.Thread(target=self._read, daemon=True).start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            event = json.loads(line)
+            self.events.put(event)
+        self.events.put(None)
+
+    def send(self, command):
+        self.process.stdin.write(json.dumps(command, ensure_ascii=False) + "\n")
+        self.process.stdin.flush()
+
+    def wait_for(self, what, matches):
+        deadline = time.monotonic() + WAIT
+        while True:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise DemoFailed(f"no {what} within {WAIT} s")
+            try:
+                event = self.events.get(timeout=left)
+            except queue.Empty:
+                continue
+            if event is None:
+                raise DemoFailed(f"the simulator ended before {what}")
+            self.seen.append(event)
+            show(event)
+            if event["event"] == "error":
+                raise DemoFailed(f"the simulator refused a command: {event['message']}")
+            if matches(event):
+                return event
+
+    def log_line(self, what, prefix):
+        return self.wait_for(what, lambda e: e["event"] == "log" and e["line"].startswith(prefix))
+
+    def state(self):
+        self.send({"cmd": "state"})
+        return self.wait_for("a state", lambda e: e["event"] == "state")
+
+    def quit(self):
+        if self.process.poll() is None:
+            self.send({"cmd": "quit"})
+            try:
+                self.process.wait(timeout=WAIT)
+            except subprocess.TimeoutExpired:
+                self.process.kill()
+
+
+def show(event):
+    kind = event.get("event")
+    if kind == "log":
+        print("  sdk:", event["line"], flush=True)
+        if event["line"].startswith("QuorviaSDK: Failed to set user info"):
+            print("       (the SDK's two user-info messages are swapped on purpose: "
+                  "this one means it was sent)")
+    elif kind == "state":
+        b = event["banner"]
+        banner = "none" if b is None else "%s, %s" % (
+            "expanded" if b["expanded"] else "collapsed", json.dumps(b["question"], ensure_ascii=False))
+        print("  state: access token %s, banner %s" % (
+            "stored" if event["accessToken"] else "none", banner), flush=True)
+    elif kind not in ("hostCallback", "completion", "backgroundTask"):
+        print("  %s: %s" % (kind, json.dumps({k: v for k, v in event.items() if k != "event"},
+                                            ensure_ascii=False)), flush=True)
+
+
+def check(ok, what):
+    print("  %s %s" % ("ok  " if ok else "FAIL", what), flush=True)
+    if not ok:
+        raise DemoFailed(what)
+
+
+def answer_banner(sim, png_dir, stem, option):
+    sim.send({"cmd": "wait", "seconds": 0.5})  # the slide-in takes 0.3 s
+    state = sim.state()
+    check(state["banner"] is not None and not state["banner"]["expanded"], "the banner slid in collapsed")
+    sim.send({"cmd": "snapshot", "path": f"{stem}-collapsed.png"})
+    sim.wait_for("a snapshot", lambda e: e["event"] == "snapshot")
+    sim.send({"cmd": "tapCard"})
+    sim.send({"cmd": "wait", "seconds": 0.6})
+    state = sim.state()
+    check(state["banner"] is not None and state["banner"]["expanded"], "tapping the card expanded it")
+    sim.send({"cmd": "snapshot", "path": f"{stem}-expanded.png"})
+    sim.wait_for("a snapshot", lambda e: e["event"] == "snapshot")
+    sim.send({"cmd": "tapOption", "index": option})
+    sim.log_line("the reply", "QuorviaSDK: Successfuly sent reply: ")
+    sim.send({"cmd": "wait", "seconds": 0.5})
+    check(not sim.state()["presentedPollView"], "the banner went away")
+    for name in (f"{stem}-collapsed.png", f"{stem}-expanded.png"):
+        path = os.path.join(png_dir, name)
+        check(os.path.exists(path) and os.path.getsize(path) > 10000, "wrote " + path)
+
+
+def replies_of(service, poll_id):
+    return service.call("GET", f"/admin/polls/{poll_id}/replies")["replies"]
+
+
+def run(args):
+    children = []
+    work = args.work
+    try:
+        step("starting a mosquitto broker on a free loopback port")
+        broker_port = free_port()
+        with open(os.path.join(work, "mosquitto.conf"), "w") as conf:
+            conf.write(f"listener {broker_port} 127.0.0.1\nallow_anonymous true\n"
+                       f"persistence true\npersistence_location {work}/\n")
+        broker = subprocess.Popen(["mosquitto", "-c", os.path.join(work, "mosquitto.conf")],
+                                  stdout=open(os.path.join(work, "broker.log"), "w"),
+                                  stderr=subprocess.STDOUT)
+        children.append(broker)
+        wait_for_port(broker_port, broker, "mosquitto")
+        broker_url = f"mqtt://127.0.0.1:{broker_port}"
+        print(f"broker: {broker_url} (pid {broker.pid})")
+
+        step("starting the poll service, pushing through that broker")
+        port = free_port()
+        admin = secrets.token_hex(16)
+        server = subprocess.Popen(
+            [args.devserver, "--host", "127.0.0.1", "--port", str(port), "--db",
+             os.path.join(work, "devserver.sqlite3"), "--admin-token", admin, "--broker", broker_url],
+            stdout=open(os.path.join(work, "server.log"), "w"), stderr=subprocess.STDOUT)
+        children.append(server)
+        wait_for_port(port, server, "the poll service")
+        base = f"http://127.0.0.1:{port}"
+        service = Service(base, admin)
+        print(f"service: {base} (pid {server.pid})\ndashboard: {base}/?token={admin}")
+
+        step("launching the host simulator: the device gets its token from the broker")
+        env = dict(os.environ, QUORVIA_SERVICE_BASE_URL=base, QUORVIA_PUSH_BROKER=broker_url)
+        sim = Simulator(args.sim, env, os.path.join(work, "app-data"), args.png_dir,
+                        open(os.path.join(work, "sim.stderr"), "w"))
+        children.append(sim.process)
+        sim.send({"cmd": "launch", "appToken": APP_TOKEN, "launchOptions": None, "swizzling": True,
+                  "delegate": {"implements": []},
+                  "settings": {"types": 7, "categories": []}})
+        sim.send({"cmd": "askPermission"})
+        sim.log_line("a device token from the broker", "QuorviaSDK: Received device push token")
+        sim.log_line("the registration", "QuorviaSDK: Successfully registered device push token.")
+        check(sim.state()["accessToken"], "the access token is in the keychain")
+
+        step("pushing a poll from the service's admin API")
+        pushed = service.call("POST", "/admin/polls", {
+            "app_token": APP_TOKEN, "question": "How was your trip today? 🚆", "category": "thumbsup.thumbsdown",
+            "options": [{"text": "👍 Loved it"}, {"text": "🤔 It was fine"},
+                        {"text": "👎 Not really", "link": "https://example.com/feedback"}]})
+        sent = service.call("POST", f"/admin/polls/{pushed['id']}/push", {})
+        print(f"  service: {json.dumps(sent)}")
+        check(sent.get("sent", 0) >= 1, "the service published the push")
+        sim.log_line("the pushed poll", "QuorviaSDK: Presenting poll: ")
+        answer_banner(sim, args.png_dir, "banner", 0)
+        # User info rides on the header the reply installed.
+        sim.send({"cmd": "setUserInfo", "userInfo": {"name": "Demo user", "plan": "trial"}})
+        sim.log_line("the user info", "QuorviaSDK: Failed to set user info")
+
+        step("a second poll, fetched when the app becomes active")
+        fetched = service.call("POST", "/admin/polls", {
+            "app_token": APP_TOKEN, "question": "Coffee or tea?",
+            "options": [{"text": "☕ Coffee"}, {"text": "🍵 Tea"}]})
+        sim.send({"cmd": "becomeActive"})
+        sim.log_line("the fetched poll", "QuorviaSDK: Presenting poll: Coffee or tea?")
+        answer_banner(sim, args.png_dir, "fetched", 1)
+        sim.quit()
+
+        step("replies recorded by the service")
+        expected = {pushed["id"]: "👍 Loved it", fetched["id"]: "🍵 Tea"}
+        for poll_id, text in expected.items():
+            replies = replies_of(service, poll_id)
+            for r in replies:
+                d = r["device"]
+                print("  poll %s, reply %d at %s: %s  (push token %s, user info %s)" % (
+                    poll_id, r["id"], r["created_at"], json.dumps(r["reply_text"], ensure_ascii=False),
+                    d["push_token"], json.dumps(d["user_info"], ensure_ascii=False)))
+            check(len(replies) == 1 and replies[0]["reply_text"] == text,
+                  f"the service recorded {json.dumps(text, ensure_ascii=False)} for poll {poll_id}")
+        # A form body carries the dictionary's description, as the service receives it.
+        check("Demo user" in json.dumps(replies[0]["device"]["user_info"]),
+              "the service keeps the user info the host sent")
+    finally:
+        for child in reversed(children):
+            if child.poll() is None:
+                child.send_signal(signal.SIGTERM)
+                try:
+                    child.wait(timeout=5)
+                except subprocess.TimeoutExpired:
+                    child.kill()
+                    child.wait()
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    for name in ("--devserver", "--sim", "--work", "--png-dir"):
+        parser.add_argument(name, required=True)
+    args = parser.parse_args()
+    try:
+        run(args)
+    except DemoFailed as e:
+        print(f"\ndemo: FAILED: {e}", file=sys.stderr)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
