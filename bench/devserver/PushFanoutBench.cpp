@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "DevServer.h"
-#include "MosquittoBroker.h"
+#include "support/MosquittoBroker.h"
 #include "PollStore.h"
 #include "PushSender.h"
 
@@ -27,7 +27,7 @@ constexpr const char* kAdminToken = "bench-admin-token";
 // A devserver with kDevices devices of one app, one poll, and a broker, built once.
 struct FanoutSetup {
   fs::path directory;
-  std::unique_ptr<testing::MosquittoBroker> broker;
+  std::unique_ptr<quorvia::testing::MosquittoBroker> broker;
   std::unique_ptr<PushSender> sender;
   std::unique_ptr<DevServer> server;
   std::thread serving;
@@ -37,9 +37,9 @@ struct FanoutSetup {
   bool start() {
     directory = fs::temp_directory_path() / ("devserver-bench-" + std::to_string(getpid()));
     fs::create_directories(directory);
-    broker = std::make_unique<testing::MosquittoBroker>(directory);
-    if (broker->port() == 0) return false;
+    broker = std::make_unique<quorvia::testing::MosquittoBroker>(directory);
     std::string error;
+    if (!broker->start(quorvia::testing::MosquittoBroker::freePort(), &error)) return false;
     {
       std::fprintf(stderr, "registering %d devices...\n", kDevices);
       std::unique_ptr<PollStore> store = PollStore::open(directory / "bench.sqlite3", &error);

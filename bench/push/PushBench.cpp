@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "push/MosquittoBroker.h"
+#include "support/MosquittoBroker.h"
 #include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/PushService.h"
 #include "quorvia/platform/RunLoop.h"

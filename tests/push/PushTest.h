@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "push/MosquittoBroker.h"
+#include "support/MosquittoBroker.h"
 #include "quorvia/platform/PushService.h"
 #include "support/PlatformTest.h"
 

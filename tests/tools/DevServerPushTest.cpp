@@ -2,13 +2,16 @@
 // that devices receive, what the push call answers, and a broker that is down.
 
 #include "DevServerFixture.h"
-#include "MosquittoBroker.h"
+#include "support/MosquittoBroker.h"
 #include "PushSender.h"
 
 namespace quorvia::devserver::testing {
 namespace {
 
 using nlohmann::json;
+using quorvia::testing::Delivery;
+using quorvia::testing::DeviceSubscriber;
+using quorvia::testing::MosquittoBroker;
 
 constexpr auto kBound = std::chrono::seconds(10);
 
@@ -35,7 +38,8 @@ class DevServerPushTest : public DevServerTest {
 
 TEST_F(DevServerPushTest, PushPublishesThePollToEachDeviceTopicOnceAcknowledged) {
   MosquittoBroker broker(directory_);
-  ASSERT_GT(broker.port(), 0) << "mosquitto did not start";
+  std::string error;
+  ASSERT_TRUE(broker.start(MosquittoBroker::freePort(), &error)) << error;
   DeviceSubscriber devices(broker.port());
   ASSERT_TRUE(devices.ready());
   useBroker(broker.url());
@@ -92,7 +96,8 @@ TEST_F(DevServerPushTest, PushPublishesThePollToEachDeviceTopicOnceAcknowledged)
 
 TEST_F(DevServerPushTest, ABrokerThatIsDownGivesAnErrorAnswerNotAHang) {
   MosquittoBroker broker(directory_);
-  ASSERT_GT(broker.port(), 0);
+  std::string error;
+  ASSERT_TRUE(broker.start(MosquittoBroker::freePort(), &error)) << error;
   const int port = broker.port();
   broker.stop();
   useBroker("mqtt://127.0.0.1:" + std::to_string(port), std::chrono::seconds(2));

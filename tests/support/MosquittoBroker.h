@@ -1,6 +1,7 @@
 #pragma once
 // A mosquitto broker on a loopback port, started and stopped by the test that
-// owns it, and a publisher that waits for the broker's acknowledgements.
+// owns it; a publisher that waits for the broker's acknowledgements; and a
+// subscriber that records what devices would receive.
 
 #include <sys/types.h>
 
@@ -65,6 +66,37 @@ class Publisher final {
   std::mutex mu_;
   std::condition_variable acked_;
   int acks_ = 0;
+};
+
+/// One received message.
+struct Delivery {
+  std::string topic;
+  std::string payload;
+};
+
+/// Subscribes to every device topic with QoS 1 and keeps what arrives.
+class DeviceSubscriber final {
+ public:
+  /// Connects and waits (bounded) until the subscription is in place.
+  explicit DeviceSubscriber(int port);
+  ~DeviceSubscriber();
+  DeviceSubscriber(const DeviceSubscriber&) = delete;
+  DeviceSubscriber& operator=(const DeviceSubscriber&) = delete;
+
+  /// Whether the subscription is in place.
+  bool ready();
+  /// Waits until at least `count` messages arrived or `bound` passed; returns them all.
+  std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds bound);
+
+ private:
+  void received(Delivery delivery);
+  void subscribedNow();
+
+  mosquitto* client_ = nullptr;
+  std::mutex mu_;
+  std::condition_variable changed_;
+  bool subscribed_ = false;
+  std::vector<Delivery> deliveries_;
 };
 
 /// The device topic of `token`.

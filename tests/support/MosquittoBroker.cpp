@@ -1,4 +1,4 @@
-#include "push/MosquittoBroker.h"
+#include "support/MosquittoBroker.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -147,6 +147,64 @@ bool Publisher::publish(const std::string& topic, const std::string& payload, bo
 
 std::string deviceTopic(const std::vector<std::uint8_t>& token) {
   return "quorvia/devices/" + platform::hexString(token);
+}
+
+DeviceSubscriber::DeviceSubscriber(int port) {
+  mosquitto_lib_init();
+  client_ = mosquitto_new(nullptr, true, this);
+  if (client_ == nullptr) return;
+  mosquitto_connect_callback_set(client_, [](mosquitto* mosq, void*, int rc) {
+    if (rc == 0) mosquitto_subscribe(mosq, nullptr, "quorvia/devices/#", 1);
+  });
+  mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
+    static_cast<DeviceSubscriber*>(self)->subscribedNow();
+  });
+  mosquitto_message_callback_set(
+      client_, [](mosquitto*, void* self, const mosquitto_message* message) {
+        static_cast<DeviceSubscriber*>(self)->received(
+            {message->topic, std::string(static_cast<const char*>(message->payload),
+                                         static_cast<size_t>(message->payloadlen))});
+      });
+  mosquitto_reconnect_delay_set(client_, 1, 1, false);
+  // A refused first attempt is retried by the loop thread after the reconnect delay.
+  mosquitto_connect_async(client_, "127.0.0.1", port, 30);
+  mosquitto_loop_start(client_);
+  std::unique_lock lock(mu_);
+  changed_.wait_for(lock, kStartTimeout, [&] { return subscribed_; });
+}
+
+DeviceSubscriber::~DeviceSubscriber() {
+  if (client_ == nullptr) return;
+  mosquitto_disconnect(client_);
+  mosquitto_loop_stop(client_, true);
+  mosquitto_destroy(client_);
+}
+
+bool DeviceSubscriber::ready() {
+  std::lock_guard lock(mu_);
+  return subscribed_;
+}
+
+void DeviceSubscriber::subscribedNow() {
+  {
+    std::lock_guard lock(mu_);
+    subscribed_ = true;
+  }
+  changed_.notify_all();
+}
+
+void DeviceSubscriber::received(Delivery delivery) {
+  {
+    std::lock_guard lock(mu_);
+    deliveries_.push_back(std::move(delivery));
+  }
+  changed_.notify_all();
+}
+
+std::vector<Delivery> DeviceSubscriber::waitFor(std::size_t count, std::chrono::milliseconds bound) {
+  std::unique_lock lock(mu_);
+  changed_.wait_for(lock, bound, [&] { return deliveries_.size() >= count; });
+  return deliveries_;
 }
 
 }  // namespace quorvia::testing
