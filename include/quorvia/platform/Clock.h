@@ -1,7 +1,8 @@
 #pragma once
 /// \file
-/// Wall-clock time (dates, expiry), separate from the main queue's monotonic
-/// clock so that tests can fake each on its own.
+/// Wall-clock time. A host uses SystemTime when it writes an environment of
+/// its own (Environment::now()); the SDK reads dates and cache expiry from it,
+/// apart from the main queue's monotonic clock.
 
 #include <chrono>
 

@@ -1,6 +1,9 @@
 #pragma once
 /// \file
-/// The platform's error value and exception object.
+/// The platform's error value, as the application delegate's
+/// didFailToRegisterForRemoteNotificationsWithError callback hands it to a
+/// host, and the exception the SDK raises and catches internally (it never
+/// reaches the host).
 
 #include <cstdint>
 #include <exception>

@@ -1,7 +1,7 @@
 #pragma once
 /// \file
-/// Points, sizes, rectangles and colours of the view layer (CGPoint, CGSize,
-/// CGRect, UIColor). Plain values; any thread.
+/// Points, sizes, rectangles and colours (CGPoint, CGSize, CGRect, UIColor):
+/// a host uses them to size its key window. Plain values; any thread.
 
 #include <cstdint>
 

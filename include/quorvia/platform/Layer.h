@@ -1,7 +1,8 @@
 #pragma once
 /// \file
 /// Layers (CALayer, CAShapeLayer) and the rounded-rectangle path
-/// (UIBezierPath) that the view layer masks views with. Main thread.
+/// (UIBezierPath) that views are masked with; included by View.h, which a
+/// host reaches through its key window. Main thread.
 
 #include <memory>
 

@@ -1,6 +1,9 @@
 #pragma once
 /// \file
-/// In-process notification centre (NSNotificationCenter defaultCenter).
+/// In-process notification centre (NSNotificationCenter defaultCenter). A host
+/// posts UIApplicationDidBecomeActiveNotification when its window gains focus
+/// (the SDK then fetches polls) and the resign/background/terminate
+/// notifications as its window loses focus or the program ends.
 
 #include <cstdint>
 #include <functional>

@@ -1,8 +1,10 @@
 #pragma once
 /// \file
-/// Notification settings, categories and actions as the platform models them:
-/// plain values with value equality, so a set of categories can be merged and
-/// compared the way the platform's set of category objects is.
+/// Notification settings, categories and actions as the platform models them.
+/// A host reports the user's answer to a permission request with
+/// Application::setCurrentUserNotificationSettings(). Plain values with value
+/// equality, so a set of categories can be merged and compared the way the
+/// platform's set of category objects is.
 
 #include <cstdint>
 #include <map>

@@ -1,7 +1,10 @@
 #pragma once
 /// \file
 /// A small object runtime for delegate classes, the stand-in for the
-/// platform's method-exchanging runtime. A class has a name, an optional
+/// platform's method-exchanging runtime. A host makes its application
+/// delegate's class here (Class::create, class_addMethod for the push
+/// callbacks it implements) and sets an object of it with
+/// Application::setDelegate(). A class has a name, an optional
 /// superclass and a table of methods keyed by selector text; an object has a
 /// class; sending a message to an object runs the implementation found by
 /// searching the object's class and then its superclasses.

@@ -1,6 +1,7 @@
 #pragma once
 /// \file
-/// The one dynamic value type that crosses every boundary of the SDK:
+/// The one dynamic value type that crosses every boundary of the SDK (a host
+/// builds launch options, push payloads and user info with it):
 /// dictionaries, arrays, strings, numbers, booleans, data and the platform's
 /// null object. "nil" is never a Value: it is absence (a null pointer, an empty
 /// std::optional or a missing key).

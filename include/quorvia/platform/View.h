@@ -1,6 +1,7 @@
 #pragma once
 /// \file
-/// The retained view tree (UIView) in points: frame, bounds, alpha, hidden,
+/// The retained view tree (UIView), which a host reaches through its key
+/// window (Window.h), in points: frame, bounds, alpha, hidden,
 /// tag, background colour, ordered subviews, autoresizing, a layer with a
 /// shape mask, tap gesture recognisers and touch handling.
 ///

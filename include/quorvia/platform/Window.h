@@ -1,7 +1,8 @@
 #pragma once
 /// \file
-/// The window (UIWindow): the root of a view tree, with the scale of the
-/// screen it is on, and the entry point of touches. Main thread.
+/// The key window (UIWindow) the banner is shown in: a host sizes it to its
+/// own window and forwards touches to it. The root of a view tree, with the
+/// scale of the screen it is on. Main thread.
 
 #include <memory>
 
