@@ -133,11 +133,9 @@ std::optional<std::string> Environment::localizedString(std::string_view, std::s
 }
 
 Environment* Environment::Default() {
-  static Environment* const desktop = [] {
-    auto* keep = new std::shared_ptr<Environment>(makeDesktopEnvironment());
-    return keep->get();
-  }();
-  return desktop;
+  static const std::shared_ptr<Environment>* const desktop =
+      new std::shared_ptr<Environment>(makeDesktopEnvironment());
+  return desktop->get();
 }
 
 std::shared_ptr<Environment> makeDesktopEnvironment(DesktopEnvironmentOptions options) {

@@ -109,7 +109,7 @@ void intercept(const InterceptedCallback& row, Object& self, const MessageArgume
 // handlers and `empty`, whose implementations swizzle() copies into the
 // delegate's class. Created once, never freed.
 Class* libraryClass() {
-  static Class* const library = [] {
+  static const std::shared_ptr<Class>* const owner = [] {
     auto* owner = new std::shared_ptr<Class>(Class::create("QuorviaSDK"));
     Class* c = owner->get();
     for (const InterceptedCallback& row : interceptedCallbacks()) {
@@ -121,9 +121,9 @@ Class* libraryClass() {
     platform::class_addMethod(
         c, kEmptySelector, [](Object&, const MessageArguments&) {},
         platform::kNoArgumentsTypeEncoding);
-    return c;
+    return owner;
   }();
-  return library;
+  return owner->get();
 }
 
 }  // namespace
