@@ -1,4 +1,5 @@
-#include <gtest/gtest.h>
+// Start-up: the release gate, the launch payload, the shared instance and
+// the categories merged into the notification settings.
 
 #include <set>
 #include <thread>
@@ -7,9 +8,6 @@
 #include "quorvia/QuorviaSDK.h"
 #include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
-#include "quorvia/platform/Runtime.h"
-#include "platform/Device.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "ui/QVNotificationView.h"
 #include "support/FakeTransport.h"
@@ -97,22 +95,6 @@ TEST_F(StartupTest, DebugOffSilencesEveryGatedLine) {
   QuorviaSDK::setDebug(true);
   QuorviaSDK::log("back");
   EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: back"});
-}
-
-TEST_F(StartupTest, SwizzlingChoiceDecidesInterception) {
-  // A host delegate implementing none of the six callbacks.
-  app().setDelegate(std::make_shared<platform::Object>(platform::Class::create("HostDelegate")));
-  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  EXPECT_TRUE(sdk::SDKState::shared().interception.addedMethods().empty());
-  EXPECT_FALSE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
-  EXPECT_TRUE(log_.contains(
-      "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."));
-  QuorviaSDK::initWithAppToken("A", std::nullopt);  // the two-argument form means swizzling on
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), 6u);
-  EXPECT_TRUE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
-  QuorviaSDK::initWithAppToken("B", std::nullopt, true);
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), 6u);
-  EXPECT_EQ(sdk::SDKState::currentAppToken(), "B") << "a second start-up replaces the token";
 }
 
 TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {

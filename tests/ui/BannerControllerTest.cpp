@@ -1,4 +1,5 @@
-#include <gtest/gtest.h>
+// The banner controller: presenting, expanding, replying and hiding the poll
+// banner in the key window.
 
 #include "quorvia/QuorviaSDK.h"
 #include "sdk/SDKState.h"
@@ -41,27 +42,25 @@ class BannerControllerTest : public testing::PlatformTest {
   std::shared_ptr<testing::FakeTransport> transport_;
 };
 
-TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenths) {
-  auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
-  ASSERT_TRUE(view);
-  EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, 375, 330));  // the model value at once
-  EXPECT_EQ(view->presentationFrame().y(), -430);
-  EXPECT_EQ(view->superview(), window());
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
-  EXPECT_TRUE(log_.contains("QuorviaSDK: Presenting poll: Coffee?"));
-  advance(0.15);
-  EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
-  advance(0.15);
-  EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, 20, 375, 330));
-}
-
-TEST_F(BannerControllerTest, BannerTakesTheKeyWindowsWidth) {
-  auto custom = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 414, 896));
-  platform::Application::sharedApplication().setKeyWindow(custom);
-  auto view = present(pollDict("Q", {{"A", ""}}));
-  ASSERT_TRUE(view);
-  EXPECT_EQ(view->frame().width(), 414);
-  EXPECT_EQ(view->superview(), custom);
+TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenthsAtTheWindowsWidth) {
+  for (const double width : {375.0, 414.0}) {
+    SCOPED_TRACE(width);
+    auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, width, 896));
+    platform::Application::sharedApplication().setKeyWindow(w);
+    sdk::SDKState::shared().banner->setPresentedPollView(nullptr);
+    log_.clear();
+    auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
+    ASSERT_TRUE(view);
+    EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, width, 330));  // the model value at once
+    EXPECT_EQ(view->presentationFrame().y(), -430);
+    EXPECT_EQ(view->superview(), w);
+    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
+    EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: Presenting poll: Coffee?"});
+    advance(0.15);
+    EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
+    advance(0.15);
+    EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, 20, width, 330));
+  }
 }
 
 TEST_F(BannerControllerTest, OneBannerAtATimeIncludingTheSlideOut) {
@@ -242,23 +241,6 @@ TEST_F(BannerControllerTest, MalformedPollOrMissingLayoutGivesNoBanner) {
   advance(1);  // no deferred work may touch the half-made banner
   ::unsetenv("QUORVIA_RESOURCE_DIR");
   std::filesystem::remove_all(empty);
-}
-
-TEST_F(BannerControllerTest, LaunchPollIsPresentedExpandedAfterATenth) {
-  const Value launchOptions = {
-      {UIApplicationLaunchOptionsRemoteNotificationKey, {{"poll", pollDict("Launch?", {{"A", ""}})}}}};
-  QuorviaSDK::initWithAppToken("token", launchOptions, false);
-  advance(0.09);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
-  advance(0.01);
-  auto view = sdk::SDKState::shared().banner->presentedPollView();
-  ASSERT_TRUE(view);
-  EXPECT_TRUE(view->showOptions());
-  EXPECT_TRUE(window()->viewWithTag(kBackdropTag));
-  EXPECT_EQ(window()->subviews().back(), view);
-  advance(0.3);
-  EXPECT_EQ(view->presentationFrame().y(), 20);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-#include <gtest/gtest.h>
+// The banner's table: its rows, their deferred corner masks and highlights,
+// and the layout files they come from.
 
 #include "platform/Bundle.h"
 #include "quorvia/platform/Error.h"
@@ -92,15 +93,6 @@ TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
   cell->touchesBegan({});
   cell->touchesEnded({});
   EXPECT_EQ(cell->containerView()->backgroundColor(), platform::Color::whiteColor());
-}
-
-TEST_F(BannerRowsTest, CloseButtonWithoutDelegateDoesNothing) {
-  auto view = banner(1);
-  auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
-  ASSERT_TRUE(header && header->closeButton());
-  header->setDelegate({});
-  EXPECT_NO_THROW(header->closeButton()->sendActions());
-  EXPECT_EQ(header->closeButton()->frame().height(), 40);
 }
 
 TEST_F(BannerRowsTest, RowsBelowTheBannerStayOutOfSight) {
