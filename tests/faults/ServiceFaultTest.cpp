@@ -4,13 +4,12 @@
 // one call and checks the promised outcome, and that the stored token is
 // still there once the fault is gone.
 
+#include <gtest/gtest.h>
 #include <linux/capability.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -19,11 +18,11 @@
 #include <functional>
 #include <iterator>
 
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "keychain/LKKeychain.h"
 #include "platform/Device.h"
 #include "platform/KeychainStore.h"
+#include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 #include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 
@@ -47,7 +46,8 @@ void makeCall(Call call) {
       sdk::SDKState::shared().service->fetchPolls();
       break;
     case Call::kReply:
-      sdk::SDKState::shared().service->sendReplyWithIdentifier("yes", Value{{"poll", {{"id", 7}}}}, {});
+      sdk::SDKState::shared().service->sendReplyWithIdentifier("yes", Value{{"poll", {{"id", 7}}}},
+                                                               {});
       break;
     case Call::kUserInfo:
       QuorviaSDK::setUserInfo(Value{{"name", "Ada"}});
@@ -138,7 +138,9 @@ class ServiceFaultTest : public PlatformTest, public ::testing::WithParamInterfa
   }
 };
 
-Reply token(const std::string& value) { return {200, "application/json", "{\"access_token\":\"" + value + "\"}"}; }
+Reply token(const std::string& value) {
+  return {200, "application/json", "{\"access_token\":\"" + value + "\"}"};
+}
 
 const std::string kRegistered = "QuorviaSDK: Successfully registered device push token.";
 const std::string kRegisterFailed =
@@ -148,30 +150,73 @@ const std::string kReplyFailed =
 
 const FaultCase kCases[] = {
     {"ConnectionRefused", Behaviour::kRefuse, {}, Call::kRegister, kRegisterFailed + "-1004"},
-    {"ServerNeverAnswers", Behaviour::kStall, {}, Call::kReply, kReplyFailed + "-1001", "old", {}, {}, {},
+    {"ServerNeverAnswers",
+     Behaviour::kStall,
+     {},
+     Call::kReply,
+     kReplyFailed + "-1001",
+     "old",
+     {},
+     {},
+     {},
      /*timeout=*/0.5},
     {"ResetMidBody", Behaviour::kResetMidBody, {}, Call::kRegister, kRegisterFailed + "-1005"},
     // Fetch failures are written unprefixed, always.
-    {"TruncatedBody", Behaviour::kTruncateBody, {}, Call::kFetch,
+    {"TruncatedBody",
+     Behaviour::kTruncateBody,
+     {},
+     Call::kFetch,
      "Error Domain=NSURLErrorDomain Code=-1005"},
     // A complete answer whose JSON breaks off decodes to nothing: no token.
-    {"TruncatedJson", Behaviour::kAnswer, {200, "application/json", "{\"access_token\":\"new"},
-     Call::kRegister, kRegistered},
-    {"TenMegabyteBody", Behaviour::kAnswer,
+    {"TruncatedJson",
+     Behaviour::kAnswer,
+     {200, "application/json", "{\"access_token\":\"new"},
+     Call::kRegister,
+     kRegistered},
+    {"TenMegabyteBody",
+     Behaviour::kAnswer,
      {200, "application/json",
       "{\"padding\":\"" + std::string(10 << 20, 'x') + "\",\"access_token\":\"big\"}"},
-     Call::kRegister, kRegistered, "big"},
+     Call::kRegister,
+     kRegistered,
+     "big"},
     // Status codes are never examined; the swapped message is deliberate.
-    {"ServerErrorWithHtml", Behaviour::kAnswer, {500, "text/html", "<html><body>Oops</body></html>"},
-     Call::kUserInfo, "QuorviaSDK: Failed to set user info: {\n    name = Ada;\n}"},
+    {"ServerErrorWithHtml",
+     Behaviour::kAnswer,
+     {500, "text/html", "<html><body>Oops</body></html>"},
+     Call::kUserInfo,
+     "QuorviaSDK: Failed to set user info: {\n    name = Ada;\n}"},
     {"RedirectLoop", Behaviour::kRedirectToSelf, {}, Call::kReply, kReplyFailed + "-1007"},
     // A name under ".invalid" never resolves.
-    {"UnresolvableHost", Behaviour::kRefuse, {}, Call::kRegister, kRegisterFailed + "-1003", "old", {}, {}, {},
-     10.0, false, "http://quorvia-faults.invalid"},
-    {"SelfSignedHttps", Behaviour::kAnswer, token("tls"), Call::kRegister, kRegistered, "tls", {}, {}, {},
-     10.0, /*tls=*/true},
+    {"UnresolvableHost",
+     Behaviour::kRefuse,
+     {},
+     Call::kRegister,
+     kRegisterFailed + "-1003",
+     "old",
+     {},
+     {},
+     {},
+     10.0,
+     false,
+     "http://quorvia-faults.invalid"},
+    {"SelfSignedHttps",
+     Behaviour::kAnswer,
+     token("tls"),
+     Call::kRegister,
+     kRegistered,
+     "tls",
+     {},
+     {},
+     {},
+     10.0,
+     /*tls=*/true},
     // Nothing in a damaged store is deleted or overwritten.
-    {"CorruptKeychainStore", Behaviour::kAnswer, token("new"), Call::kRegister, kRegistered,
+    {"CorruptKeychainStore",
+     Behaviour::kAnswer,
+     token("new"),
+     Call::kRegister,
+     kRegistered,
      std::nullopt,
      [](ServiceFaultTest& t) {
        t.reopenKeychain();
@@ -186,8 +231,8 @@ const FaultCase kCases[] = {
        EXPECT_EQ(readFile(t.keychainFile()), kJunk);
        EXPECT_TRUE(t.logged("QuorviaSDK: keychain store " + t.keychainFile().string()));
      }},
-    {"KeychainStoreOpenToOthers", Behaviour::kAnswer, token("new"), Call::kRegister,
-     kRegistered, "old",
+    {"KeychainStoreOpenToOthers", Behaviour::kAnswer, token("new"), Call::kRegister, kRegistered,
+     "old",
      [](ServiceFaultTest& t) {
        t.reopenKeychain();
        t.savedKeychain = readFile(t.keychainFile());
@@ -202,16 +247,21 @@ const FaultCase kCases[] = {
                             " has mode 0644, open to group or others; refused until it is 0600"));
        EXPECT_EQ(readFile(t.keychainFile()), t.savedKeychain);
      }},
-    {"CorruptUserDefaults", Behaviour::kAnswer, token("new"), Call::kRegister, kRegistered,
-     "new", [](ServiceFaultTest& t) { writeFile(t.defaultsFile(), kJunk); }, {},
+    {"CorruptUserDefaults",
+     Behaviour::kAnswer,
+     token("new"),
+     Call::kRegister,
+     kRegistered,
+     "new",
+     [](ServiceFaultTest& t) { writeFile(t.defaultsFile(), kJunk); },
+     {},
      [](ServiceFaultTest& t) {
        EXPECT_TRUE(t.logged("QuorviaSDK: user defaults file " + t.defaultsFile().string() +
-                            " is not a readable dictionary; moved to " +
-                            t.defaultsFile().string() + ".corrupt and starting empty"));
+                            " is not a readable dictionary; moved to " + t.defaultsFile().string() +
+                            ".corrupt and starting empty"));
        EXPECT_EQ(readFile(t.defaultsFile().string() + ".corrupt"), kJunk);
      }},
-    {"ReadOnlyDataDirectory", Behaviour::kAnswer, token("new"), Call::kRegister, kRegistered,
-     "old",
+    {"ReadOnlyDataDirectory", Behaviour::kAnswer, token("new"), Call::kRegister, kRegistered, "old",
      [](ServiceFaultTest& t) {
        t.reopenKeychain();
        fs::permissions(t.dataDirectory(), fs::perms::owner_read | fs::perms::owner_exec);
@@ -261,12 +311,12 @@ TEST_P(ServiceFaultTest, OutcomeIsPromisedAndTokenSurvives) {
 
   log_.clear();
   makeCall(c.call);
-  const bool done = loop_->runUntil([&] { return logged(c.outcome); }, platform::seconds(c.timeout + 20));
+  const bool done =
+      loop_->runUntil([&] { return logged(c.outcome); }, platform::seconds(c.timeout + 20));
   drain();
   if (c.heal) c.heal(*this);
 
-  EXPECT_TRUE(done) << "no \"" << c.outcome << "\" in:\n"
-                    << ::testing::PrintToString(log_.lines());
+  EXPECT_TRUE(done) << "no \"" << c.outcome << "\" in:\n" << ::testing::PrintToString(log_.lines());
   EXPECT_EQ(LKKeychain::passwordForService(kService, kAccount), c.tokenAfter);
   if (c.check) c.check(*this);
 }

@@ -48,16 +48,17 @@ class InterceptionTest : public PlatformTest {
 
   /// A delegate class `name` implementing `implemented` itself; its methods
   /// record the call and, when `completes`, complete at once.
-  std::shared_ptr<platform::Class> makeDelegateClass(const std::string& name, const Selectors& implemented,
-                                                     std::shared_ptr<platform::Class> superclass = nullptr,
-                                                     bool completes = false) {
+  std::shared_ptr<platform::Class> makeDelegateClass(
+      const std::string& name, const Selectors& implemented,
+      std::shared_ptr<platform::Class> superclass = nullptr, bool completes = false) {
     auto cls = platform::Class::create(name, std::move(superclass));
     for (std::string_view selector : implemented) {
       platform::class_addMethod(
           cls.get(), selector,
-          [this, name, selector = std::string(selector), completes](platform::Object&,
-                                                                    const platform::MessageArguments& a) {
-            hostCalls_.push_back({name, selector, a, transport_->requestCount(), presentationsSoFar()});
+          [this, name, selector = std::string(selector), completes](
+              platform::Object&, const platform::MessageArguments& a) {
+            hostCalls_.push_back(
+                {name, selector, a, transport_->requestCount(), presentationsSoFar()});
             if (completes && a.fetchCompletionHandler) a.fetchCompletionHandler(1);
             if (completes && a.completionHandler) a.completionHandler();
           },
@@ -66,7 +67,8 @@ class InterceptionTest : public PlatformTest {
     return cls;
   }
   void installDelegate(std::shared_ptr<platform::Class> cls) {
-    platform::Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(std::move(cls)));
+    platform::Application::sharedApplication().setDelegate(
+        std::make_shared<platform::Object>(std::move(cls)));
   }
   void startWithHost(const Selectors& implemented, bool swizzling = true) {
     installDelegate(makeDelegateClass("HostAppDelegate", implemented));
@@ -84,19 +86,23 @@ class InterceptionTest : public PlatformTest {
     } else {
       a.userInfo = pollPayload_;
     }
-    if (selector == kFetch) a.fetchCompletionHandler = [this](int result) { fetchCompletions_.push_back(result); };
+    if (selector == kFetch)
+      a.fetchCompletionHandler = [this](int result) { fetchCompletions_.push_back(result); };
     if (selector == kAction || selector == kResponseInfo) {
       a.identifier = "Yes";
       a.completionHandler = [this] { ++actionCompletions_; };
     }
-    if (selector == kResponseInfo) a.responseInfo = Value{{"UIUserNotificationActionResponseTypedTextKey", "hi"}};
+    if (selector == kResponseInfo)
+      a.responseInfo = Value{{"UIUserNotificationActionResponseTypedTextKey", "hi"}};
     return a;
   }
 
   /// Delivers a callback as the platform does. A banner it showed is counted
   /// and slid out again, so that the next delivery may show one too.
-  bool deliver(std::string_view selector, std::optional<platform::MessageArguments> given = std::nullopt) {
-    const bool delivered = platform::deliverToApplicationDelegate(selector, given ? *given : argumentsFor(selector));
+  bool deliver(std::string_view selector,
+               std::optional<platform::MessageArguments> given = std::nullopt) {
+    const bool delivered =
+        platform::deliverToApplicationDelegate(selector, given ? *given : argumentsFor(selector));
     sdk::SDKState& state = sdk::SDKState::shared();
     if (auto view = state.banner->presentedPollView()) {
       ++presentations_;
@@ -116,7 +122,8 @@ class InterceptionTest : public PlatformTest {
   }
   /// Answers every pending request, then runs the main queue.
   void answerAll() {
-    for (; answered_ < transport_->requestCount(); ++answered_) transport_->respond(answered_, 200, "{}");
+    for (; answered_ < transport_->requestCount(); ++answered_)
+      transport_->respond(answered_, 200, "{}");
     drain();
   }
   static Value addedFor(const Selectors& selectors) {
@@ -174,8 +181,12 @@ TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments
   };
   const Value noPoll = {{"aps", {{"alert", "hello"}}}};
   const std::vector<Case> cases = {
-      {"token", kToken, {}, {"POST /endpoints/ push_token=0001abff10&app_token=app-token&platform=ios"},
-       {kTokenLine}, 0},
+      {"token",
+       kToken,
+       {},
+       {"POST /endpoints/ push_token=0001abff10&app_token=app-token&platform=ios"},
+       {kTokenLine},
+       0},
       {"failure", kFail, {}, {}, {kRegistrationFailedLine}, 0},
       {"failure without debug", kFail, {}, {}, {}, 0, false},
       {"poll", kReceive, {}, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
@@ -183,9 +194,18 @@ TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments
       {"nil payload", kReceive, Value(nullptr), {}, {}, 0},
       {"poll, fetch", kFetch, {}, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
       {"no poll, fetch", kFetch, noPoll, {}, {}, 0},
-      {"action", kAction, {}, {"POST /polls/7/replies/ reply_text=Yes"}, {"QuorviaSDK: Missing user access token!"}, 0},
-      {"response info", kResponseInfo, {}, {"POST /polls/7/replies/ reply_text=Yes"},
-       {"QuorviaSDK: Missing user access token!"}, 0},
+      {"action",
+       kAction,
+       {},
+       {"POST /polls/7/replies/ reply_text=Yes"},
+       {"QuorviaSDK: Missing user access token!"},
+       0},
+      {"response info",
+       kResponseInfo,
+       {},
+       {"POST /polls/7/replies/ reply_text=Yes"},
+       {"QuorviaSDK: Missing user access token!"},
+       0},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -208,8 +228,10 @@ TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments
     EXPECT_EQ(expansions_, 0) << "a received poll is shown collapsed";
     ASSERT_EQ(hostCalls_.size(), 1u);
     const HostCall& host = hostCalls_[0];
-    EXPECT_EQ(host.requestsBefore - requestsBefore, c.requests.size()) << "sent before the host runs";
-    EXPECT_EQ(host.presentationsBefore - presentedBefore, c.presented) << "shown before the host runs";
+    EXPECT_EQ(host.requestsBefore - requestsBefore, c.requests.size())
+        << "sent before the host runs";
+    EXPECT_EQ(host.presentationsBefore - presentedBefore, c.presented)
+        << "shown before the host runs";
     EXPECT_EQ(host.arguments.application, &platform::Application::sharedApplication());
     EXPECT_EQ(host.arguments.deviceToken, arguments.deviceToken);
     EXPECT_EQ(host.arguments.userInfo, arguments.userInfo);
@@ -233,7 +255,8 @@ void PrintTo(const CompletionCase& c, std::ostream* os) { *os << c.name; }
 
 // One process per row: each needs fresh process-wide interception state.
 class LibraryCompletesOnlyWhatTheHostCannot : public InterceptionTest,
-                                              public ::testing::WithParamInterface<CompletionCase> {};
+                                              public ::testing::WithParamInterface<CompletionCase> {
+};
 
 TEST_P(LibraryCompletesOnlyWhatTheHostCannot, OnceTheReplyIsAnswered) {
   const CompletionCase& c = GetParam();
@@ -247,13 +270,15 @@ TEST_P(LibraryCompletesOnlyWhatTheHostCannot, OnceTheReplyIsAnswered) {
 
 INSTANTIATE_TEST_SUITE_P(
     Callbacks, LibraryCompletesOnlyWhatTheHostCannot,
-    ::testing::Values(CompletionCase{"FetchWithoutHost", kFetch, false, {platform::UIBackgroundFetchResultNewData}, 0},
-                      CompletionCase{"FetchWithHost", kFetch, true, {}, 0},
-                      CompletionCase{"ActionWithoutHost", kAction, false, {}, 1},
-                      CompletionCase{"ActionWithHost", kAction, true, {}, 0},
-                      // The reply's completion completes it, never the handler itself.
-                      CompletionCase{"ResponseInfoWithoutHost", kResponseInfo, false, {}, 1},
-                      CompletionCase{"ResponseInfoWithHost", kResponseInfo, true, {}, 0}),
+    ::testing::Values(
+        CompletionCase{
+            "FetchWithoutHost", kFetch, false, {platform::UIBackgroundFetchResultNewData}, 0},
+        CompletionCase{"FetchWithHost", kFetch, true, {}, 0},
+        CompletionCase{"ActionWithoutHost", kAction, false, {}, 1},
+        CompletionCase{"ActionWithHost", kAction, true, {}, 0},
+        // The reply's completion completes it, never the handler itself.
+        CompletionCase{"ResponseInfoWithoutHost", kResponseInfo, false, {}, 1},
+        CompletionCase{"ResponseInfoWithHost", kResponseInfo, true, {}, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // A delegate class that lacked the callbacks was intercepted first, then one
@@ -272,7 +297,8 @@ TEST_F(InterceptionTest, CompletionNeverReachesThePlatformTwice) {
   EXPECT_EQ(actionCompletions_, 2);
   ASSERT_EQ(requestsTo("/replies/"), 2u);
   answerAll();
-  EXPECT_TRUE(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") + std::string(kResponseInfo)));
+  EXPECT_TRUE(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
+                            std::string(kResponseInfo)));
   EXPECT_EQ(actionCompletions_, 2) << "the reply's copy of a completed handler does nothing";
   for (const auto& host : hostCalls_) {
     if (host.arguments.completionHandler) host.arguments.completionHandler();
@@ -315,8 +341,9 @@ TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpWithSwizzlingOnIsIntercepted) {
     const char* name;
     bool delegateAtStartUp, swizzling;
   };
-  for (const Case& c : {Case{"swizzling off", true, false}, Case{"no delegate at start-up", false, true},
-                        Case{"delegate replaced after start-up", true, true}}) {
+  for (const Case& c :
+       {Case{"swizzling off", true, false}, Case{"no delegate at start-up", false, true},
+        Case{"delegate replaced after start-up", true, true}}) {
     SCOPED_TRACE(c.name);
     if (c.delegateAtStartUp) {
       installDelegate(makeDelegateClass("FirstDelegate", {}));
@@ -362,7 +389,9 @@ TEST_P(DefaultActionPresentsExpandedAndSkipsTheHost, CompletingOnlyWithoutHost) 
 }
 
 INSTANTIATE_TEST_SUITE_P(Host, DefaultActionPresentsExpandedAndSkipsTheHost, ::testing::Bool(),
-                         [](const auto& info) { return std::string(info.param ? "Implements" : "Lacks"); });
+                         [](const auto& info) {
+                           return std::string(info.param ? "Implements" : "Lacks");
+                         });
 
 TEST_F(InterceptionTest, DefaultActionElsewhereIsAReplyLikeAnyOther) {
   startWithHost({});

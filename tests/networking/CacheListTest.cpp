@@ -29,7 +29,8 @@ class CacheListTest : public NetworkingTest {
     return platform::URLRequest::requestWithURL(platform::URLWithString(url));
   }
   static std::optional<std::string> cachedBody(const std::string& url) {
-    const auto cached = platform::URLCache::sharedURLCache()->cachedResponseForRequest(requestFor(url));
+    const auto cached =
+        platform::URLCache::sharedURLCache()->cachedResponseForRequest(requestFor(url));
     if (!cached) return std::nullopt;
     return std::string(cached->data.begin(), cached->data.end());
   }
@@ -72,7 +73,8 @@ TEST_F(CacheListTest, FreshEntryIsAnsweredBeforeTheCallReturnsAndStaleOneFromThe
   EXPECT_EQ(hit->calls, 1);
   EXPECT_EQ(hit->result, (Value{{"cached", 1}}));
   EXPECT_FALSE(hit->error);
-  EXPECT_EQ(SimpleNetworking::shared().allNetworkCacheURLs()[server.url("/cached%20path")], expiryIn(60));
+  EXPECT_EQ(SimpleNetworking::shared().allNetworkCacheURLs()[server.url("/cached%20path")],
+            expiryIn(60));
 
   auto stale = std::make_shared<Outcome>();
   SimpleNetworking::getJsonCachedFromURL(server.url("/stale"), std::nullopt, 30, record(stale));
@@ -90,7 +92,8 @@ TEST_F(CacheListTest, MissStoresTheAnswerEvenWithAnErrorStatus) {
   LoopbackServer server;
   server.setReply({500, "text/html", "<html>down</html>"});
   auto outcome = std::make_shared<Outcome>();
-  SimpleNetworking::getJsonCachedFromURL(server.url("/miss"), Value{{"ignored", 1}}, 10, record(outcome));
+  SimpleNetworking::getJsonCachedFromURL(server.url("/miss"), Value{{"ignored", 1}}, 10,
+                                         record(outcome));
   ASSERT_TRUE(waitFor(outcome));
   EXPECT_FALSE(outcome->result);
   EXPECT_FALSE(outcome->error);
@@ -102,7 +105,11 @@ TEST_F(CacheListTest, MissStoresTheAnswerEvenWithAnErrorStatus) {
 TEST_F(CacheListTest, ExpiryIsNowPlusTheLifetimeTruncatedAndSaturated) {
   LoopbackServer refusing(LoopbackServer::Behaviour::kRefuse);
   const std::vector<std::pair<double, int>> cases = {
-      {60, 60}, {2.9, 2}, {-5, -5}, {-2.9, -2}, {0, 0},
+      {60, 60},
+      {2.9, 2},
+      {-5, -5},
+      {-2.9, -2},
+      {0, 0},
       {1e12, std::numeric_limits<std::int32_t>::max()},
       {-1e12, std::numeric_limits<std::int32_t>::min()},
   };
@@ -122,7 +129,8 @@ TEST_F(CacheListTest, ExpiryStringsRoundTripToTheMillisecond) {
   auto& client = SimpleNetworking::shared();
   const auto format = SimpleNetworking::kExpiryFormat;
   EXPECT_EQ(client.getCurrentTimeInNSStringWithFormat(format), "Nov 21 2026 12:00:00:0000");
-  const auto instant = std::make_shared<const platform::SystemTime>(wallNow_ + std::chrono::microseconds(123456789));
+  const auto instant =
+      std::make_shared<const platform::SystemTime>(wallNow_ + std::chrono::microseconds(123456789));
   const std::string text = client.getNSStringFromNSDate(instant, format);
   EXPECT_EQ(text, "Nov 21 2026 12:02:03:4560");
   const auto back = client.getNSDateFromNSString(text, format);
@@ -139,7 +147,8 @@ TEST_F(CacheListTest, ExpiryStringsRoundTripToTheMillisecond) {
 TEST_F(CacheListTest, ListIsLoadedFromOneKeyAndSavedUnderTheOther) {
   const Value entry = {{"http://127.0.0.1:1/x", "Nov 21 2026 12:00:00:0000"}};
   setStored(entry, SimpleNetworking::kStoredCacheLoadKey);
-  setStored(Value{{"http://saved/", "Nov 21 2026 12:00:00:0000"}}, SimpleNetworking::kStoredCacheSaveKey);
+  setStored(Value{{"http://saved/", "Nov 21 2026 12:00:00:0000"}},
+            SimpleNetworking::kStoredCacheSaveKey);
   auto& client = SimpleNetworking::shared();
   EXPECT_EQ(client.allNetworkCacheURLs(), entry);
 
@@ -157,7 +166,8 @@ TEST_F(CacheListTest, ListIsLoadedFromOneKeyAndSavedUnderTheOther) {
     platform::NotificationCenter::defaultCenter().postNotificationName(name);
     auto reread = platform::makeFileUserDefaults(dataDir_ / "data" / "UserDefaults.qvka");
     EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheSaveKey), expected);
-    EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheLoadKey), entry) << "left as loaded";
+    EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheLoadKey), entry)
+        << "left as loaded";
   }
 }
 

@@ -15,12 +15,12 @@ using Behaviour = LoopbackServer::Behaviour;
 
 class SimpleNetworkingTest : public NetworkingTest {};
 
-const std::string kMultipartBody = std::string("{\"\":\"\"}--uniqueNetworkingBoundary\r\n") +
-                                   "--uniqueNetworkingBoundary\r\n" +
-                                   "Content-Disposition: form-data; name=\"photo\"; "
-                                   "filename=\"image.png\"\r\n" +
-                                   "Content-Type: image/png\r\n\r\n" + std::string("\x89PNG\0\x01", 6) +
-                                   "\r\n--uniqueNetworkingBoundary--\r\na=1";
+const std::string kMultipartBody =
+    std::string("{\"\":\"\"}--uniqueNetworkingBoundary\r\n") + "--uniqueNetworkingBoundary\r\n" +
+    "Content-Disposition: form-data; name=\"photo\"; "
+    "filename=\"image.png\"\r\n" +
+    "Content-Type: image/png\r\n\r\n" + std::string("\x89PNG\0\x01", 6) +
+    "\r\n--uniqueNetworkingBoundary--\r\na=1";
 
 TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
   using Call = std::function<void(const LoopbackServer&, SimpleNetworking::Returned)>;
@@ -35,12 +35,16 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
     return [code, path](const LoopbackServer& s, SimpleNetworking::Returned r) {
       SimpleNetworking::shared().callNSURLSessionWithType(
           code, s.url(path), Value{{"k", "v"}}, false, 0, code == 7, "n", "png", std::nullopt,
-          [r](auto data, auto error) { r(platform::parseJson(std::string(data->begin(), data->end())), error); });
+          [r](auto data, auto error) {
+            r(platform::parseJson(std::string(data->begin(), data->end())), error);
+          });
     };
   };
   const std::vector<Case> cases = {
       {"cacheless GET drops params, escapes only spaces",
-       [&](auto& s, auto r) { SimpleNetworking::getJsonCachelessFromURL(s.url("/a b/c?x=1"), param, r); },
+       [&](auto& s, auto r) {
+         SimpleNetworking::getJsonCachelessFromURL(s.url("/a b/c?x=1"), param, r);
+       },
        "GET /a%20b/c?x=1", "", std::nullopt},
       {"POST sends the unescaped param string and no Content-Type",
        [&](auto& s, auto r) { SimpleNetworking::postToURL(s.url("/post"), param, r); },
@@ -49,7 +53,9 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
        [&](auto& s, auto r) { SimpleNetworking::postToURL(s.url("/p"), std::nullopt, r); },
        "POST /p", "", std::nullopt},
       {"PUT is form-encoded",
-       [&](auto& s, auto r) { SimpleNetworking::putToURL(s.url("/put"), Value{{"k", "v"}}, r); },
+       [&](auto& s, auto r) {
+         SimpleNetworking::putToURL(s.url("/put"), Value{{"k", "v"}}, r);
+       },
        "PUT /put", "k=v", "application/x-www-form-urlencoded"},
       {"delete sends PUT",
        [&](auto& s, auto r) {
@@ -59,7 +65,8 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
       {"image POST is the multipart layout followed by the params",
        [&](auto& s, auto r) {
          SimpleNetworking::postImageToURL(s.url("/img"), Value{{"a", "1"}},
-                                          platform::Bytes{0x89, 'P', 'N', 'G', 0, 1}, "photo", "png", r);
+                                          platform::Bytes{0x89, 'P', 'N', 'G', 0, 1}, "photo",
+                                          "png", r);
        },
        "POST /img", kMultipartBody, "multipart/form-data; boundary=uniqueNetworkingBoundary"},
       {"code 3 sends DELETE, form-encoded", rawCall(3, "/d3"), "DELETE /d3", "k=v",
@@ -96,10 +103,16 @@ TEST_F(SimpleNetworkingTest, HeaderFieldsAreReplacedAndFormTypeOverridesThem) {
   };
   SimpleNetworking::setHeaderFieldsWithDictionary(
       Value{{"Authorization", "JWT abc"}, {"Content-Type", "text/plain"}, {"X-Number", 5}});
-  ASSERT_TRUE(send([&](auto r) { SimpleNetworking::postToURL(server.url("/p"), Value{{"k", "v"}}, r); }));
-  ASSERT_TRUE(send([&](auto r) { SimpleNetworking::putToURL(server.url("/u"), Value{{"k", "v"}}, r); }));
+  ASSERT_TRUE(send([&](auto r) {
+    SimpleNetworking::postToURL(server.url("/p"), Value{{"k", "v"}}, r);
+  }));
+  ASSERT_TRUE(send([&](auto r) {
+    SimpleNetworking::putToURL(server.url("/u"), Value{{"k", "v"}}, r);
+  }));
   SimpleNetworking::setHeaderFieldsWithDictionary(Value{{"Other", "1"}});
-  ASSERT_TRUE(send([&](auto r) { SimpleNetworking::getJsonCachelessFromURL(server.url("/g"), std::nullopt, r); }));
+  ASSERT_TRUE(send([&](auto r) {
+    SimpleNetworking::getJsonCachelessFromURL(server.url("/g"), std::nullopt, r);
+  }));
 
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);
@@ -158,11 +171,11 @@ TEST_F(SimpleNetworkingTest, AnswersDecodeToJsonOrNilWhateverTheStatus) {
 TEST_F(SimpleNetworkingTest, ImagesDecodeOrGiveNilWithoutError) {
   // A 1x1 opaque red PNG.
   const unsigned char png[] = {
-      0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a, 0x00, 0x00, 0x00, 0x0d, 0x49, 0x48, 0x44,
-      0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x02, 0x00, 0x00, 0x00, 0x90,
-      0x77, 0x53, 0xde, 0x00, 0x00, 0x00, 0x0c, 0x49, 0x44, 0x41, 0x54, 0x08, 0xd7, 0x63, 0xf8,
-      0xcf, 0xc0, 0x00, 0x00, 0x03, 0x01, 0x01, 0x00, 0x18, 0xdd, 0x8d, 0xb0, 0x00, 0x00, 0x00,
-      0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82};
+      0x89, 0x50, 0x4e, 0x47, 0x0d, 0x0a, 0x1a, 0x0a, 0x00, 0x00, 0x00, 0x0d, 0x49, 0x48,
+      0x44, 0x52, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x08, 0x02, 0x00, 0x00,
+      0x00, 0x90, 0x77, 0x53, 0xde, 0x00, 0x00, 0x00, 0x0c, 0x49, 0x44, 0x41, 0x54, 0x08,
+      0xd7, 0x63, 0xf8, 0xcf, 0xc0, 0x00, 0x00, 0x03, 0x01, 0x01, 0x00, 0x18, 0xdd, 0x8d,
+      0xb0, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45, 0x4e, 0x44, 0xae, 0x42, 0x60, 0x82};
   const std::pair<std::string, platform::Bytes> cases[] = {
       {std::string(reinterpret_cast<const char*>(png), sizeof png), {0xff, 0x00, 0x00, 0xff}},
       {"not an image", {}},
@@ -236,7 +249,8 @@ TEST_F(SimpleNetworkingTest, HeaderFieldsReplacedWhileAnotherThreadStartsRequest
     SimpleNetworking::setHeaderFieldsWithDictionary(Value{{"X-Round", std::to_string(i)}});
   }
   caller.join();
-  ASSERT_TRUE(loop_->runUntil([&] { return completed.load() == kRequests; }, platform::seconds(30)));
+  ASSERT_TRUE(
+      loop_->runUntil([&] { return completed.load() == kRequests; }, platform::seconds(30)));
   EXPECT_EQ(server.requestCount(), static_cast<std::size_t>(kRequests));
 }
 

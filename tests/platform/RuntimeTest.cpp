@@ -1,5 +1,6 @@
 // The delegate-class runtime: lookup through superclasses, add that fails only
 // on the class's own method, replace that always succeeds.
+
 #include <atomic>
 #include <string>
 #include <thread>
@@ -103,29 +104,6 @@ TEST(RuntimeTest, ReplaceAlwaysSucceedsOnTheClassItself) {
     EXPECT_EQ(class_copyMethodList(h.base.get()),
               (std::vector<std::string>{"inherited", "overridden"}));
   }
-}
-
-TEST(RuntimeTest, ImplementationReceivesItsReceiverAndArguments) {
-  auto cls = Class::create("Receiver");
-  const Object* seenSelf = nullptr;
-  std::optional<std::string> seenIdentifier;
-  class_addMethod(
-      cls.get(), "take:",
-      [&](Object& self, const MessageArguments& arguments) {
-        seenSelf = &self;
-        seenIdentifier = arguments.identifier;
-        // Sending from inside an implementation must not deadlock.
-        self.send("other");
-      },
-      "v24@0:8@16");
-  class_addMethod(cls.get(), "other", nullptr, "v16@0:8");
-  Object object(cls);
-  MessageArguments arguments;
-  arguments.identifier = "Yes";
-  EXPECT_TRUE(object.send("take:", arguments));
-  EXPECT_EQ(seenSelf, &object);
-  EXPECT_EQ(seenIdentifier, "Yes");
-  EXPECT_EQ(object_getClass(&object), cls.get());
 }
 
 TEST(RuntimeTest, SendingWhileAClassChangesRunsOneWholeImplementation) {

@@ -17,8 +17,10 @@ TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
       {"Yes.No", "Yes", "No"},
       {"No.Yes", "No", "Yes"},
       {"A.B", "A", "B"},
-      {"emoji1.emoji2", "\xE2\x98\x9D\xEF\xB8\x8F", "\xE2\x9C\x8C\xEF\xB8\x8F"},  // U+261D U+FE0F, U+270C U+FE0F
-      {"emojiA.emojiB", "\xF0\x9F\x85\xB0\xEF\xB8\x8F", "\xF0\x9F\x85\xB1\xEF\xB8\x8F"},  // U+1F170/1 U+FE0F
+      {"emoji1.emoji2", "\xE2\x98\x9D\xEF\xB8\x8F",
+       "\xE2\x9C\x8C\xEF\xB8\x8F"},  // U+261D U+FE0F, U+270C U+FE0F
+      {"emojiA.emojiB", "\xF0\x9F\x85\xB0\xEF\xB8\x8F",
+       "\xF0\x9F\x85\xB1\xEF\xB8\x8F"},                                 // U+1F170/1 U+FE0F
       {"thumbsup.thumbsdown", "\xF0\x9F\x91\x8D", "\xF0\x9F\x91\x8E"},  // U+1F44D, U+1F44E
   };
   const platform::CategorySet set = CategoriesManager().categories();
@@ -27,7 +29,8 @@ TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
     const platform::NotificationCategory* category = set.categoryWithIdentifier(row[0]);
     ASSERT_NE(category, nullptr) << row[0];
     std::vector<std::string> buttons = {row[0]};
-    for (const auto& action : category->actionsForContext(UserNotificationActionContext::kDefault)) {
+    for (const auto& action :
+         category->actionsForContext(UserNotificationActionContext::kDefault)) {
       buttons.push_back(action.identifier());
       EXPECT_EQ(action.title(), action.identifier());
       EXPECT_EQ(action.activationMode(), platform::UserNotificationActivationMode::kBackground);

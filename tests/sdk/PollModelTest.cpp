@@ -15,9 +15,11 @@ using platform::Value;
 class PollModelTest : public testing::PlatformTest {};
 
 TEST_F(PollModelTest, FactoryStoresValuesAsTheyStand) {
-  const Value dict = {{"id", 7},
-                      {"question", "Lunch?"},
-                      {"options", Value::array({{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}})}};
+  const Value dict = {
+      {"id", 7},
+      {"question", "Lunch?"},
+      {"options",
+       Value::array({{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}})}};
   const auto poll = QVModelPoll::objectWithDictionary(dict);
   EXPECT_EQ(poll->objectId(), Value(7)) << "a numeric id stays a number";
   EXPECT_EQ(poll->question(), Value("Lunch?"));

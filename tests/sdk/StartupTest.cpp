@@ -4,14 +4,14 @@
 #include <set>
 #include <thread>
 
-#include "sdk/CategoriesManager.h"
 #include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "ui/QVNotificationView.h"
+#include "sdk/CategoriesManager.h"
+#include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
+#include "ui/QVNotificationView.h"
 
 namespace quorvia {
 namespace {
@@ -70,12 +70,14 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
     QuorviaSDK::initWithAppToken(token, std::nullopt);
     if (c.runs) {
       EXPECT_EQ(sdk::SDKState::currentAppToken(), token) << c.version;
-      EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token)) << c.version;
+      EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token))
+          << c.version;
       EXPECT_EQ(fetches(), fetchesBefore + 1) << c.version;
       EXPECT_EQ(transport_->requestLines().back(), "GET /apps/" + token + "/polls/");
     } else {
       EXPECT_EQ(sdk::SDKState::currentAppToken(), before) << c.version << " keeps no token";
-      EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
+      EXPECT_EQ(log_.lines(),
+                std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
           << c.version;
       EXPECT_EQ(fetches(), fetchesBefore) << c.version;
     }
@@ -103,8 +105,9 @@ TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
     std::optional<Value> launchOptions;
     bool presents;
   };
-  const Value withPoll = {{UIApplicationLaunchOptionsRemoteNotificationKey,
-                           {{"aps", {{"alert", "Q?"}}}, {"poll", {{"id", 7}, {"question", "Q?"}}}}}};
+  const Value withPoll = {
+      {UIApplicationLaunchOptionsRemoteNotificationKey,
+       {{"aps", {{"alert", "Q?"}}}, {"poll", {{"id", 7}, {"question", "Q?"}}}}}};
   const Case cases[] = {
       {"no launch options", std::nullopt, false},
       {"options without a payload", Value{{"other", 1}}, false},
@@ -144,7 +147,8 @@ TEST_F(StartupTest, BecomingActiveFetches) {
 
 TEST_F(StartupTest, CategoriesMergeOutcomes) {
   const platform::CategorySet library = CategoriesManager().categories();
-  platform::NotificationCategory hostOwn = CategoriesManager().createCategoryWithActions({"Go"}, "host");
+  platform::NotificationCategory hostOwn =
+      CategoriesManager().createCategoryWithActions({"Go"}, "host");
   struct Case {
     const char* name;
     platform::NotificationSettings current;
@@ -152,11 +156,18 @@ TEST_F(StartupTest, CategoriesMergeOutcomes) {
     std::optional<platform::CategorySet> expected;
   };
   const std::vector<Case> cases = {
-      {"no alert bit", {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
-                        platform::CategorySet{hostOwn}}, false, std::nullopt},
-      {"already holds the library's", {7, library.setByAddingObjectsFromSet({hostOwn})}, false,
+      {"no alert bit",
+       {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
+        platform::CategorySet{hostOwn}},
+       false,
        std::nullopt},
-      {"other categories", {4, platform::CategorySet{hostOwn}}, true,
+      {"already holds the library's",
+       {7, library.setByAddingObjectsFromSet({hostOwn})},
+       false,
+       std::nullopt},
+      {"other categories",
+       {4, platform::CategorySet{hostOwn}},
+       true,
        platform::CategorySet{hostOwn}.setByAddingObjectsFromSet(library)},
       {"absent set", {4, std::nullopt}, true, std::nullopt},
   };

@@ -110,7 +110,8 @@ TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   EXPECT_EQ(last().header("Authorization"), "JWT tok-2");
 
   for (const auto& logged : log_.lines()) {
-    EXPECT_EQ(logged.find("tok-"), std::string::npos) << "the access token reached a log line: " << logged;
+    EXPECT_EQ(logged.find("tok-"), std::string::npos)
+        << "the access token reached a log line: " << logged;
   }
 }
 
@@ -155,7 +156,8 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
   sdk::SDKState& state = sdk::SDKState::shared();
   auto& app = platform::Application::sharedApplication();
   int ends = 0;
-  app.setBackgroundTaskObserver([&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
+  app.setBackgroundTaskObserver(
+      [&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     if (c.added) state.interception.mutableAddedMethods()[kResponseInfoSelector] = *c.added;
@@ -173,9 +175,11 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
     ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No"));
     drain();
     EXPECT_EQ(calls, c.handlerCalls);
-    EXPECT_EQ(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") + kResponseInfoSelector),
+    EXPECT_EQ(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
+                            kResponseInfoSelector),
               c.handlerCalls == 1);
-    EXPECT_EQ(service::PollService::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid);
+    EXPECT_EQ(service::PollService::currentReplyBackgroundTask(),
+              platform::UIBackgroundTaskInvalid);
     EXPECT_TRUE(app.backgroundTasks().back().ended);
     EXPECT_EQ(ends, 1);
   }
@@ -185,8 +189,9 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
 TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
   {
     std::lock_guard lock(mu_);
-    polls_ = Value::array({{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
-                           {{"id", 12}, {"question", "Second?"}}});
+    polls_ = Value::array(
+        {{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
+         {{"id", 12}, {"question", "Second?"}}});
   }
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
   ASSERT_TRUE(waitForLog("QuorviaSDK: Presenting poll: First?"));
@@ -199,8 +204,13 @@ TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
 TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
   auto transport = FakeTransport::install();
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  const std::string answers[] = {R"({"results":[]})", R"({"results":"not a list"})", R"({"count":3})",
-                                 R"({"results":{"a":1}})", R"([1,2])", "<html>500</html>", ""};
+  const std::string answers[] = {R"({"results":[]})",
+                                 R"({"results":"not a list"})",
+                                 R"({"count":3})",
+                                 R"({"results":{"a":1}})",
+                                 R"([1,2])",
+                                 "<html>500</html>",
+                                 ""};
   for (std::size_t i = 0; i < std::size(answers); ++i) {
     if (i > 0) service().fetchPolls();
     ASSERT_EQ(transport->requestCount(), i + 1);
@@ -208,14 +218,16 @@ TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
     drain();
   }
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(log_.lines(), (std::vector<std::string>{
-                              "QuorviaSDK: Initialized SDK with app token: A",
-                              "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."}));
+  EXPECT_EQ(log_.lines(),
+            (std::vector<std::string>{
+                "QuorviaSDK: Initialized SDK with app token: A",
+                "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."}));
 
   // A transport error is written unprefixed and ungated, and nothing is shown.
   QuorviaSDK::setDebug(false);
   service().fetchPolls();
-  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost, "Could not connect to the server.");
+  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost,
+                  "Could not connect to the server.");
   drain();
   EXPECT_EQ(log_.lines().back(),
             "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the server.\" "
@@ -231,8 +243,10 @@ TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
   EXPECT_EQ(last().header("Authorization"), "JWT good");
 
   const std::pair<const char*, std::string> cases[] = {
-      {"line break", "evil\r\nX-Injected: 1"}, {"NUL", std::string("a\0b", 3)},
-      {"vertical tab", "a\vb"},                {"line separator", "a\u2028b"},
+      {"line break", "evil\r\nX-Injected: 1"},
+      {"NUL", std::string("a\0b", 3)},
+      {"vertical tab", "a\vb"},
+      {"line separator", "a\u2028b"},
       {"1 MiB", std::string(1 << 20, 'a')},
   };
   std::size_t requests = 1;
@@ -241,8 +255,9 @@ TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
     log_.clear();
     answerRegistrationWith(token);
     QuorviaSDK::setDeviceToken(platform::Bytes{0x01});
-    ASSERT_TRUE(waitForLog(
-        "QuorviaSDK: Ignored an access token that is not one line of printable text of at most 8 KiB."));
+    ASSERT_TRUE(
+        waitForLog("QuorviaSDK: Ignored an access token that is not one line of printable text of "
+                   "at most 8 KiB."));
     EXPECT_EQ(storedToken(), "good") << "the stored token stays";
     ++requests;
 
@@ -250,7 +265,8 @@ TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
     ASSERT_TRUE(LKKeychain::setPassword(token, "polls", "user_token"));
     service().fetchPolls();
     ASSERT_TRUE(waitForRequests(++requests));
-    EXPECT_TRUE(log_.contains("QuorviaSDK: Refused to send an access token that is not one line of printable text."));
+    EXPECT_TRUE(log_.contains(
+        "QuorviaSDK: Refused to send an access token that is not one line of printable text."));
     EXPECT_EQ(last().header("Authorization"), "JWT good") << "the header fields stay as they were";
     ASSERT_TRUE(LKKeychain::setPassword("good", "polls", "user_token"));
   }
@@ -272,10 +288,12 @@ TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {
   ASSERT_TRUE(all);
   const auto answered = [&] {
     int n = 0;
-    for (const auto& l : log_.lines()) n += l.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
+    for (const auto& l : log_.lines())
+      n += l.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
     return n;
   };
-  ASSERT_TRUE(loop_->runUntil([&] { return answered() == kThreads * kEach; }, platform::seconds(20)));
+  ASSERT_TRUE(
+      loop_->runUntil([&] { return answered() == kThreads * kEach; }, platform::seconds(20)));
   EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), kThreads * kEach);
   for (const auto& request : server_.requests()) EXPECT_EQ(request.target, "/me");
 }

@@ -27,7 +27,8 @@ std::vector<std::string> FakeTransport::requestLines() const {
   std::vector<std::string> lines;
   for (const auto& call : calls_) {
     std::string target = call.request.url ? call.request.url->path : "<no url>";
-    if (call.request.url && !call.request.url->query.empty()) target += "?" + call.request.url->query;
+    if (call.request.url && !call.request.url->query.empty())
+      target += "?" + call.request.url->query;
     lines.push_back(call.request.HTTPMethod + " " + target);
   }
   return lines;
@@ -48,8 +49,9 @@ void FakeTransport::respond(std::size_t index, long status, std::string body) {
 
 void FakeTransport::fail(std::size_t index, std::int64_t code, std::string description) {
   platform::TransportResult result;
-  result.error = platform::Error{platform::NSURLErrorDomain, code,
-                                 platform::Value{{platform::kNSLocalizedDescriptionKey, description}}};
+  result.error =
+      platform::Error{platform::NSURLErrorDomain, code,
+                      platform::Value{{platform::kNSLocalizedDescriptionKey, description}}};
   answer(index, std::move(result));
 }
 

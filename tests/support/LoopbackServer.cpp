@@ -62,8 +62,9 @@ class LoopbackServer::Connection {
   }
   bool sendAll(const std::string& bytes) {
     for (std::size_t sent = 0; sent < bytes.size();) {
-      const long n = ssl_ ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(bytes.size() - sent))
-                          : ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      const long n =
+          ssl_ ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(bytes.size() - sent))
+               : ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
       if (n <= 0) return false;
       sent += static_cast<std::size_t>(n);
     }
@@ -186,7 +187,8 @@ void LoopbackServer::serve(int fd) {
     while (lineEnd != std::string::npos) {
       const std::size_t start = lineEnd + 2;
       lineEnd = head.find("\r\n", start);
-      const std::string line = head.substr(start, lineEnd == std::string::npos ? lineEnd : lineEnd - start);
+      const std::string line =
+          head.substr(start, lineEnd == std::string::npos ? lineEnd : lineEnd - start);
       const auto colon = line.find(':');
       if (colon == std::string::npos) continue;
       std::string value = line.substr(colon + 1);
@@ -224,8 +226,9 @@ void LoopbackServer::serve(int fd) {
     }
     if (behaviour_ == Behaviour::kStall) continue;  // keeps reading; the client gives up
     if (behaviour_ == Behaviour::kResetMidBody || behaviour_ == Behaviour::kTruncateBody) {
-      connection.sendAll("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
-                         "Content-Length: 100\r\n\r\n{\"partial\":");
+      connection.sendAll(
+          "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+          "Content-Length: 100\r\n\r\n{\"partial\":");
       if (behaviour_ == Behaviour::kResetMidBody) {
         const linger reset{1, 0};  // close with RST instead of FIN
         ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
@@ -233,9 +236,8 @@ void LoopbackServer::serve(int fd) {
       break;
     }
     open = connection.sendAll("HTTP/1.1 " + std::to_string(reply.status) + " Reply\r\n" + extra +
-                              "Content-Type: " + reply.contentType +
-                              "\r\nContent-Length: " + std::to_string(reply.body.size()) +
-                              "\r\n\r\n" + reply.body);
+                              "Content-Type: " + reply.contentType + "\r\nContent-Length: " +
+                              std::to_string(reply.body.size()) + "\r\n\r\n" + reply.body);
   }
   std::lock_guard lock(mu_);
   std::erase(connections_, fd);

@@ -1,12 +1,12 @@
 // The banner controller: presenting, expanding, replying and hiding the poll
 // banner in the key window.
 
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "platform/Accessibility.h"
-#include "quorvia/platform/Application.h"
 #include "platform/BlurView.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/Window.h"
+#include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerTestSupport.h"
@@ -101,7 +101,8 @@ TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
     EXPECT_EQ(w->subviews()[1], view);
     EXPECT_EQ(backdrop->frame(), w->bounds());
     if (reduce) {
-      EXPECT_EQ(backdrop->backgroundColor(), platform::Color::blackColor().colorWithAlphaComponent(0.5));
+      EXPECT_EQ(backdrop->backgroundColor(),
+                platform::Color::blackColor().colorWithAlphaComponent(0.5));
       EXPECT_TRUE(backdrop->subviews().empty());
     } else {
       ASSERT_EQ(backdrop->subviews().size(), 1u);
@@ -142,9 +143,11 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
   };
   const Case cases[] = {
       {"", false, nullptr},
-      {"https://example.com/more", true, "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
+      {"https://example.com/more", true,
+       "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
       {"not a link", false, "QuorviaSDK: User tapped link but link is invalid: not a link"},
-      {"ftp://example.com", false, "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
+      {"ftp://example.com", false,
+       "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
   };
   auto& app = platform::Application::sharedApplication();
   for (const auto& c : cases) {
@@ -157,8 +160,7 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     log_.clear();
     bool openedAfterReplyAndHide = false;
     app.setOpenURLHandler([&](const std::string&) {
-      openedAfterReplyAndHide =
-          replies().size() == repliesBefore + 1 && view->frame().y() == -330;
+      openedAfterReplyAndHide = replies().size() == repliesBefore + 1 && view->frame().y() == -330;
     });
     const auto openedBefore = app.openedURLs().size();
     auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);

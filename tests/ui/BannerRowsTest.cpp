@@ -4,12 +4,12 @@
 #include "platform/Bundle.h"
 #include "quorvia/platform/Error.h"
 #include "quorvia/platform/Window.h"
+#include "support/PlatformTest.h"
+#include "ui/BannerTestSupport.h"
 #include "ui/QVNotificationActionCell.h"
 #include "ui/QVNotificationHeaderCell.h"
 #include "ui/QVNotificationTextCell.h"
 #include "ui/QVNotificationView.h"
-#include "support/PlatformTest.h"
-#include "ui/BannerTestSupport.h"
 
 namespace quorvia {
 namespace {
@@ -100,7 +100,8 @@ TEST_F(BannerRowsTest, RowsBelowTheBannerStayOutOfSight) {
   view->setShowOptions(true);
   view->tableView()->layoutIfNeeded();
   int visible = 0;
-  for (int r = 0; r < 12; ++r) visible += view->tableView()->cellForRowAtIndexPath({1, r}) != nullptr;
+  for (int r = 0; r < 12; ++r)
+    visible += view->tableView()->cellForRowAtIndexPath({1, r}) != nullptr;
   EXPECT_GT(visible, 0);
   EXPECT_LT(visible, 12);
   EXPECT_EQ(view->tableView()->frame().height(), 330);
@@ -148,7 +149,8 @@ TEST(TableUpdates, InconsistentBatchRaisesAsThePlatformDoes) {
 TEST(ResourceBundle, FoundByIdentifier) {
   auto bundle = platform::Bundle::bundleWithIdentifier("com.quorvia.sdk.ios");
   ASSERT_TRUE(bundle);
-  for (const char* name : {"QVNotificationHeaderCell", "QVNotificationTextCell", "QVNotificationActionCell"}) {
+  for (const char* name :
+       {"QVNotificationHeaderCell", "QVNotificationTextCell", "QVNotificationActionCell"}) {
     EXPECT_TRUE(platform::Nib::nibWithNibName(name, bundle)) << name;
   }
   EXPECT_EQ(platform::Bundle::bundleWithIdentifier("com.example.missing"), nullptr);

@@ -1,7 +1,7 @@
 // The banner's pure view-model: sections, rows, heights, masks and events.
 
-#include "ui/QVNotificationViewModel.h"
 #include "support/PlatformTest.h"
+#include "ui/QVNotificationViewModel.h"
 
 namespace quorvia {
 namespace {
