@@ -103,11 +103,10 @@ TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
   QuorviaSDK::handleRemoteNotification(Value{{"poll", malformed}});
   EXPECT_EQ(log_.lines(), std::vector<std::string>{});
 
-  transport_->setResponder([&](const platform::URLRequest&) {
-    return testing::FakeTransport::ok(Value{{"results", Value::array({malformed})}}.dump());
-  });
   sdk::SDKState::shared().service->fetchPolls();
   log_.clear();
+  transport_->respond(transport_->requestCount() - 1, 200,
+                      Value{{"results", Value::array({malformed})}}.dump());
   drain();
   EXPECT_EQ(log_.lines(), std::vector<std::string>{});
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);

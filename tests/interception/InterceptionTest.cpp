@@ -1,210 +1,412 @@
-// Installing the library's handlers into the application delegate's class.
-#include <gtest/gtest.h>
+// Interception of the application delegate's six callbacks: which ones the
+// library adds, the library's work before the host's own code, and who
+// completes the platform's completion handlers, exactly once.
 
-#include <algorithm>
-
-#include "interception/HostDelegateTest.h"
 #include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "quorvia/platform/Runtime.h"
+#include "sdk/SDKState.h"
+#include "support/FakeTransport.h"
+#include "support/PlatformTest.h"
+#include "ui/QVNotificationView.h"
 
 namespace quorvia::testing {
 namespace {
 
 using platform::Value;
+using Selectors = std::vector<std::string_view>;
 
-constexpr const char* kDeviceTokenLine = "QuorviaSDK: Received device push token from iOS.";
+constexpr const char* kDefaultAction = "com.apple.UNNotificationDefaultActionIdentifier";
+constexpr const char* kTokenLine = "QuorviaSDK: Received device push token from iOS.";
 constexpr const char* kRegistrationFailedLine =
     "QuorviaSDK: Failed to register for remote notifications. Make sure Push Notifications is "
     "enabled in your target capabilities.";
+constexpr std::string_view kToken = platform::kDidRegisterForRemoteNotificationsSelector;
+constexpr std::string_view kFail = platform::kDidFailToRegisterForRemoteNotificationsSelector;
+constexpr std::string_view kReceive = platform::kDidReceiveRemoteNotificationSelector;
+constexpr std::string_view kFetch = platform::kDidReceiveRemoteNotificationFetchSelector;
+constexpr std::string_view kAction = platform::kHandleActionSelector;
+constexpr std::string_view kResponseInfo = platform::kHandleActionWithResponseInfoSelector;
+const Selectors kAll = {kToken, kFail, kReceive, kFetch, kAction, kResponseInfo};
 
-Value addedMethodsFor(const std::vector<std::string_view>& selectors) {
-  Value added = Value::object();
-  for (auto selector : selectors) added[std::string(selector)] = true;
-  return added;
-}
+/// One call that reached the host's own code, with what the library had done by then.
+struct HostCall {
+  std::string owner;
+  std::string selector;
+  platform::MessageArguments arguments;
+  std::size_t requestsBefore = 0;
+  int presentationsBefore = 0;
+};
 
-std::vector<std::string_view> allBut(std::string_view implemented) {
-  std::vector<std::string_view> rest;
-  for (auto selector : allCallbacks()) {
-    if (selector != implemented) rest.push_back(selector);
+class InterceptionTest : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    transport_ = FakeTransport::install();
   }
-  return rest;
-}
 
-void start(bool swizzling = true) {
-  QuorviaSDK::initWithAppToken("app-token", std::nullopt, swizzling);
-}
+  /// A delegate class `name` implementing `implemented` itself; its methods
+  /// record the call and, when `completes`, complete at once.
+  std::shared_ptr<platform::Class> makeDelegateClass(
+      const std::string& name, const Selectors& implemented,
+      std::shared_ptr<platform::Class> superclass = nullptr, bool completes = false) {
+    auto cls = platform::Class::create(name, std::move(superclass));
+    for (std::string_view selector : implemented) {
+      platform::class_addMethod(
+          cls.get(), selector,
+          [this, name, selector = std::string(selector), completes](
+              platform::Object&, const platform::MessageArguments& a) {
+            hostCalls_.push_back(
+                {name, selector, a, transport_->requestCount(), presentationsSoFar()});
+            if (completes && a.fetchCompletionHandler) a.fetchCompletionHandler(1);
+            if (completes && a.completionHandler) a.completionHandler();
+          },
+          platform::applicationDelegateTypeEncoding(selector));
+    }
+    return cls;
+  }
+  void installDelegate(std::shared_ptr<platform::Class> cls) {
+    platform::Application::sharedApplication().setDelegate(
+        std::make_shared<platform::Object>(std::move(cls)));
+  }
+  void startWithHost(const Selectors& implemented, bool swizzling = true) {
+    installDelegate(makeDelegateClass("HostAppDelegate", implemented));
+    QuorviaSDK::initWithAppToken("app-token", std::nullopt, swizzling);
+  }
 
-class InterceptionTest : public HostDelegateTest {};
+  /// What the platform passes with `selector`; completions count into the fixture.
+  platform::MessageArguments argumentsFor(std::string_view selector) {
+    platform::MessageArguments a;
+    a.application = &platform::Application::sharedApplication();
+    if (selector == kToken) {
+      a.deviceToken = platform::Bytes{0x00, 0x01, 0xab, 0xff, 0x10};
+    } else if (selector == kFail) {
+      a.error = platform::Error{"NSCocoaErrorDomain", 3010, Value::object()};
+    } else {
+      a.userInfo = pollPayload_;
+    }
+    if (selector == kFetch)
+      a.fetchCompletionHandler = [this](int result) { fetchCompletions_.push_back(result); };
+    if (selector == kAction || selector == kResponseInfo) {
+      a.identifier = "Yes";
+      a.completionHandler = [this] { ++actionCompletions_; };
+    }
+    if (selector == kResponseInfo)
+      a.responseInfo = Value{{"UIUserNotificationActionResponseTypedTextKey", "hi"}};
+    return a;
+  }
 
-TEST_F(InterceptionTest, OnlyTheTokenCallbackImplementedRunsLibraryThenHostAndAddsTheRest) {
-  auto cls =
-      makeDelegateClass("HostAppDelegate", {platform::kDidRegisterForRemoteNotificationsSelector});
+  /// Delivers a callback as the platform does. A banner it showed is counted
+  /// and slid out again, so that the next delivery may show one too.
+  bool deliver(std::string_view selector,
+               std::optional<platform::MessageArguments> given = std::nullopt) {
+    const bool delivered =
+        platform::deliverToApplicationDelegate(selector, given ? *given : argumentsFor(selector));
+    sdk::SDKState& state = sdk::SDKState::shared();
+    if (auto view = state.banner->presentedPollView()) {
+      ++presentations_;
+      expansions_ += view->showOptions() ? 1 : 0;
+      state.banner->hideNotificationView(view);
+      advance(0.3);
+    }
+    return delivered;
+  }
+  int presentationsSoFar() const {
+    return presentations_ + (sdk::SDKState::shared().banner->presentedPollView() ? 1 : 0);
+  }
+  std::size_t requestsTo(const std::string& part) const {
+    std::size_t n = 0;
+    for (const auto& line : transport_->requestLines()) n += line.find(part) != std::string::npos;
+    return n;
+  }
+  /// Answers every pending request, then runs the main queue.
+  void answerAll() {
+    for (; answered_ < transport_->requestCount(); ++answered_)
+      transport_->respond(answered_, 200, "{}");
+    drain();
+  }
+  static Value addedFor(const Selectors& selectors) {
+    Value added = Value::object();
+    for (auto selector : selectors) added[std::string(selector)] = true;
+    return added;
+  }
+  static const Value& added() { return sdk::SDKState::shared().interception.addedMethods(); }
+
+  Value pollPayload_ = Value::parse(R"({"aps":{"alert":"Q?"},"poll":{"id":7,"question":"Q?"}})");
+  std::shared_ptr<FakeTransport> transport_;
+  std::vector<HostCall> hostCalls_;
+  std::vector<int> fetchCompletions_;
+  int actionCompletions_ = 0;
+  std::size_t answered_ = 0;
+  int presentations_ = 0;
+  int expansions_ = 0;
+};
+
+// Only the class's own implementation counts: a callback it inherits is
+// added too, and the superclass's implementation never runs.
+TEST_F(InterceptionTest, CallbacksTheClassLacksAreAddedAndRunOnlyTheLibrarysWork) {
+  auto base = makeDelegateClass("HostBaseDelegate", {kToken, kFetch});
+  auto cls = makeDelegateClass("HostAppDelegate", {kFail}, base);
   installDelegate(cls);
-  start();
+  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
+  EXPECT_EQ(added(), addedFor({kToken, kReceive, kFetch, kAction, kResponseInfo}));
+  EXPECT_EQ(platform::class_copyMethodList(base.get()),
+            (std::vector<std::string>{std::string(kFetch), std::string(kToken)}));
 
-  // The five missing callbacks are recorded in installation order, keyed by selector text.
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods(),
-            addedMethodsFor(allBut(platform::kDidRegisterForRemoteNotificationsSelector)));
-  EXPECT_EQ(platform::class_copyMethodList(cls.get()).size(), 12u);
-
-  ASSERT_TRUE(deliver(platform::kDidRegisterForRemoteNotificationsSelector));
-  auto tokenCalls = hostCallsOf(platform::kDidRegisterForRemoteNotificationsSelector);
-  ASSERT_EQ(tokenCalls.size(), 1u);
-  EXPECT_EQ(tokenCalls[0].deviceTokensBefore, 1u) << "the library registers before the host runs";
-  EXPECT_EQ(tokenCalls[0].arguments.deviceToken, token_);
-  EXPECT_EQ(log_.count(kDeviceTokenLine), 1);
-
-  // The added callbacks run the library's work and lead to nothing of the host's.
-  for (auto selector : allBut(platform::kDidRegisterForRemoteNotificationsSelector)) {
-    EXPECT_TRUE(deliver(selector)) << selector;
-  }
-  EXPECT_EQ(hostCalls_->size(), 1u);
+  for (auto selector : kAll) EXPECT_TRUE(deliver(selector)) << selector;
+  ASSERT_EQ(hostCalls_.size(), 1u);
+  EXPECT_EQ(hostCalls_[0].owner, "HostAppDelegate");
+  EXPECT_EQ(hostCalls_[0].selector, kFail);
+  EXPECT_EQ(requestsTo("/endpoints/"), 1u);
+  EXPECT_EQ(requestsTo("/replies/"), 2u);
+  EXPECT_EQ(presentations_, 2);
+  EXPECT_EQ(log_.count(kTokenLine), 1);
   EXPECT_EQ(log_.count(kRegistrationFailedLine), 1);
-  EXPECT_EQ(presentations(), 2);
-  EXPECT_EQ(replyCount(), 2u);
-  EXPECT_EQ(*fetchCompletions_, std::vector<int>{platform::UIBackgroundFetchResultNewData});
-  EXPECT_EQ(*actionCompletions_, 1) << "only the four-argument action completes here; the "
-                                       "response-info one is handed to the reply";
+  EXPECT_EQ(fetchCompletions_, std::vector<int>{platform::UIBackgroundFetchResultNewData});
+  EXPECT_EQ(actionCompletions_, 1) << "the response-info completion waits for the reply";
+  answerAll();
+  EXPECT_EQ(actionCompletions_, 2);
 }
 
-TEST_F(InterceptionTest, InheritedOnlyImplementationCountsAsMissing) {
-  auto base =
-      makeDelegateClass("HostBaseDelegate", {platform::kDidRegisterForRemoteNotificationsSelector,
-                                             platform::kDidReceiveRemoteNotificationFetchSelector});
-  auto derived = makeDelegateClass(
-      "HostAppDelegate", {platform::kDidFailToRegisterForRemoteNotificationsSelector}, base);
-  installDelegate(derived);
-  start();
+TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments) {
+  startWithHost(kAll);
+  struct Case {
+    const char* name;
+    std::string_view selector;
+    std::optional<Value> payload;  // replaces the poll payload where one is passed
+    std::vector<std::string> requests, lines;
+    int presented;
+    bool debug = true;
+  };
+  const Value noPoll = {{"aps", {{"alert", "hello"}}}};
+  const std::vector<Case> cases = {
+      {"token",
+       kToken,
+       {},
+       {"POST /endpoints/ push_token=0001abff10&app_token=app-token&platform=ios"},
+       {kTokenLine},
+       0},
+      {"failure", kFail, {}, {}, {kRegistrationFailedLine}, 0},
+      {"failure without debug", kFail, {}, {}, {}, 0, false},
+      {"poll", kReceive, {}, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
+      {"no poll", kReceive, noPoll, {}, {}, 0},
+      {"nil payload", kReceive, Value(nullptr), {}, {}, 0},
+      {"poll, fetch", kFetch, {}, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
+      {"no poll, fetch", kFetch, noPoll, {}, {}, 0},
+      {"action",
+       kAction,
+       {},
+       {"POST /polls/7/replies/ reply_text=Yes"},
+       {"QuorviaSDK: Missing user access token!"},
+       0},
+      {"response info",
+       kResponseInfo,
+       {},
+       {"POST /polls/7/replies/ reply_text=Yes"},
+       {"QuorviaSDK: Missing user access token!"},
+       0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    QuorviaSDK::setDebug(c.debug);
+    log_.clear();
+    hostCalls_.clear();
+    const std::size_t requestsBefore = transport_->requestCount();
+    const int presentedBefore = presentations_;
+    auto arguments = argumentsFor(c.selector);
+    if (c.payload) arguments.userInfo = c.payload->is_null() ? std::nullopt : c.payload;
+    EXPECT_TRUE(deliver(c.selector, arguments));
 
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods(),
-            addedMethodsFor(allBut(platform::kDidFailToRegisterForRemoteNotificationsSelector)));
-  for (auto selector : allCallbacks()) deliver(selector);
+    std::vector<std::string> sent;
+    for (std::size_t i = requestsBefore; i < transport_->requestCount(); ++i) {
+      sent.push_back(transport_->requestLines()[i] + " " + transport_->bodyText(i));
+    }
+    EXPECT_EQ(sent, c.requests);
+    EXPECT_EQ(log_.lines(), c.lines);
+    EXPECT_EQ(presentations_ - presentedBefore, c.presented);
+    EXPECT_EQ(expansions_, 0) << "a received poll is shown collapsed";
+    ASSERT_EQ(hostCalls_.size(), 1u);
+    const HostCall& host = hostCalls_[0];
+    EXPECT_EQ(host.requestsBefore - requestsBefore, c.requests.size())
+        << "sent before the host runs";
+    EXPECT_EQ(host.presentationsBefore - presentedBefore, c.presented)
+        << "shown before the host runs";
+    EXPECT_EQ(host.arguments.application, &platform::Application::sharedApplication());
+    EXPECT_EQ(host.arguments.deviceToken, arguments.deviceToken);
+    EXPECT_EQ(host.arguments.userInfo, arguments.userInfo);
+    EXPECT_EQ(host.arguments.identifier, arguments.identifier);
+    EXPECT_EQ(host.arguments.responseInfo, arguments.responseInfo);
+    EXPECT_EQ(host.arguments.error.has_value(), arguments.error.has_value());
+  }
+  answerAll();
+  EXPECT_TRUE(fetchCompletions_.empty());
+  EXPECT_EQ(actionCompletions_, 0) << "a host that implements a callback completes it itself";
+}
 
-  // Only the class's own implementation is called on; the superclass's never runs.
-  ASSERT_EQ(hostCalls_->size(), 1u);
-  EXPECT_EQ((*hostCalls_)[0].owner, "HostAppDelegate");
-  EXPECT_EQ(registrationCount(), 1u);
-  EXPECT_EQ(*fetchCompletions_, std::vector<int>{platform::UIBackgroundFetchResultNewData});
-  EXPECT_EQ(platform::class_copyMethodList(base.get()),
-            (std::vector<std::string>{
-                std::string(platform::kDidReceiveRemoteNotificationFetchSelector),
-                std::string(platform::kDidRegisterForRemoteNotificationsSelector)}));
+struct CompletionCase {
+  const char* name;
+  std::string_view selector;
+  bool hostImplements;
+  std::vector<int> fetchCompletions;
+  int actionCompletions;
+};
+void PrintTo(const CompletionCase& c, std::ostream* os) { *os << c.name; }
+
+// One process per row: each needs fresh process-wide interception state.
+class LibraryCompletesOnlyWhatTheHostCannot : public InterceptionTest,
+                                              public ::testing::WithParamInterface<CompletionCase> {
+};
+
+TEST_P(LibraryCompletesOnlyWhatTheHostCannot, OnceTheReplyIsAnswered) {
+  const CompletionCase& c = GetParam();
+  startWithHost(c.hostImplements ? Selectors{c.selector} : Selectors{});
+  ASSERT_TRUE(deliver(c.selector));
+  answerAll();
+  EXPECT_EQ(fetchCompletions_, c.fetchCompletions);
+  EXPECT_EQ(actionCompletions_, c.actionCompletions);
+  EXPECT_EQ(hostCalls_.size(), c.hostImplements ? 1u : 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Callbacks, LibraryCompletesOnlyWhatTheHostCannot,
+    ::testing::Values(
+        CompletionCase{
+            "FetchWithoutHost", kFetch, false, {platform::UIBackgroundFetchResultNewData}, 0},
+        CompletionCase{"FetchWithHost", kFetch, true, {}, 0},
+        CompletionCase{"ActionWithoutHost", kAction, false, {}, 1},
+        CompletionCase{"ActionWithHost", kAction, true, {}, 0},
+        // The reply's completion completes it, never the handler itself.
+        CompletionCase{"ResponseInfoWithoutHost", kResponseInfo, false, {}, 1},
+        CompletionCase{"ResponseInfoWithHost", kResponseInfo, true, {}, 0}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+// A delegate class that lacked the callbacks was intercepted first, then one
+// that implements and completes them; the first one's entries stay, yet the
+// platform's completion runs once only, however often it is called.
+TEST_F(InterceptionTest, CompletionNeverReachesThePlatformTwice) {
+  installDelegate(makeDelegateClass("FirstDelegate", {}));
+  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
+  installDelegate(makeDelegateClass("HostAppDelegate", kAll, nullptr, /*completes=*/true));
+  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
+
+  deliver(kFetch);
+  deliver(kAction);
+  deliver(kResponseInfo);
+  EXPECT_EQ(fetchCompletions_, std::vector<int>{1}) << "the host's own result, once";
+  EXPECT_EQ(actionCompletions_, 2);
+  ASSERT_EQ(requestsTo("/replies/"), 2u);
+  answerAll();
+  EXPECT_TRUE(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
+                            std::string(kResponseInfo)));
+  EXPECT_EQ(actionCompletions_, 2) << "the reply's copy of a completed handler does nothing";
+  for (const auto& host : hostCalls_) {
+    if (host.arguments.completionHandler) host.arguments.completionHandler();
+    if (host.arguments.fetchCompletionHandler) host.arguments.fetchCompletionHandler(2);
+  }
+  EXPECT_EQ(fetchCompletions_, std::vector<int>{1});
+  EXPECT_EQ(actionCompletions_, 2);
 }
 
 TEST_F(InterceptionTest, SecondStartUpInstallsNothingTwice) {
-  struct Case {
-    std::string name;
-    std::vector<std::string_view> implemented;
-  };
-  // In this order: the entries of the second case would otherwise make the
-  // library complete on behalf of the first case's host.
-  for (const Case& c : std::vector<Case>{{"HostWithAll", allCallbacks()}, {"HostWithNone", {}}}) {
-    SCOPED_TRACE(c.name);
-    auto cls = makeDelegateClass(c.name, c.implemented);
+  // In this order: the second case's entries would otherwise make the library
+  // complete on behalf of the first case's host.
+  for (const auto& [name, implemented] : std::vector<std::pair<std::string, Selectors>>{
+           {"HostWithAll", kAll}, {"HostWithNone", {}}}) {
+    SCOPED_TRACE(name);
+    auto cls = makeDelegateClass(name, implemented);
     installDelegate(cls);
-    hostCalls_->clear();
-    fetchCompletions_->clear();
-    *actionCompletions_ = 0;
-    const std::size_t tokensBefore = registrationCount();
-    const std::size_t repliesBefore = replyCount();
-    const int presentedBefore = presentations();
-
-    start();
+    hostCalls_.clear();
+    fetchCompletions_.clear();
+    actionCompletions_ = 0;
+    const std::size_t requestsBefore = transport_->requestCount();
+    const int presentedBefore = presentations_;
+    QuorviaSDK::initWithAppToken("app-token", std::nullopt);
     const auto methodsAfterFirst = platform::class_copyMethodList(cls.get());
-    start();
+    QuorviaSDK::initWithAppToken("app-token", std::nullopt);
     EXPECT_EQ(platform::class_copyMethodList(cls.get()), methodsAfterFirst);
 
-    for (auto selector : allCallbacks()) deliver(selector);
-    for (auto selector : c.implemented) EXPECT_EQ(hostCallsOf(selector).size(), 1u) << selector;
-    EXPECT_EQ(hostCalls_->size(), c.implemented.size());
-    EXPECT_EQ(registrationCount() - tokensBefore, 1u);
-    EXPECT_EQ(replyCount() - repliesBefore, 2u);
-    EXPECT_EQ(presentations() - presentedBefore, 2);
-    const bool lacking = c.implemented.empty();
-    EXPECT_EQ(fetchCompletions_->size(), lacking ? 1u : 0u);
-    EXPECT_EQ(*actionCompletions_, lacking ? 1 : 0);
+    for (auto selector : kAll) deliver(selector);
+    EXPECT_EQ(hostCalls_.size(), implemented.size()) << "each host method once";
+    // Two start-up fetches, one registration, two replies.
+    EXPECT_EQ(transport_->requestCount() - requestsBefore, 5u);
+    EXPECT_EQ(presentations_ - presentedBefore, 2);
+    EXPECT_EQ(fetchCompletions_.size(), implemented.empty() ? 1u : 0u);
+    EXPECT_EQ(actionCompletions_, implemented.empty() ? 1 : 0);
   }
 }
 
-TEST_F(InterceptionTest, SwizzlingOffLeavesTheClassUntouched) {
-  auto cls =
-      makeDelegateClass("HostAppDelegate", {platform::kDidRegisterForRemoteNotificationsSelector,
-                                            platform::kDidReceiveRemoteNotificationFetchSelector});
-  installDelegate(cls);
-  const auto methodsBefore = platform::class_copyMethodList(cls.get());
-  start(/*swizzling=*/false);
-
-  EXPECT_EQ(platform::class_copyMethodList(cls.get()), methodsBefore);
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods(), Value::object());
-  EXPECT_FALSE(deliver(platform::kDidFailToRegisterForRemoteNotificationsSelector));
-  EXPECT_TRUE(deliver(platform::kDidRegisterForRemoteNotificationsSelector));
-  EXPECT_TRUE(deliver(platform::kDidReceiveRemoteNotificationFetchSelector));
-  EXPECT_EQ(hostCalls_->size(), 2u);
-  EXPECT_EQ(registrationCount(), 0u);
-  EXPECT_EQ(presentations(), 0);
-  EXPECT_TRUE(fetchCompletions_->empty());
-}
-
-TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpIsIntercepted) {
+TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpWithSwizzlingOnIsIntercepted) {
   struct Case {
-    std::string name;
-    bool delegateAtStartUp;
+    const char* name;
+    bool delegateAtStartUp, swizzling;
   };
   for (const Case& c :
-       std::vector<Case>{{"NoDelegateAtStartUp", false}, {"DelegateReplacedAfterStartUp", true}}) {
+       {Case{"swizzling off", true, false}, Case{"no delegate at start-up", false, true},
+        Case{"delegate replaced after start-up", true, true}}) {
     SCOPED_TRACE(c.name);
     if (c.delegateAtStartUp) {
       installDelegate(makeDelegateClass("FirstDelegate", {}));
     } else {
       platform::Application::sharedApplication().setDelegate(nullptr);
-      EXPECT_FALSE(deliver(platform::kDidRegisterForRemoteNotificationsSelector));
+      EXPECT_FALSE(deliver(kToken));
     }
-    start();
-    EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), c.delegateAtStartUp ? 6u : 0u);
+    QuorviaSDK::initWithAppToken("app-token", std::nullopt, c.swizzling);
+    EXPECT_EQ(added().size(), c.delegateAtStartUp && c.swizzling ? 6u : 0u);
 
-    auto later = makeDelegateClass("LaterDelegate", allCallbacks());
+    auto later = makeDelegateClass("LaterDelegate", {kToken, kFetch});
     const auto methodsBefore = platform::class_copyMethodList(later.get());
     installDelegate(later);
-    hostCalls_->clear();
-    const std::size_t tokensBefore = registrationCount();
-    for (auto selector : allCallbacks()) deliver(selector);
+    hostCalls_.clear();
+    fetchCompletions_.clear();
+    const std::size_t registrations = requestsTo("/endpoints/");
+    EXPECT_FALSE(deliver(kFail));
+    EXPECT_TRUE(deliver(kToken));
+    EXPECT_TRUE(deliver(kFetch));
     EXPECT_EQ(platform::class_copyMethodList(later.get()), methodsBefore);
-    EXPECT_EQ(hostCalls_->size(), 6u);
-    EXPECT_EQ(registrationCount(), tokensBefore);
-    EXPECT_EQ(replyCount(), 0u);
+    EXPECT_EQ(hostCalls_.size(), 2u);
+    EXPECT_EQ(requestsTo("/endpoints/"), registrations);
+    EXPECT_TRUE(fetchCompletions_.empty());
   }
 }
 
-// A delegate class that lacked the callbacks was intercepted first, then a
-// delegate that implements them and completes them itself; the entries of
-// the first stay, yet the platform's completion must run once only.
-TEST_F(InterceptionTest, CompletionNeverReachesThePlatformTwice) {
-  installDelegate(makeDelegateClass("FirstDelegate", {}));
-  start();
-  installDelegate(
-      makeDelegateClass("HostAppDelegate", allCallbacks(), nullptr, HostCompletion::kAtOnce));
-  start();
+class DefaultActionPresentsExpandedAndSkipsTheHost : public InterceptionTest,
+                                                     public ::testing::WithParamInterface<bool> {};
 
-  deliver(platform::kDidReceiveRemoteNotificationFetchSelector);
-  EXPECT_EQ(*fetchCompletions_, std::vector<int>{1}) << "the host's own result, once";
+// Deliberately: the host is not called either way, and nobody completes when
+// the host has an implementation.
+TEST_P(DefaultActionPresentsExpandedAndSkipsTheHost, CompletingOnlyWithoutHost) {
+  const bool hostImplements = GetParam();
+  startWithHost(hostImplements ? Selectors{kResponseInfo} : Selectors{});
+  auto arguments = argumentsFor(kResponseInfo);
+  arguments.identifier = kDefaultAction;
+  ASSERT_TRUE(deliver(kResponseInfo, arguments));
+  EXPECT_EQ(presentations_, 1);
+  EXPECT_EQ(expansions_, 1);
+  EXPECT_EQ(requestsTo("/replies/"), 0u);
+  EXPECT_TRUE(hostCalls_.empty());
+  EXPECT_EQ(actionCompletions_, hostImplements ? 0 : 1);
+}
 
-  deliver(platform::kHandleActionSelector);
-  EXPECT_EQ(*actionCompletions_, 1);
+INSTANTIATE_TEST_SUITE_P(Host, DefaultActionPresentsExpandedAndSkipsTheHost, ::testing::Bool(),
+                         [](const auto& info) {
+                           return std::string(info.param ? "Implements" : "Lacks");
+                         });
 
-  *actionCompletions_ = 0;
-  deliver(platform::kHandleActionWithResponseInfoSelector);
-  EXPECT_EQ(*actionCompletions_, 1);
-  // The first delegate's entries still say the library owns the completion,
-  // so the reply's completion calls its copy of the handler: it must not reach
-  // the platform again.
-  ASSERT_EQ(replyCount(), 2u) << "both action callbacks reply";
+TEST_F(InterceptionTest, DefaultActionElsewhereIsAReplyLikeAnyOther) {
+  startWithHost({});
+  auto arguments = argumentsFor(kAction);
+  arguments.identifier = kDefaultAction;
+  deliver(kAction, arguments);
+  QuorviaSDK::handleActionWithIdentifier(std::string(kDefaultAction), pollPayload_);
+  ASSERT_EQ(transport_->requestCount(), 3u);
+  for (std::size_t i : {1u, 2u}) {
+    EXPECT_EQ(transport_->requestLines()[i], "POST /polls/7/replies/");
+    EXPECT_EQ(transport_->bodyText(i), "reply_text=" + std::string(kDefaultAction));
+  }
   answerAll();
-  EXPECT_TRUE(log_.contains(
-      "QuorviaSDK: Calling completionHandler for application:handleActionWithIdentifier:"
-      "forRemoteNotification:withResponseInfo:completionHandler:"));
-  EXPECT_EQ(*actionCompletions_, 1) << "the reply's copy of a completed handler does nothing";
+  EXPECT_EQ(actionCompletions_, 1) << "the callback's own, by the library; the reply has none";
+  EXPECT_EQ(presentations_, 0);
 }
 
 }  // namespace

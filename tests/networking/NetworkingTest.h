@@ -1,44 +1,49 @@
 #pragma once
-// Shared helpers of the networking tests: a fixture that waits on the main
-// queue for completions, and recorders that count how often a completion ran.
+// Fixture of the networking tests: the real transport with a short time-out,
+// and a recorder of what a completion was called with, and how often.
 
 #include <memory>
 #include <optional>
 
 #include "networking/SimpleNetworking.h"
+#include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {
 
 struct Outcome {
   int calls = 0;
+  bool onMainThread = false;
   std::optional<platform::Value> result;
-  std::shared_ptr<platform::Image> image;
   std::optional<platform::Error> error;
 };
 
 class NetworkingTest : public PlatformTest {
  protected:
-  /// Runs the main queue until `outcome` has been called back (or 20 s).
-  bool waitFor(const std::shared_ptr<Outcome>& outcome) {
-    return loop_->runUntil([&] { return outcome->calls > 0; }, platform::seconds(20));
+  void SetUp() override {
+    PlatformTest::SetUp();
+    env_->setURLTransport(transport_);
   }
 
-  static SimpleNetworking::Returned recordJson(const std::shared_ptr<Outcome>& outcome) {
-    return [outcome](std::optional<platform::Value> result, std::optional<platform::Error> error) {
+  SimpleNetworking::Returned record(const std::shared_ptr<Outcome>& outcome) {
+    return [outcome, loop = loop_](std::optional<platform::Value> result,
+                                   std::optional<platform::Error> error) {
       ++outcome->calls;
+      outcome->onMainThread = loop->isMainThread();
       outcome->result = std::move(result);
       outcome->error = std::move(error);
     };
   }
 
-  static SimpleNetworking::ImageReturned recordImage(const std::shared_ptr<Outcome>& outcome) {
-    return [outcome](std::shared_ptr<platform::Image> image, std::optional<platform::Error> error) {
-      ++outcome->calls;
-      outcome->image = std::move(image);
-      outcome->error = std::move(error);
-    };
+  /// Runs the main queue until `outcome` is called back (at most 20 s), then
+  /// once more, so that a second call would be seen.
+  bool waitFor(const std::shared_ptr<Outcome>& outcome) {
+    const bool called = loop_->runUntil([&] { return outcome->calls > 0; }, platform::seconds(20));
+    drain();
+    return called;
   }
+
+  std::shared_ptr<ShortTimeoutTransport> transport_ = std::make_shared<ShortTimeoutTransport>(10);
 };
 
 }  // namespace quorvia::testing

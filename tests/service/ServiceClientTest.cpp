@@ -1,60 +1,51 @@
 // The four service calls end to end against a recording server on 127.0.0.1:
 // the bytes on the wire, the access token's life, and the completion rules.
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <deque>
 #include <thread>
 
-#include "networking/RawHttpServer.h"
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "keychain/LKKeychain.h"
+#include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "platform/URLSession.h"
-#include "ui/QVNotificationView.h"
+#include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
+#include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
+#include "ui/QVNotificationView.h"
 
-namespace quorvia {
+namespace quorvia::testing {
 namespace {
 
 using platform::Value;
-using testing::RawHttpServer;
-using testing::RecordedRequest;
 
 constexpr const char* kResponseInfoSelector =
     "application:handleActionWithIdentifier:forRemoteNotification:withResponseInfo:"
     "completionHandler:";
 
-class ServiceClientTest : public testing::PlatformTest {
+class ServiceClientTest : public PlatformTest {
  protected:
   void SetUp() override {
     PlatformTest::SetUp();
     server_.setResponder([this](const RecordedRequest& request) {
       std::lock_guard lock(mu_);
-      RawHttpServer::Answer answer;
+      Reply reply;
       if (request.target == "/endpoints/" && !accessTokens_.empty()) {
-        answer.body = Value{{"access_token", accessTokens_.front()}}.dump();
+        reply.body = Value{{"access_token", accessTokens_.front()}}.dump();
         accessTokens_.pop_front();
       } else if (request.target.find("/polls/") != std::string::npos && request.method == "GET") {
-        answer.body = Value{{"results", polls_}}.dump();
+        reply.body = Value{{"results", polls_}}.dump();
       }
-      return answer;
+      return reply;
     });
     // Read once per process; every test runs in a process of its own.
-    ::setenv("QUORVIA_SERVICE_BASE_URL", ("http://127.0.0.1:" + std::to_string(server_.port())).c_str(), 1);
+    ::setenv("QUORVIA_SERVICE_BASE_URL", server_.baseURL().c_str(), 1);
   }
 
   void answerRegistrationWith(std::string token) {
     std::lock_guard lock(mu_);
     accessTokens_.push_back(std::move(token));
   }
-  void offerPolls(Value polls) {
-    std::lock_guard lock(mu_);
-    polls_ = std::move(polls);
-  }
-  /// Runs the main queue until the SDK has logged `line` (or 20 s pass).
   bool waitForLog(const std::string& line) {
     return loop_->runUntil([&] { return log_.contains(line); }, platform::seconds(20));
   }
@@ -62,11 +53,13 @@ class ServiceClientTest : public testing::PlatformTest {
     return loop_->runUntil([&] { return server_.requestCount() >= count; }, platform::seconds(20));
   }
   RecordedRequest last() const { return server_.requests().back(); }
+  static std::string line(const RecordedRequest& r) { return r.method + " " + r.target; }
   static std::optional<std::string> storedToken() {
     return LKKeychain::passwordForService("polls", "user_token");
   }
+  static service::PollService& service() { return *sdk::SDKState::shared().service; }
 
-  RawHttpServer server_;
+  LoopbackServer server_;
   std::mutex mu_;
   std::deque<std::string> accessTokens_;
   Value polls_ = Value::array();
@@ -75,132 +68,131 @@ class ServiceClientTest : public testing::PlatformTest {
 TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
   ASSERT_TRUE(waitForRequests(1));
-  EXPECT_EQ(last().method + " " + last().target, "GET /apps/A/polls/") << "no query string";
+  EXPECT_EQ(line(last()), "GET /apps/A/polls/") << "no query string";
   EXPECT_FALSE(last().hasHeader("Authorization")) << "nothing stored yet";
 
   answerRegistrationWith("tok-1");
   QuorviaSDK::setDeviceToken(platform::Bytes{0x00, 0x01, 0xab, 0xff, 0x10});
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfully registered device push token."));
-  RecordedRequest registration = last();
-  EXPECT_EQ(registration.method + " " + registration.target, "POST /endpoints/");
-  EXPECT_EQ(registration.body, "push_token=0001abff10&app_token=A&platform=ios");
-  EXPECT_FALSE(registration.hasHeader("Authorization")) << "a first registration is unauthenticated";
-  EXPECT_FALSE(registration.hasHeader("Content-Type")) << "a plain POST gets no form type";
+  EXPECT_EQ(line(last()), "POST /endpoints/");
+  EXPECT_EQ(last().body, "push_token=0001abff10&app_token=A&platform=ios");
+  EXPECT_FALSE(last().hasHeader("Authorization")) << "a first registration is unauthenticated";
+  EXPECT_FALSE(last().hasHeader("Content-Type")) << "a plain POST gets no form type";
   EXPECT_EQ(storedToken(), "tok-1");
 
   const Value pollId = 7;
-  sdk::SDKState::shared().service->sendReplyWithIdentifier("Yes", &pollId, nullptr);
+  service().sendReplyWithIdentifier("Yes", &pollId, nullptr);
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
-  EXPECT_EQ(last().method + " " + last().target, "POST /polls/7/replies/");
+  EXPECT_EQ(line(last()), "POST /polls/7/replies/");
   EXPECT_EQ(last().body, "reply_text=Yes");
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
 
-  sdk::SDKState::shared().service->fetchPolls();
+  service().fetchPolls();
   ASSERT_TRUE(waitForRequests(4));
-  EXPECT_EQ(last().target, "/apps/A/polls/");
+  EXPECT_EQ(line(last()), "GET /apps/A/polls/");
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
 
   QuorviaSDK::setUserInfo(Value{{"name", "A"}});
+  // The success line reads as a failure, deliberately.
   ASSERT_TRUE(waitForLog("QuorviaSDK: Failed to set user info: {\n    name = A;\n}"));
-  EXPECT_EQ(last().method + " " + last().target, "POST /me");
+  EXPECT_EQ(line(last()), "POST /me");
   EXPECT_EQ(last().body, "user_info={\n    name = A;\n}");
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1") << "rides on the header installed last";
 
-  // A second registration replaces the token, and the header follows.
+  // A second registration sends the stored token and replaces it.
   answerRegistrationWith("tok-2");
   QuorviaSDK::setDeviceToken(platform::Bytes{0xff});
   ASSERT_TRUE(waitForRequests(6));
-  EXPECT_EQ(last().header("Authorization"), "JWT tok-1") << "registration sends the stored token";
+  EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
   ASSERT_TRUE(loop_->runUntil([] { return storedToken() == "tok-2"; }, platform::seconds(20)));
-  sdk::SDKState::shared().service->fetchPolls();
+  service().fetchPolls();
   ASSERT_TRUE(waitForRequests(7));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-2");
 
-  for (const auto& line : log_.lines()) {
-    EXPECT_EQ(line.find("tok-"), std::string::npos) << "the access token reached a log line: " << line;
+  for (const auto& logged : log_.lines()) {
+    EXPECT_EQ(logged.find("tok-"), std::string::npos)
+        << "the access token reached a log line: " << logged;
   }
 }
 
-TEST_F(ServiceClientTest, RegistrationBeforeStartUpLeavesOutTheAppToken) {
+TEST_F(ServiceClientTest, CallsWithoutAppTokenOrPollIdUseTheNilText) {
   QuorviaSDK::setDeviceToken(platform::Bytes{0xde, 0xad, 0xbe, 0xef, 0x00, 0x01, 0x02, 0x03, 0x04});
   QuorviaSDK::setDeviceToken(std::nullopt);  // nil is ignored
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfully registered device push token."));
   ASSERT_EQ(server_.requestCount(), 1u);
-  EXPECT_EQ(last().body, "push_token=deadbeef0001020304&platform=ios");
+  EXPECT_EQ(last().body, "push_token=deadbeef0001020304&platform=ios") << "no app_token key";
   EXPECT_EQ(storedToken(), std::nullopt) << "an answer without access_token stores nothing";
 
-  sdk::SDKState::shared().service->fetchPolls();
+  service().fetchPolls();
   ASSERT_TRUE(waitForRequests(2));
-  EXPECT_EQ(last().target, "/apps/(null)/polls/") << "the platform's text for a nil token";
-}
+  EXPECT_EQ(last().target, "/apps/(null)/polls/");
 
-TEST_F(ServiceClientTest, ReplyToAPollWithoutIdGoesToTheNullPath) {
+  log_.clear();
   QuorviaSDK::handleActionWithIdentifier("Yes", Value{{"poll", {{"question", "Q?"}}}});
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
   EXPECT_EQ(last().target, "/polls/(null)/replies/");
-  EXPECT_EQ(last().body, "reply_text=Yes");
+  EXPECT_FALSE(last().hasHeader("Authorization"));
   const auto lines = log_.lines();
   ASSERT_GE(lines.size(), 3u);
   EXPECT_EQ(lines[0], "nil id") << "unprefixed and ungated";
   EXPECT_EQ(lines[1], "QuorviaSDK: Poll id is nil!");
   EXPECT_EQ(lines[2], "QuorviaSDK: Missing user access token!");
-  EXPECT_FALSE(last().hasHeader("Authorization"));
 }
 
-// The handler is called by the reply's completion only when the SDK supplied
-// the response-info callback itself, whichever path delivered the reply.
-TEST_F(ServiceClientTest, ReplyCompletionCallsTheHandlerOnlyForAnSdkSuppliedCallback) {
+// The reply's completion calls the handler only when the library supplied the
+// response-info callback itself, and ends the background task once, even
+// when the task expired first.
+TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsItsTaskOnce) {
   struct Case {
     const char* name;
     std::optional<Value> added;
-    int calls;
+    bool expireFirst;
+    int handlerCalls;
   };
-  const Case cases[] = {{"absent", std::nullopt, 0}, {"false", false, 0}, {"true", true, 1}};
+  const Case cases[] = {{"absent", std::nullopt, false, 0},
+                        {"false", false, false, 0},
+                        {"true", true, false, 1},
+                        {"true, task expired", true, true, 1}};
   sdk::SDKState& state = sdk::SDKState::shared();
   auto& app = platform::Application::sharedApplication();
+  int ends = 0;
+  app.setBackgroundTaskObserver(
+      [&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     if (c.added) state.interception.mutableAddedMethods()[kResponseInfoSelector] = *c.added;
     int calls = 0;
+    ends = 0;
     log_.clear();
     state.service->sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
     const auto task = service::PollService::currentReplyBackgroundTask();
-    EXPECT_NE(task, platform::UIBackgroundTaskInvalid) << c.name;
-    ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No")) << c.name;
+    ASSERT_NE(task, platform::UIBackgroundTaskInvalid);
+    EXPECT_EQ(app.backgroundTasks().back().name, "MyTask");
+    if (c.expireFirst) {
+      ASSERT_TRUE(app.expireBackgroundTask(task));
+      EXPECT_EQ(ends, 1);
+    }
+    ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No"));
     drain();
-    EXPECT_EQ(calls, c.calls) << c.name;
+    EXPECT_EQ(calls, c.handlerCalls);
     EXPECT_EQ(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
                             kResponseInfoSelector),
-              c.calls == 1)
-        << c.name;
-    EXPECT_EQ(service::PollService::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid) << c.name;
-    const auto records = app.backgroundTasks();
-    EXPECT_EQ(records.back().name, "MyTask");
-    EXPECT_TRUE(records.back().ended) << c.name;
+              c.handlerCalls == 1);
+    EXPECT_EQ(service::PollService::currentReplyBackgroundTask(),
+              platform::UIBackgroundTaskInvalid);
+    EXPECT_TRUE(app.backgroundTasks().back().ended);
+    EXPECT_EQ(ends, 1);
   }
-}
-
-TEST_F(ServiceClientTest, ExpiredBackgroundTaskIsEndedOnceAndTheReplyStillCompletes) {
-  sdk::SDKState& state = sdk::SDKState::shared();
-  state.interception.mutableAddedMethods()[kResponseInfoSelector] = true;
-  auto& app = platform::Application::sharedApplication();
-  int ends = 0;
-  app.setBackgroundTaskObserver([&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
-  int calls = 0;
-  const Value pollId = "p1";
-  state.service->sendReplyWithIdentifier("Yes", &pollId, [&] { ++calls; });
-  ASSERT_TRUE(app.expireBackgroundTask(service::PollService::currentReplyBackgroundTask()));
-  EXPECT_EQ(service::PollService::currentReplyBackgroundTask(), platform::UIBackgroundTaskInvalid);
-  EXPECT_EQ(ends, 1);
-  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
-  drain();
-  EXPECT_EQ(calls, 1) << "the handler is still called once";
-  EXPECT_EQ(ends, 1) << "the completion finds no task to end";
   app.setBackgroundTaskObserver({});
 }
 
 TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
-  offerPolls(Value::array({{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
-                           {{"id", 12}, {"question", "Second?"}}}));
+  {
+    std::lock_guard lock(mu_);
+    polls_ = Value::array(
+        {{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
+         {{"id", 12}, {"question", "Second?"}}});
+  }
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
   ASSERT_TRUE(waitForLog("QuorviaSDK: Presenting poll: First?"));
   ASSERT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
@@ -210,25 +202,32 @@ TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
 
 // On the fake transport each answer is delivered exactly when the test says.
 TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
-  auto transport = testing::FakeTransport::install();
+  auto transport = FakeTransport::install();
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  const std::string answers[] = {R"({"results":[]})", R"({"results":"not a list"})",
-                                 R"({"count":3})", R"([1,2])", "<html>500</html>", ""};
+  const std::string answers[] = {R"({"results":[]})",
+                                 R"({"results":"not a list"})",
+                                 R"({"count":3})",
+                                 R"({"results":{"a":1}})",
+                                 R"([1,2])",
+                                 "<html>500</html>",
+                                 ""};
   for (std::size_t i = 0; i < std::size(answers); ++i) {
-    if (i > 0) sdk::SDKState::shared().service->fetchPolls();
+    if (i > 0) service().fetchPolls();
     ASSERT_EQ(transport->requestCount(), i + 1);
-    transport->respond(i, i == 4 ? 500 : 200, answers[i]);
+    transport->respond(i, i == 5 ? 500 : 200, answers[i]);
     drain();
   }
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(log_.lines(), (std::vector<std::string>{"QuorviaSDK: Initialized SDK with app token: A",
-                                                    "QuorviaSDK: Swizzling is disabled, please make "
-                                                    "sure to call required methods."}));
+  EXPECT_EQ(log_.lines(),
+            (std::vector<std::string>{
+                "QuorviaSDK: Initialized SDK with app token: A",
+                "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."}));
 
   // A transport error is written unprefixed and ungated, and nothing is shown.
   QuorviaSDK::setDebug(false);
-  sdk::SDKState::shared().service->fetchPolls();
-  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost, "Could not connect to the server.");
+  service().fetchPolls();
+  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost,
+                  "Could not connect to the server.");
   drain();
   EXPECT_EQ(log_.lines().back(),
             "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the server.\" "
@@ -256,23 +255,22 @@ TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
     log_.clear();
     answerRegistrationWith(token);
     QuorviaSDK::setDeviceToken(platform::Bytes{0x01});
-    ASSERT_TRUE(waitForLog(
-        "QuorviaSDK: Ignored an access token that is not one line of printable text of at most 8 KiB."));
+    ASSERT_TRUE(
+        waitForLog("QuorviaSDK: Ignored an access token that is not one line of printable text of "
+                   "at most 8 KiB."));
     EXPECT_EQ(storedToken(), "good") << "the stored token stays";
     ++requests;
 
     // One stored by other means is refused when it would be sent.
     ASSERT_TRUE(LKKeychain::setPassword(token, "polls", "user_token"));
-    sdk::SDKState::shared().service->fetchPolls();
+    service().fetchPolls();
     ASSERT_TRUE(waitForRequests(++requests));
     EXPECT_TRUE(log_.contains(
         "QuorviaSDK: Refused to send an access token that is not one line of printable text."));
     EXPECT_EQ(last().header("Authorization"), "JWT good") << "the header fields stay as they were";
     ASSERT_TRUE(LKKeychain::setPassword("good", "polls", "user_token"));
   }
-  for (const auto& request : server_.requests()) {
-    EXPECT_FALSE(request.hasHeader("X-Injected")) << request.target;
-  }
+  for (const auto& request : server_.requests()) EXPECT_FALSE(request.hasHeader("X-Injected"));
 }
 
 TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {
@@ -288,16 +286,17 @@ TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {
   const bool all = waitForRequests(kThreads * kEach);
   for (auto& thread : threads) thread.join();
   ASSERT_TRUE(all);
-  ASSERT_TRUE(loop_->runUntil(
-      [&] {
-        int done = 0;
-        for (const auto& line : log_.lines()) done += line.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
-        return done == kThreads * kEach;
-      },
-      platform::seconds(20)));
+  const auto answered = [&] {
+    int n = 0;
+    for (const auto& l : log_.lines())
+      n += l.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
+    return n;
+  };
+  ASSERT_TRUE(
+      loop_->runUntil([&] { return answered() == kThreads * kEach; }, platform::seconds(20)));
   EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), kThreads * kEach);
   for (const auto& request : server_.requests()) EXPECT_EQ(request.target, "/me");
 }
 
 }  // namespace
-}  // namespace quorvia
+}  // namespace quorvia::testing

@@ -3,7 +3,6 @@
 #include <stdexcept>
 
 #include "platform/ConfigurableEnvironment.h"
-#include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::testing {
 
@@ -14,26 +13,8 @@ std::shared_ptr<FakeTransport> FakeTransport::install() {
 }
 
 void FakeTransport::start(platform::URLRequest request, platform::ServerTrustPolicy, Done done) {
-  Responder responder;
-  std::size_t index;
-  {
-    std::lock_guard lock(mu_);
-    calls_.push_back({std::move(request), std::move(done)});
-    index = calls_.size() - 1;
-    responder = responder_;
-  }
-  if (responder) {
-    // Never inside start(): the answer is posted like a transport's would be.
-    platform::URLRequest copy = this->request(index);
-    platform::dispatch_async([this, index, result = responder(copy)]() mutable {
-      answer(index, std::move(result));
-    });
-  }
-}
-
-void FakeTransport::setResponder(Responder responder) {
   std::lock_guard lock(mu_);
-  responder_ = std::move(responder);
+  calls_.push_back({std::move(request), std::move(done)});
 }
 
 std::size_t FakeTransport::requestCount() const {
@@ -51,41 +32,32 @@ std::vector<std::string> FakeTransport::requestLines() const {
   std::vector<std::string> lines;
   for (const auto& call : calls_) {
     std::string target = call.request.url ? call.request.url->path : "<no url>";
-    if (call.request.url && !call.request.url->query.empty()) target += "?" + call.request.url->query;
+    if (call.request.url && !call.request.url->query.empty())
+      target += "?" + call.request.url->query;
     lines.push_back(call.request.HTTPMethod + " " + target);
   }
   return lines;
 }
 
 std::string FakeTransport::bodyText(std::size_t index) const {
-  const auto body = request(index).HTTPBody;
+  std::lock_guard lock(mu_);
+  const auto& body = calls_.at(index).request.HTTPBody;
   return std::string(body.begin(), body.end());
 }
 
-std::string FakeTransport::header(std::size_t index, const std::string& name) const {
-  return request(index).valueForHTTPHeaderField(name).value_or("");
-}
-
-platform::TransportResult FakeTransport::ok(std::string body, long status) {
+void FakeTransport::respond(std::size_t index, long status, std::string body) {
   platform::TransportResult result;
   result.data = platform::Bytes(body.begin(), body.end());
   result.response = platform::HTTPURLResponse{"", status, {}};
-  return result;
-}
-
-platform::TransportResult FakeTransport::error(std::int64_t code, std::string description) {
-  platform::TransportResult result;
-  result.error = platform::Error{platform::NSURLErrorDomain, code,
-                                 platform::Value{{platform::kNSLocalizedDescriptionKey, description}}};
-  return result;
-}
-
-void FakeTransport::respond(std::size_t index, long status, std::string body) {
-  answer(index, ok(std::move(body), status));
+  answer(index, std::move(result));
 }
 
 void FakeTransport::fail(std::size_t index, std::int64_t code, std::string description) {
-  answer(index, error(code, std::move(description)));
+  platform::TransportResult result;
+  result.error =
+      platform::Error{platform::NSURLErrorDomain, code,
+                      platform::Value{{platform::kNSLocalizedDescriptionKey, description}}};
+  answer(index, std::move(result));
 }
 
 void FakeTransport::answer(std::size_t index, platform::TransportResult result) {

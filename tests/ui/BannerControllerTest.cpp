@@ -1,11 +1,12 @@
-#include <gtest/gtest.h>
+// The banner controller: presenting, expanding, replying and hiding the poll
+// banner in the key window.
 
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "platform/Accessibility.h"
-#include "quorvia/platform/Application.h"
 #include "platform/BlurView.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/Window.h"
+#include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerTestSupport.h"
@@ -41,27 +42,25 @@ class BannerControllerTest : public testing::PlatformTest {
   std::shared_ptr<testing::FakeTransport> transport_;
 };
 
-TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenths) {
-  auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
-  ASSERT_TRUE(view);
-  EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, 375, 330));  // the model value at once
-  EXPECT_EQ(view->presentationFrame().y(), -430);
-  EXPECT_EQ(view->superview(), window());
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
-  EXPECT_TRUE(log_.contains("QuorviaSDK: Presenting poll: Coffee?"));
-  advance(0.15);
-  EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
-  advance(0.15);
-  EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, 20, 375, 330));
-}
-
-TEST_F(BannerControllerTest, BannerTakesTheKeyWindowsWidth) {
-  auto custom = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 414, 896));
-  platform::Application::sharedApplication().setKeyWindow(custom);
-  auto view = present(pollDict("Q", {{"A", ""}}));
-  ASSERT_TRUE(view);
-  EXPECT_EQ(view->frame().width(), 414);
-  EXPECT_EQ(view->superview(), custom);
+TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenthsAtTheWindowsWidth) {
+  for (const double width : {375.0, 414.0}) {
+    SCOPED_TRACE(width);
+    auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, width, 896));
+    platform::Application::sharedApplication().setKeyWindow(w);
+    sdk::SDKState::shared().banner->setPresentedPollView(nullptr);
+    log_.clear();
+    auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
+    ASSERT_TRUE(view);
+    EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, width, 330));  // the model value at once
+    EXPECT_EQ(view->presentationFrame().y(), -430);
+    EXPECT_EQ(view->superview(), w);
+    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
+    EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: Presenting poll: Coffee?"});
+    advance(0.15);
+    EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
+    advance(0.15);
+    EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, 20, width, 330));
+  }
 }
 
 TEST_F(BannerControllerTest, OneBannerAtATimeIncludingTheSlideOut) {
@@ -102,7 +101,8 @@ TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
     EXPECT_EQ(w->subviews()[1], view);
     EXPECT_EQ(backdrop->frame(), w->bounds());
     if (reduce) {
-      EXPECT_EQ(backdrop->backgroundColor(), platform::Color::blackColor().colorWithAlphaComponent(0.5));
+      EXPECT_EQ(backdrop->backgroundColor(),
+                platform::Color::blackColor().colorWithAlphaComponent(0.5));
       EXPECT_TRUE(backdrop->subviews().empty());
     } else {
       ASSERT_EQ(backdrop->subviews().size(), 1u);
@@ -143,9 +143,11 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
   };
   const Case cases[] = {
       {"", false, nullptr},
-      {"https://example.com/more", true, "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
+      {"https://example.com/more", true,
+       "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
       {"not a link", false, "QuorviaSDK: User tapped link but link is invalid: not a link"},
-      {"ftp://example.com", false, "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
+      {"ftp://example.com", false,
+       "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
   };
   auto& app = platform::Application::sharedApplication();
   for (const auto& c : cases) {
@@ -158,8 +160,7 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     log_.clear();
     bool openedAfterReplyAndHide = false;
     app.setOpenURLHandler([&](const std::string&) {
-      openedAfterReplyAndHide =
-          replies().size() == repliesBefore + 1 && view->frame().y() == -330;
+      openedAfterReplyAndHide = replies().size() == repliesBefore + 1 && view->frame().y() == -330;
     });
     const auto openedBefore = app.openedURLs().size();
     auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);
@@ -242,23 +243,6 @@ TEST_F(BannerControllerTest, MalformedPollOrMissingLayoutGivesNoBanner) {
   advance(1);  // no deferred work may touch the half-made banner
   ::unsetenv("QUORVIA_RESOURCE_DIR");
   std::filesystem::remove_all(empty);
-}
-
-TEST_F(BannerControllerTest, LaunchPollIsPresentedExpandedAfterATenth) {
-  const Value launchOptions = {
-      {UIApplicationLaunchOptionsRemoteNotificationKey, {{"poll", pollDict("Launch?", {{"A", ""}})}}}};
-  QuorviaSDK::initWithAppToken("token", launchOptions, false);
-  advance(0.09);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
-  advance(0.01);
-  auto view = sdk::SDKState::shared().banner->presentedPollView();
-  ASSERT_TRUE(view);
-  EXPECT_TRUE(view->showOptions());
-  EXPECT_TRUE(window()->viewWithTag(kBackdropTag));
-  EXPECT_EQ(window()->subviews().back(), view);
-  advance(0.3);
-  EXPECT_EQ(view->presentationFrame().y(), 20);
 }
 
 }  // namespace

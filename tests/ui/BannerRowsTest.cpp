@@ -1,14 +1,15 @@
-#include <gtest/gtest.h>
+// The banner's table: its rows, their deferred corner masks and highlights,
+// and the layout files they come from.
 
 #include "platform/Bundle.h"
 #include "quorvia/platform/Error.h"
 #include "quorvia/platform/Window.h"
+#include "support/PlatformTest.h"
+#include "ui/BannerTestSupport.h"
 #include "ui/QVNotificationActionCell.h"
 #include "ui/QVNotificationHeaderCell.h"
 #include "ui/QVNotificationTextCell.h"
 #include "ui/QVNotificationView.h"
-#include "support/PlatformTest.h"
-#include "ui/BannerTestSupport.h"
 
 namespace quorvia {
 namespace {
@@ -94,21 +95,13 @@ TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
   EXPECT_EQ(cell->containerView()->backgroundColor(), platform::Color::whiteColor());
 }
 
-TEST_F(BannerRowsTest, CloseButtonWithoutDelegateDoesNothing) {
-  auto view = banner(1);
-  auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
-  ASSERT_TRUE(header && header->closeButton());
-  header->setDelegate({});
-  EXPECT_NO_THROW(header->closeButton()->sendActions());
-  EXPECT_EQ(header->closeButton()->frame().height(), 40);
-}
-
 TEST_F(BannerRowsTest, RowsBelowTheBannerStayOutOfSight) {
   auto view = banner(12);
   view->setShowOptions(true);
   view->tableView()->layoutIfNeeded();
   int visible = 0;
-  for (int r = 0; r < 12; ++r) visible += view->tableView()->cellForRowAtIndexPath({1, r}) != nullptr;
+  for (int r = 0; r < 12; ++r)
+    visible += view->tableView()->cellForRowAtIndexPath({1, r}) != nullptr;
   EXPECT_GT(visible, 0);
   EXPECT_LT(visible, 12);
   EXPECT_EQ(view->tableView()->frame().height(), 330);
@@ -156,7 +149,8 @@ TEST(TableUpdates, InconsistentBatchRaisesAsThePlatformDoes) {
 TEST(ResourceBundle, FoundByIdentifier) {
   auto bundle = platform::Bundle::bundleWithIdentifier("com.quorvia.sdk.ios");
   ASSERT_TRUE(bundle);
-  for (const char* name : {"QVNotificationHeaderCell", "QVNotificationTextCell", "QVNotificationActionCell"}) {
+  for (const char* name :
+       {"QVNotificationHeaderCell", "QVNotificationTextCell", "QVNotificationActionCell"}) {
     EXPECT_TRUE(platform::Nib::nibWithNibName(name, bundle)) << name;
   }
   EXPECT_EQ(platform::Bundle::bundleWithIdentifier("com.example.missing"), nullptr);

@@ -1,7 +1,7 @@
-#include <gtest/gtest.h>
+// The banner's pure view-model: sections, rows, heights, masks and events.
 
-#include "ui/QVNotificationViewModel.h"
 #include "support/PlatformTest.h"
+#include "ui/QVNotificationViewModel.h"
 
 namespace quorvia {
 namespace {
@@ -98,30 +98,26 @@ TEST(NotificationViewModel, SectionsRowsHeightsAndMasksByOptionCount) {
   }
 }
 
-TEST(NotificationViewModel, ShowOptionsUpdatesTheTableOnlyWhenThereAreOptions) {
-  QVNotificationViewModel model;
-  model.setPoll(makePoll(0));
-  StrictTable table(model);
-  model.setShowOptions(true, &table);
-  EXPECT_TRUE(model.showOptions());
-  EXPECT_EQ(table.batches, 0);
-  EXPECT_EQ(model.numberOfSections(), 2);
-  EXPECT_EQ(model.numberOfRowsInSection(1), 0);
+// Expanding inserts the options section in one batch, and only when there
+// are options; a second expansion that the table refuses is swallowed.
+TEST(NotificationViewModel, ExpandingInsertsTheOptionsSectionOnce) {
+  for (const int options : {0, 2}) {
+    SCOPED_TRACE(options);
+    QVNotificationViewModel model;
+    model.setPoll(makePoll(options));
+    StrictTable table(model);
+    model.setShowOptions(true, &table);
+    EXPECT_NO_THROW(model.setShowOptions(true, &table));
+    EXPECT_EQ(table.batches, options == 0 ? 0 : 2) << "the second batch failed inside the table";
+    EXPECT_TRUE(model.showOptions());
+    EXPECT_EQ(model.numberOfSections(), 2);
+    EXPECT_EQ(model.numberOfRowsInSection(1), options);
+    model.setShowOptions(false, &table);
+    EXPECT_EQ(model.numberOfSections(), 1);
+  }
 }
 
-TEST(NotificationViewModel, SecondShowOptionsIsSwallowed) {
-  QVNotificationViewModel model;
-  model.setPoll(makePoll(2));
-  StrictTable table(model);
-  model.setShowOptions(true, &table);
-  EXPECT_NO_THROW(model.setShowOptions(true, &table));
-  EXPECT_EQ(table.batches, 2);  // the second batch failed inside the table
-  EXPECT_TRUE(model.showOptions());
-  model.setShowOptions(false, &table);
-  EXPECT_EQ(model.numberOfSections(), 1);
-}
-
-TEST(NotificationViewModel, EventsReachTheDelegate) {
+TEST(NotificationViewModel, EventsReachTheDelegateHeldWeakly) {
   auto delegate = std::make_shared<RecordingDelegate>();
   QVNotificationViewModel model;
   model.setPoll(makePoll(3));
@@ -143,13 +139,6 @@ TEST(NotificationViewModel, EventsReachTheDelegate) {
   EXPECT_EQ(e[1].link, "https://example.com/1");
   EXPECT_EQ(e[2].kind, "expand");
   EXPECT_EQ(e[3].kind, "close");
-}
-
-TEST(NotificationViewModel, DelegateIsHeldWeakly) {
-  QVNotificationViewModel model;
-  model.setPoll(makePoll(1));
-  auto delegate = std::make_shared<RecordingDelegate>();
-  model.setDelegate(delegate);
   delegate.reset();
   EXPECT_EQ(model.delegate(), nullptr);
   EXPECT_NO_THROW(model.didSelectRow(1, 0));

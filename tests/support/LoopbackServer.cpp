@@ -1,0 +1,271 @@
+#include "support/LoopbackServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <strings.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <sstream>
+#include <stdexcept>
+
+namespace quorvia::testing {
+
+// A throwaway self-signed identity for 127.0.0.1 and the context serving it.
+struct LoopbackServer::Tls {
+  SSL_CTX* context = SSL_CTX_new(TLS_server_method());
+  Tls() {
+    // OpenSSL writes without MSG_NOSIGNAL: a client that hangs up must not kill the test.
+    std::signal(SIGPIPE, SIG_IGN);
+    EVP_PKEY* key = EVP_RSA_gen(2048);
+    X509* cert = X509_new();
+    ASN1_INTEGER_set(X509_get_serialNumber(cert), 1);
+    X509_gmtime_adj(X509_getm_notBefore(cert), 0);
+    X509_gmtime_adj(X509_getm_notAfter(cert), 3600);
+    X509_set_pubkey(cert, key);
+    X509_NAME* name = X509_get_subject_name(cert);
+    X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                               reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
+    X509_set_issuer_name(cert, name);
+    X509_sign(cert, key, EVP_sha256());
+    if (!context || SSL_CTX_use_certificate(context, cert) != 1 ||
+        SSL_CTX_use_PrivateKey(context, key) != 1) {
+      throw std::runtime_error("cannot set up the TLS identity");
+    }
+    X509_free(cert);
+    EVP_PKEY_free(key);
+  }
+  ~Tls() { SSL_CTX_free(context); }
+};
+
+// One accepted connection, plain or TLS.
+class LoopbackServer::Connection {
+ public:
+  Connection(int fd, Tls* tls) : fd_(fd) {
+    if (!tls) return;
+    ssl_ = SSL_new(tls->context);
+    SSL_set_fd(ssl_, fd);
+    if (SSL_accept(ssl_) != 1) failed_ = true;
+  }
+  ~Connection() {
+    if (ssl_) SSL_free(ssl_);
+  }
+  bool failed() const { return failed_; }
+  long receive(char* into, std::size_t size) {
+    if (ssl_) return SSL_read(ssl_, into, static_cast<int>(size));
+    return ::recv(fd_, into, size, 0);
+  }
+  bool sendAll(const std::string& bytes) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
+      const long n =
+          ssl_ ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(bytes.size() - sent))
+               : ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      sent += static_cast<std::size_t>(n);
+    }
+    return true;
+  }
+
+ private:
+  int fd_;
+  SSL* ssl_ = nullptr;
+  bool failed_ = false;
+};
+
+std::string RecordedRequest::header(const std::string& name) const {
+  for (const auto& [key, value] : headers) {
+    if (::strcasecmp(key.c_str(), name.c_str()) == 0) return value;
+  }
+  return {};
+}
+
+bool RecordedRequest::hasHeader(const std::string& name) const {
+  for (const auto& header : headers) {
+    if (::strcasecmp(header.first.c_str(), name.c_str()) == 0) return true;
+  }
+  return false;
+}
+
+LoopbackServer::LoopbackServer(Behaviour behaviour, bool tls)
+    : behaviour_(behaviour), tls_(tls ? std::make_unique<Tls>() : nullptr) {
+  listenFd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    throw std::runtime_error("cannot bind a loopback port");
+  }
+  port_ = ntohs(address.sin_port);
+  if (behaviour_ == Behaviour::kRefuse) return;
+  if (::listen(listenFd_, 64) != 0) throw std::runtime_error("cannot listen on loopback");
+  acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+LoopbackServer::~LoopbackServer() {
+  stopping_ = true;
+  ::shutdown(listenFd_, SHUT_RDWR);
+  if (acceptor_.joinable()) acceptor_.join();
+  {
+    std::lock_guard lock(mu_);
+    for (const int fd : connections_) ::shutdown(fd, SHUT_RDWR);
+  }
+  for (auto& worker : workers_) worker.join();
+  ::close(listenFd_);
+}
+
+std::string LoopbackServer::baseURL() const {
+  return (tls_ ? "https://127.0.0.1:" : "http://127.0.0.1:") + std::to_string(port_);
+}
+
+void LoopbackServer::setReply(Reply reply) {
+  std::lock_guard lock(mu_);
+  reply_ = std::move(reply);
+}
+
+void LoopbackServer::setResponder(std::function<Reply(const RecordedRequest&)> responder) {
+  std::lock_guard lock(mu_);
+  responder_ = std::move(responder);
+}
+
+std::vector<RecordedRequest> LoopbackServer::requests() const {
+  std::lock_guard lock(mu_);
+  return requests_;
+}
+
+std::size_t LoopbackServer::requestCount() const {
+  std::lock_guard lock(mu_);
+  return requests_.size();
+}
+
+void LoopbackServer::acceptLoop() {
+  while (!stopping_) {
+    const int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) return;
+    const int one = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    std::lock_guard lock(mu_);
+    if (stopping_) {
+      ::close(fd);
+      return;
+    }
+    connections_.push_back(fd);
+    workers_.emplace_back([this, fd] { serve(fd); });
+  }
+}
+
+void LoopbackServer::serve(int fd) {
+  Connection connection(fd, tls_.get());
+  std::string buffer;
+  char chunk[16384];
+  const auto readMore = [&] {
+    const long n = connection.receive(chunk, sizeof chunk);
+    if (n > 0) buffer.append(chunk, static_cast<std::size_t>(n));
+    return n > 0;
+  };
+  for (bool open = !connection.failed(); open;) {
+    // One request: the head, then a body of Content-Length bytes.
+    std::size_t headEnd;
+    while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos && (open = readMore())) {
+    }
+    if (!open) break;
+    RecordedRequest request;
+    const std::string head = buffer.substr(0, headEnd);
+    std::size_t lineEnd = head.find("\r\n");
+    const std::string requestLine = head.substr(0, lineEnd);
+    const auto firstSpace = requestLine.find(' ');
+    const auto secondSpace = requestLine.find(' ', firstSpace + 1);
+    request.method = requestLine.substr(0, firstSpace);
+    request.target = requestLine.substr(firstSpace + 1, secondSpace - firstSpace - 1);
+    std::size_t contentLength = 0;
+    while (lineEnd != std::string::npos) {
+      const std::size_t start = lineEnd + 2;
+      lineEnd = head.find("\r\n", start);
+      const std::string line =
+          head.substr(start, lineEnd == std::string::npos ? lineEnd : lineEnd - start);
+      const auto colon = line.find(':');
+      if (colon == std::string::npos) continue;
+      std::string value = line.substr(colon + 1);
+      value.erase(0, value.find_first_not_of(' '));
+      request.headers.emplace_back(line.substr(0, colon), value);
+      if (::strcasecmp(line.substr(0, colon).c_str(), "Content-Length") == 0) {
+        contentLength = std::strtoul(value.c_str(), nullptr, 10);
+      }
+    }
+    buffer.erase(0, headEnd + 4);
+    while (buffer.size() < contentLength && (open = readMore())) {
+    }
+    if (!open) break;
+    request.body = buffer.substr(0, contentLength);
+    buffer.erase(0, contentLength);
+
+    Reply reply;
+    std::function<Reply(const RecordedRequest&)> responder;
+    {
+      std::lock_guard lock(mu_);
+      reply = reply_;
+      responder = responder_;
+    }
+    if (responder) reply = responder(request);
+    std::string extra;
+    if (behaviour_ == Behaviour::kRedirectToSelf) {
+      reply = Reply{302, "text/plain", ""};
+      extra = "Location: " + request.target + "\r\n";
+    }
+    {
+      // Recorded before the answer leaves, so a client that has its answer
+      // always finds its request here.
+      std::lock_guard lock(mu_);
+      requests_.push_back(std::move(request));
+    }
+    if (behaviour_ == Behaviour::kStall) continue;  // keeps reading; the client gives up
+    if (behaviour_ == Behaviour::kResetMidBody || behaviour_ == Behaviour::kTruncateBody) {
+      connection.sendAll(
+          "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
+          "Content-Length: 100\r\n\r\n{\"partial\":");
+      if (behaviour_ == Behaviour::kResetMidBody) {
+        const linger reset{1, 0};  // close with RST instead of FIN
+        ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+      }
+      break;
+    }
+    const std::string answerHead = "HTTP/1.1 " + std::to_string(reply.status) + " Reply\r\n" +
+                                   extra + "Content-Type: " + reply.contentType + "\r\n";
+    if (reply.streamedBytes == 0) {
+      open =
+          connection.sendAll(answerHead + "Content-Length: " + std::to_string(reply.body.size()) +
+                             "\r\n\r\n" + reply.body);
+      continue;
+    }
+    open = connection.sendAll(answerHead +
+                              (reply.announceLength
+                                   ? "Content-Length: " + std::to_string(reply.streamedBytes)
+                                   : std::string("Transfer-Encoding: chunked")) +
+                              "\r\n\r\n");
+    const std::string chunk(64 * 1024, ' ');
+    for (std::size_t left = reply.streamedBytes; open && left > 0;) {
+      const std::string part = chunk.substr(0, std::min(left, chunk.size()));
+      left -= part.size();
+      if (reply.announceLength) {
+        open = connection.sendAll(part);
+      } else {
+        std::ostringstream length;
+        length << std::hex << part.size();
+        open = connection.sendAll(length.str() + "\r\n" + part + "\r\n");
+      }
+    }
+    if (open && !reply.announceLength) open = connection.sendAll("0\r\n\r\n");
+  }
+  std::lock_guard lock(mu_);
+  std::erase(connections_, fd);
+  ::close(fd);
+}
+
+}  // namespace quorvia::testing
