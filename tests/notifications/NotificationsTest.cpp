@@ -42,9 +42,7 @@ Value pollPush(const std::string& alert, const std::optional<std::string>& categ
   if (category) aps["category"] = *category;
   return {{"aps", aps},
           {"poll",
-           {{"id", 7},
-            {"question", alert},
-            {"options", {{{"text", "Yes"}}, {{"text", "No"}}}}}}};
+           {{"id", 7}, {"question", alert}, {"options", {{{"text", "Yes"}}, {{"text", "No"}}}}}}};
 }
 
 class NotificationsTest : public PlatformTest {
@@ -204,8 +202,8 @@ TEST_F(NotificationsTest, BubbleOnlyWhileInactiveWithAlertPermission) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     app.setActive(c.active);
-    app.setCurrentUserNotificationSettings(
-        platform::NotificationSettings::settingsForTypes(c.types, CategoriesManager().categories()));
+    app.setCurrentUserNotificationSettings(platform::NotificationSettings::settingsForTypes(
+        c.types, CategoriesManager().categories()));
     Value push = pollPush(c.name, "Yes.No");
     if (!c.withAlert) push["aps"].erase("alert");
     platform::deliverRemoteNotification(push);
@@ -236,35 +234,51 @@ TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
   };
   const std::string huge(1 << 20, 'Y');
   const Case cases[] = {
-      {"genuine press", [](auto& s, auto&, auto& c) {
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"));
-       }, {"Yes"}},
-      {"bubble clicked", [](auto& s, auto&, auto& c) {
+      {"genuine press",
+       [](auto& s, auto&, auto& c) { s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes")); },
+       {"Yes"}},
+      {"bubble clicked",
+       [](auto& s, auto&, auto& c) {
          s.emit("ActionInvoked", g_variant_new("(us)", c.id, "default"));
-       }, {"default"}},
-      {"pressed twice", [](auto& s, auto&, auto& c) {
+       },
+       {"default"}},
+      {"pressed twice",
+       [](auto& s, auto&, auto& c) {
          s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"));
          s.emit("ActionInvoked", g_variant_new("(us)", c.id, "No"));
-       }, {"Yes"}},
-      {"another sender, sent to the app", [](auto&, auto& i, auto& c) {
+       },
+       {"Yes"}},
+      {"another sender, sent to the app",
+       [](auto&, auto& i, auto& c) {
          i.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"), c.sender.c_str());
-       }, {}},
-      {"another sender, broadcast", [](auto&, auto& i, auto& c) {
+       },
+       {}},
+      {"another sender, broadcast",
+       [](auto&, auto& i, auto& c) {
          i.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"), nullptr);
-       }, {}},
-      {"unknown id", [](auto& s, auto&, auto& c) {
+       },
+       {}},
+      {"unknown id",
+       [](auto& s, auto&, auto& c) {
          s.emit("ActionInvoked", g_variant_new("(us)", c.id + 1000, "Yes"));
-       }, {}},
-      {"huge unknown action", [&huge](auto& s, auto&, auto& c) {
+       },
+       {}},
+      {"huge unknown action",
+       [&huge](auto& s, auto&, auto& c) {
          s.emit("ActionInvoked", g_variant_new("(us)", c.id, huge.c_str()));
-       }, {}},
-      {"wrong types", [](auto& s, auto&, auto& c) {
+       },
+       {}},
+      {"wrong types",
+       [](auto& s, auto&, auto& c) {
          s.emit("ActionInvoked", g_variant_new("(ss)", std::to_string(c.id).c_str(), "Yes"));
-       }, {}},
-      {"closed first", [](auto& s, auto&, auto& c) {
+       },
+       {}},
+      {"closed first",
+       [](auto& s, auto&, auto& c) {
          s.emit("NotificationClosed", g_variant_new("(uu)", c.id, 2u));
          s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"));
-       }, {}},
+       },
+       {}},
   };
   startService();
   usePresenter();
@@ -286,7 +300,8 @@ TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
     service_->emit("ActionInvoked", g_variant_new("(us)", sentinel.id, "No"));
     ASSERT_TRUE(waitFor([&] {
       return !seen->empty() && seen->back().second == Value{{"sentinel", i}};
-    })) << ::testing::PrintToString(lines()) << seen->size();
+    })) << ::testing::PrintToString(lines())
+        << seen->size();
     std::vector<std::string> delivered;
     for (const auto& [identifier, payload] : *seen) {
       if (payload == Value{{"bubble", i}}) delivered.push_back(identifier);
@@ -344,8 +359,8 @@ TEST_F(NotificationsTest, WithoutServiceOneLogLine) {
 // platform's call, once.
 TEST_F(NotificationsTest, PressedButtonPostsOneReply) {
   RawHttpServer server;
-  ::setenv("QUORVIA_SERVICE_BASE_URL", ("http://127.0.0.1:" + std::to_string(server.port())).c_str(),
-           1);
+  ::setenv("QUORVIA_SERVICE_BASE_URL",
+           ("http://127.0.0.1:" + std::to_string(server.port())).c_str(), 1);
   startService();
   usePresenter();
   Application::sharedApplication().setDelegate(
@@ -354,9 +369,8 @@ TEST_F(NotificationsTest, PressedButtonPostsOneReply) {
   platform::deliverRemoteNotification(pollPush("Coffee?", "Yes.No"));
   const NotifyCall call = waitForNotify(1);
   service_->emit("ActionInvoked", g_variant_new("(us)", call.id, "Yes"));
-  const std::string completed =
-      std::string("QuorviaSDK: Calling completionHandler for ") +
-      std::string(platform::kHandleActionWithResponseInfoSelector);
+  const std::string completed = std::string("QuorviaSDK: Calling completionHandler for ") +
+                                std::string(platform::kHandleActionWithResponseInfoSelector);
   ASSERT_TRUE(waitFor([&] { return count(completed) > 0; })) << "the reply completed";
   std::vector<std::string> replies;
   for (const auto& request : server.requests()) {
@@ -376,8 +390,8 @@ TEST_F(NotificationsTest, PressedButtonPostsOneReply) {
 // the platform says so after its 30 s.
 TEST_F(NotificationsTest, ClickedBubbleOpensTheBannerExpanded) {
   RawHttpServer server;
-  ::setenv("QUORVIA_SERVICE_BASE_URL", ("http://127.0.0.1:" + std::to_string(server.port())).c_str(),
-           1);
+  ::setenv("QUORVIA_SERVICE_BASE_URL",
+           ("http://127.0.0.1:" + std::to_string(server.port())).c_str(), 1);
   startService();
   usePresenter();
   auto cls = platform::Class::create("HostWithActions");

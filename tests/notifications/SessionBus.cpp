@@ -81,7 +81,8 @@ PrivateBus::PrivateBus(const std::filesystem::path& directory) {
   }
   // The daemon prints its address, one line, once it listens.
   std::string line;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartTimeoutMs);
   while (line.find('\n') == std::string::npos) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
@@ -102,10 +103,10 @@ PrivateBus::~PrivateBus() {
   ::waitpid(pid_, nullptr, 0);
 }
 
-NotificationService::NotificationService(const std::string& address,
-                                         std::function<void()> changed)
+NotificationService::NotificationService(const std::string& address, std::function<void()> changed)
     : changed_(std::move(changed)),
-      context_(g_main_context_new()), loop_(g_main_loop_new(context_, FALSE)) {
+      context_(g_main_context_new()),
+      loop_(g_main_loop_new(context_, FALSE)) {
   std::mutex startMu;
   std::condition_variable started;
   bool done = false;
@@ -114,8 +115,8 @@ NotificationService::NotificationService(const std::string& address,
     connection_ = connectTo(address);
     if (connection_) {
       GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kIntrospection, nullptr);
-      static const GDBusInterfaceVTable vtable = {&NotificationService::onMethodCall, nullptr,
-                                                  nullptr, {}};
+      static const GDBusInterfaceVTable vtable = {
+          &NotificationService::onMethodCall, nullptr, nullptr, {}};
       g_dbus_connection_register_object(connection_, "/org/freedesktop/Notifications",
                                         node->interfaces[0], &vtable, this, nullptr, nullptr);
       g_dbus_node_info_unref(node);
@@ -206,8 +207,7 @@ void NotificationService::onMethodCall(GDBusConnection*, const gchar* sender, co
     g_dbus_method_invocation_return_value(invocation, nullptr);
   } else if (name == "GetCapabilities") {
     const gchar* capabilities[] = {"actions", "body", nullptr};
-    g_dbus_method_invocation_return_value(invocation,
-                                          g_variant_new("(^as)", capabilities));
+    g_dbus_method_invocation_return_value(invocation, g_variant_new("(^as)", capabilities));
   } else {
     g_dbus_method_invocation_return_value(
         invocation, g_variant_new("(ssss)", "quorvia-test", "quorvia", "1", "1.2"));
@@ -224,8 +224,7 @@ std::vector<std::uint32_t> NotificationService::closed() const {
   return closed_;
 }
 
-void NotificationService::emit(const char* member, GVariant* parameters,
-                               const char* destination) {
+void NotificationService::emit(const char* member, GVariant* parameters, const char* destination) {
   g_dbus_connection_emit_signal(connection_, destination, "/org/freedesktop/Notifications",
                                 "org.freedesktop.Notifications", member, parameters, nullptr);
 }
@@ -242,9 +241,8 @@ void Impostor::emit(const char* member, GVariant* parameters, const char* destin
   g_dbus_connection_emit_signal(connection_, destination, "/org/freedesktop/Notifications",
                                 "org.freedesktop.Notifications", member, parameters, nullptr);
   GVariant* reply = g_dbus_connection_call_sync(
-      connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr,
-      nullptr);
+      connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetId",
+      nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, nullptr);
   if (reply) g_variant_unref(reply);
 }
 

@@ -52,8 +52,7 @@ constexpr guint kStopDrainMs = 2000;
 
 // The last byte index <= `end` that starts a UTF-8 character.
 std::size_t characterBoundary(std::string_view text, std::size_t end) {
-  while (end > 0 && end < text.size() &&
-         (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+  while (end > 0 && end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
     --end;
   }
   return end;
@@ -79,8 +78,7 @@ std::string errorText(const GError* error) {
 
 bool acceptableIdentifier(const std::string& identifier) {
   return !identifier.empty() && identifier != kNotificationDefaultAction &&
-         identifier.size() <= kMaxIdentifierBytes &&
-         identifier.find('\0') == std::string::npos &&
+         identifier.size() <= kMaxIdentifierBytes && identifier.find('\0') == std::string::npos &&
          g_utf8_validate(identifier.data(), static_cast<gssize>(identifier.size()), nullptr);
 }
 
@@ -138,8 +136,9 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
       }
     }
     if (dropped) {
-      NSLog("QuorviaSDK: too many desktop notifications wait for the session bus; the oldest "
-            "was dropped");
+      NSLog(
+          "QuorviaSDK: too many desktop notifications wait for the session bus; the oldest "
+          "was dropped");
     }
   }
 
@@ -220,8 +219,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     connection_ = connection;
     g_dbus_connection_set_exit_on_close(connection_, FALSE);
     closedHandler_ = g_signal_connect(
-        connection_, "closed",
-        G_CALLBACK(+[](GDBusConnection*, gboolean, GError*, gpointer data) {
+        connection_, "closed", G_CALLBACK(+[](GDBusConnection*, gboolean, GError*, gpointer data) {
           static_cast<FreedesktopNotificationPresenter*>(data)->turnOff(
               "the session bus connection closed");
         }),
@@ -321,9 +319,10 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
         break;
       }
       if (!acceptableIdentifier(button.identifier)) {
-        NSLog("QuorviaSDK: a notification button was left out: its identifier is empty, "
-              "\"default\", longer than " +
-              std::to_string(kMaxIdentifierBytes) + " bytes or not UTF-8");
+        NSLog(
+            "QuorviaSDK: a notification button was left out: its identifier is empty, "
+            "\"default\", longer than " +
+            std::to_string(kMaxIdentifierBytes) + " bytes or not UTF-8");
         continue;
       }
       pending->identifiers.push_back(button.identifier);
@@ -434,10 +433,10 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     }
     Value payload = std::move(found->second.payload);
     forget(id);  // one answer per notification
-    dispatch_async([main = main_, identifier = std::string(action),
-                    payload = std::move(payload)]() mutable {
-      if (main->handler) main->handler(std::move(identifier), std::move(payload));
-    });
+    dispatch_async(
+        [main = main_, identifier = std::string(action), payload = std::move(payload)]() mutable {
+          if (main->handler) main->handler(std::move(identifier), std::move(payload));
+        });
   }
 
   void ignored(const std::string& why) {
@@ -489,9 +488,9 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   std::atomic<bool> off_{false};
 
   std::mutex mu_;
-  bool stopping_ = false;                // guarded by mu_
-  std::deque<Notification> waiting_;     // guarded by mu_
-  std::thread thread_;                   // guarded by mu_ until the destructor
+  bool stopping_ = false;             // guarded by mu_
+  std::deque<Notification> waiting_;  // guarded by mu_
+  std::thread thread_;                // guarded by mu_ until the destructor
 
   // Bus thread only.
   GDBusConnection* connection_ = nullptr;

@@ -24,8 +24,9 @@ std::optional<std::string> alertText(const Value& payload) {
     const Value* text = valueForKey(alert, key);
     if (text && text->is_string()) return text->get<std::string>();
   }
-  NSLog("QuorviaSDK: a push's aps.alert is neither a text nor a dictionary with a body; no "
-        "desktop notification");
+  NSLog(
+      "QuorviaSDK: a push's aps.alert is neither a text nor a dictionary with a body; no "
+      "desktop notification");
   return std::nullopt;
 }
 
@@ -71,8 +72,8 @@ void presentRemoteNotification(const Value& payload) {
   const std::shared_ptr<NotificationPresenter> presenter = environment().notificationPresenter();
   if (!presenter) return;
   routeActionsFrom(presenter);
-  presenter->present(
-      {environment().deviceInfo().appIdentifier, std::move(*text), buttonsFor(payload, settings), payload});
+  presenter->present({environment().deviceInfo().appIdentifier, std::move(*text),
+                      buttonsFor(payload, settings), payload});
 }
 
 void deliverNotificationAction(std::string identifier, Value payload) {
