@@ -107,10 +107,7 @@ NotificationService::NotificationService(const std::string& address, std::functi
     : changed_(std::move(changed)),
       context_(g_main_context_new()),
       loop_(g_main_loop_new(context_, FALSE)) {
-  std::mutex startMu;
-  std::condition_variable started;
-  bool done = false;
-  thread_ = std::thread([&, address] {
+  thread_ = std::thread([this, address] {
     g_main_context_push_thread_default(context_);
     connection_ = connectTo(address);
     if (connection_) {
@@ -132,10 +129,10 @@ NotificationService::NotificationService(const std::string& address, std::functi
       }
     }
     {
-      std::lock_guard lock(startMu);
-      done = true;
+      std::lock_guard lock(mu_);
+      started_ = true;
+      startedChanged_.notify_all();
     }
-    started.notify_all();
     g_main_loop_run(loop_);
     if (connection_) {
       g_dbus_connection_close_sync(connection_, nullptr, nullptr);
@@ -143,8 +140,9 @@ NotificationService::NotificationService(const std::string& address, std::functi
     }
     g_main_context_pop_thread_default(context_);
   });
-  std::unique_lock lock(startMu);
-  started.wait_for(lock, std::chrono::milliseconds(kStartTimeoutMs), [&] { return done; });
+  std::unique_lock lock(mu_);
+  startedChanged_.wait_for(lock, std::chrono::milliseconds(kStartTimeoutMs),
+                           [this] { return started_; });
 }
 
 NotificationService::~NotificationService() {

@@ -57,7 +57,10 @@ class NotificationService final {
   NotificationService(const NotificationService&) = delete;
   NotificationService& operator=(const NotificationService&) = delete;
 
-  bool owns() const { return owns_; }
+  bool owns() const {
+    std::lock_guard lock(mu_);
+    return started_ && owns_;
+  }
   /// Every Notify call so far. Any thread.
   std::vector<NotifyCall> calls() const;
   /// Ids given to CloseNotification so far. Any thread.
@@ -78,6 +81,8 @@ class NotificationService final {
   std::thread thread_;
   bool owns_ = false;
   mutable std::mutex mu_;
+  std::condition_variable startedChanged_;
+  bool started_ = false;  // guarded by mu_; owns_ and connection_ are set before it
   std::vector<NotifyCall> calls_;
   std::vector<std::uint32_t> closed_;
   std::uint32_t nextId_ = 1;

@@ -153,20 +153,34 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     Value payload;
   };
 
-  // Runs `work` on the bus thread's context. Any thread.
+  // Runs `work` on the bus thread's context. Any thread. The work itself
+  // passes through our own lock rather than through the GSource, so that the
+  // hand-over is one the thread checker sees.
   void onBusThread(std::function<void()> work) {
+    {
+      std::lock_guard lock(tasksMu_);
+      tasks_.push_back(std::move(work));
+    }
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(
         source,
-        [](gpointer data) -> gboolean {
-          (*static_cast<std::function<void()>*>(data))();
+        [](gpointer self) -> gboolean {
+          static_cast<FreedesktopNotificationPresenter*>(self)->runTasks();
           return G_SOURCE_REMOVE;
         },
-        new std::function<void()>(std::move(work)),
-        [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+        this, nullptr);
     g_source_attach(source, context_);
     g_source_unref(source);
+  }
+
+  void runTasks() {
+    std::deque<std::function<void()>> batch;
+    {
+      std::lock_guard lock(tasksMu_);
+      batch.swap(tasks_);
+    }
+    for (auto& task : batch) task();
   }
 
   // Everything below runs on the bus thread.
@@ -491,6 +505,8 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   bool stopping_ = false;             // guarded by mu_
   std::deque<Notification> waiting_;  // guarded by mu_
   std::thread thread_;                // guarded by mu_ until the destructor
+  std::mutex tasksMu_;
+  std::deque<std::function<void()>> tasks_;  // guarded by tasksMu_
 
   // Bus thread only.
   GDBusConnection* connection_ = nullptr;
