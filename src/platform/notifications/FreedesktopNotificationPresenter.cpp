@@ -241,9 +241,11 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     subscriptions_.push_back(g_dbus_connection_signal_subscribe(
         connection_, kBusName, kBusName, "NameOwnerChanged", kBusPath, kServiceName,
         G_DBUS_SIGNAL_FLAGS_NONE, &FreedesktopNotificationPresenter::onSignal, this, nullptr));
+    // Any sender: the check against the service's owner is ours (onBusSignal),
+    // not left to what this GLib's matching of well-known names does.
     for (const char* member : {"ActionInvoked", "NotificationClosed"}) {
       subscriptions_.push_back(g_dbus_connection_signal_subscribe(
-          connection_, kServiceName, kServiceInterface, member, kServicePath, nullptr,
+          connection_, nullptr, kServiceInterface, member, kServicePath, nullptr,
           G_DBUS_SIGNAL_FLAGS_NONE, &FreedesktopNotificationPresenter::onSignal, this, nullptr));
     }
     askForOwner();
