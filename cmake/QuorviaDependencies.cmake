@@ -8,6 +8,7 @@ find_package(ICU REQUIRED COMPONENTS uc i18n)
 pkg_check_modules(PANGOCAIRO REQUIRED IMPORTED_TARGET pangocairo cairo)
 pkg_check_modules(STB REQUIRED IMPORTED_TARGET stb)
 pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
+pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-2.0)
 
 if(QUORVIA_BUILD_TESTS OR QUORVIA_BUILD_TOOLS)
   pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)

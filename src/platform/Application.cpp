@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "platform/URL.h"
+#include "quorvia/platform/NotificationCenter.h"
 #include "platform/push/RemoteNotifications.h"
 
 namespace quorvia::platform {
@@ -23,6 +24,8 @@ struct Application::State {
   std::function<bool(const std::string&)> canOpen;
   std::function<void(const std::string&)> opener;
   std::vector<std::string> opened;
+
+  bool active = false;  // no window has the focus until the host says so
 
   std::shared_ptr<Window> keyWindow;
   std::shared_ptr<Object> delegate;
@@ -187,6 +190,22 @@ void Application::setOpenURLHandler(std::function<void(const std::string&)> hand
 std::vector<std::string> Application::openedURLs() const {
   std::lock_guard lock(state_->mu);
   return state_->opened;
+}
+
+bool Application::isActive() const {
+  std::lock_guard lock(state_->mu);
+  return state_->active;
+}
+
+void Application::setActive(bool active) {
+  {
+    std::lock_guard lock(state_->mu);
+    if (state_->active == active) return;
+    state_->active = active;
+  }
+  NotificationCenter::defaultCenter().postNotificationName(
+      active ? UIApplicationDidBecomeActiveNotification
+             : UIApplicationWillResignActiveNotification);
 }
 
 std::shared_ptr<Window> Application::keyWindow() const {

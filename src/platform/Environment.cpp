@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/KeychainStore.h"
+#include "quorvia/platform/NotificationPresenter.h"
 #include "quorvia/platform/PushService.h"
 #include "platform/URLSession.h"
 #include "platform/UserDefaults.h"
@@ -95,7 +96,10 @@ class DesktopEnvironment final : public Environment {
     return push_.get(
         [this] { return makeMqttPushService({defaultPushBrokerURL(), options_.dataDirectory}); });
   }
-  std::shared_ptr<NotificationPresenter> notificationPresenter() override { return nullptr; }
+  std::shared_ptr<NotificationPresenter> notificationPresenter() override {
+    if (!options_.notifications) return nullptr;
+    return presenter_.get([] { return makeFreedesktopNotificationPresenter(); });
+  }
   DeviceInfo deviceInfo() override {
     DeviceInfo info;
     info.appIdentifier = options_.appIdentifier;
@@ -110,6 +114,7 @@ class DesktopEnvironment final : public Environment {
   Lazy<KeychainStore> keychain_;
   Lazy<UserDefaults> defaults_;
   Lazy<PushService> push_;
+  Lazy<NotificationPresenter> presenter_;
 };
 
 struct Installed {

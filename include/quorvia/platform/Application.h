@@ -86,6 +86,20 @@ class QUORVIA_EXPORT Application final {
   void setOpenURLHandler(std::function<void(const std::string& url)> handler);
   std::vector<std::string> openedURLs() const;
 
+  // Activity.
+  /// Whether the app is in front of the user: its window has the focus. A
+  /// desktop app starts inactive, since no window has the focus before the
+  /// host reports it. Notifications of pushes show on the desktop only while
+  /// the app is inactive.
+  bool isActive() const;
+  /// Host side: the app's window gained (true) or lost (false) the focus.
+  /// When that changes the state, posts UIApplicationDidBecomeActiveNotification
+  /// or UIApplicationWillResignActiveNotification through the default
+  /// notification centre on the calling thread; reporting the same state
+  /// again posts nothing. Call it on the main thread, as the platform does:
+  /// the observers (the SDK fetches polls on becoming active) run on it.
+  void setActive(bool active);
+
   // Windows and the delegate.
   std::shared_ptr<Window> keyWindow() const;
   void setKeyWindow(std::shared_ptr<Window> window);

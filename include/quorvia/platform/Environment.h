@@ -56,8 +56,8 @@ class QUORVIA_EXPORT Environment {
 
   /// The real desktop: a real-clock main queue, the system clock, log lines on
   /// stderr, libcurl, SQLite and files under $XDG_DATA_HOME/quorvia/<program
-  /// name>, push through the MQTT broker of QUORVIA_PUSH_BROKER. Made on first
-  /// use and never destroyed.
+  /// name>, push through the MQTT broker of QUORVIA_PUSH_BROKER, notifications
+  /// through the session bus. Made on first use and never destroyed.
   static Environment* Default();
 
   /// The main queue, on which every SDK callback runs.
@@ -126,6 +126,9 @@ struct DesktopEnvironmentOptions {
   RunLoop::Clock clock = RunLoop::Clock::kReal;
   /// Whether the MQTT push service is used (off: no push service).
   bool push = true;
+  /// Whether notifications are shown through the freedesktop Notifications
+  /// service on the session bus (off: no notification presenter).
+  bool notifications = true;
 };
 
 /// The real desktop services, configured by `options`.

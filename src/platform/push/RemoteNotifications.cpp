@@ -7,6 +7,7 @@
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/ApplicationDelegate.h"
 #include "platform/Log.h"
+#include "platform/push/NotificationActions.h"
 
 namespace quorvia::platform {
 
@@ -30,6 +31,7 @@ void startRemoteNotifications() {
 }
 
 void deliverRemoteNotification(Value payload) {
+  presentRemoteNotification(payload);
   MessageArguments arguments;
   arguments.userInfo.emplace(std::move(payload));
   const std::shared_ptr<Object> delegate = Application::sharedApplication().delegate();

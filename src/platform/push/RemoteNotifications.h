@@ -18,7 +18,9 @@ inline constexpr Duration kFetchCompletionDeadline = std::chrono::seconds(30);
 /// delivered again). Any thread.
 QUORVIA_EXPORT void startRemoteNotifications();
 
-/// Delivers one push to the application delegate as the platform does:
+/// Delivers one push as the platform does: shows it as a desktop
+/// notification when the app is not in front (presentRemoteNotification),
+/// and hands it to the application delegate:
 /// application:didReceiveRemoteNotification:fetchCompletionHandler: when the
 /// delegate responds to it, else application:didReceiveRemoteNotification:.
 /// The completion handler it passes counts only its first call and is logged
