@@ -202,6 +202,30 @@ cairo_surface_t* renderSurface(Window& window) {
 
 }  // namespace
 
+void Renderer::paint(Window& window, const PixelBuffer& buffer,
+                     const std::vector<PixelRect>& damage) {
+  if (damage.empty()) return;
+  window.layoutIfNeeded();
+  cairo_surface_t* surface = cairo_image_surface_create_for_data(
+      buffer.pixels, CAIRO_FORMAT_ARGB32, buffer.width, buffer.height, buffer.stride);
+  cairo_t* cr = cairo_create(surface);
+  for (const auto& r : damage) cairo_rectangle(cr, r.x, r.y, r.width, r.height);
+  cairo_clip(cr);
+  cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
+  cairo_paint(cr);
+  cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
+  const double scale = window.scale() > 0 ? window.scale() : 1;
+  cairo_scale(cr, scale, scale);
+  {
+    Painter painter(surface, cr);
+    cairo_translate(cr, -window.presentationFrame().x(), -window.presentationFrame().y());
+    painter.draw(window);
+  }
+  cairo_destroy(cr);
+  cairo_surface_flush(surface);
+  cairo_surface_destroy(surface);
+}
+
 RenderedImage Renderer::render(Window& window) {
   cairo_surface_t* surface = renderSurface(window);
   RenderedImage image;
