@@ -79,6 +79,7 @@ class Painter {
       setColor(cr_, view.backgroundColor());
       cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
       cairo_fill(cr_);
+      drawn_ = true;
     }
     if (auto* label = dynamic_cast<Label*>(&view)) drawText(*label, bounds);
     for (const auto& sub : view.subviews()) draw(*sub);
@@ -92,6 +93,7 @@ class Painter {
  private:
   void drawText(Label& label, const Rect& bounds) {
     if (label.text().empty()) return;
+    drawn_ = true;
     pango_cairo_update_context(cr_, text_);
     PangoLayout* layout = detail::makeTextLayout(text_, label.text(), label.font(),
                                                  bounds.width(), label.textAlignment());
@@ -107,6 +109,14 @@ class Painter {
   // Blurs what is already drawn behind the view by shrinking it and stretching
   // it back with bilinear filtering, then tints it by the style.
   void drawBlur(const BlurView& view, const Rect& bounds) {
+    // Nothing drawn yet in this pass: behind the blur is the cleared, transparent
+    // buffer (a host's layer), and a blur of nothing is nothing; only the tint shows.
+    const bool anythingBehind = drawn_;
+    drawn_ = true;
+    if (!anythingBehind) {
+      tint(view, bounds);
+      return;
+    }
     double x0 = 0, y0 = 0, x1 = bounds.width(), y1 = bounds.height();
     cairo_user_to_device(cr_, &x0, &y0);
     cairo_user_to_device(cr_, &x1, &y1);
@@ -145,7 +155,10 @@ class Painter {
     cairo_fill(cr_);
     cairo_restore(cr_);
     cairo_surface_destroy(small);
+    tint(view, bounds);
+  }
 
+  void tint(const BlurView& view, const Rect& bounds) {
     setColor(cr_, view.style() == BlurEffectStyle::kDark ? kDarkBlurTint : kLightBlurTint);
     cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
     cairo_fill(cr_);
@@ -168,6 +181,7 @@ class Painter {
   cairo_surface_t* target_;
   cairo_t* cr_;
   PangoContext* text_;
+  bool drawn_ = false;  // whether anything was drawn yet in this pass
 };
 
 cairo_surface_t* renderSurface(Window& window) {
