@@ -58,8 +58,9 @@ class Painter {
   Painter(const Painter&) = delete;
   Painter& operator=(const Painter&) = delete;
 
-  void draw(View& view) {
-    const double alpha = view.presentationAlpha();
+  /// `inherited`: the alpha of ancestors that were not drawn as a group.
+  void draw(View& view, double inherited = 1) {
+    const double alpha = view.presentationAlpha() * inherited;
     if (view.isHidden() || alpha <= 0) return;
     const Rect frame = view.presentationFrame();
     const Rect bounds{{0, 0}, frame.size};
@@ -72,17 +73,27 @@ class Painter {
       cairo_restore(cr_);
       cairo_clip(cr_);
     }
-    const bool group = alpha < 1;
+    auto* blur = dynamic_cast<BlurView*>(&view);
+    auto* label = dynamic_cast<Label*>(&view);
+    const bool fill = view.backgroundColor().alpha > 0;
+    // A translucent view needs an offscreen group only when layers of it overlap;
+    // one plain fill (a fading backdrop's tint) takes the alpha in its colour,
+    // which spares a window-sized group on every frame of a fade. Text (colour
+    // emoji ignore the source alpha) and a real blur always take a group.
+    const int layers = (blur || fill ? 1 : 0) + static_cast<int>(view.subviews().size());
+    const bool group =
+        alpha < 1 && (layers > 1 || (label && !label->text().empty()) || (blur && drawn_));
+    const double own = group ? 1 : alpha;
     if (group) cairo_push_group(cr_);
-    if (auto* blur = dynamic_cast<BlurView*>(&view)) drawBlur(*blur, bounds);
-    if (view.backgroundColor().alpha > 0) {
-      setColor(cr_, view.backgroundColor());
+    if (blur) drawBlur(*blur, bounds, own);
+    if (fill) {
+      setColor(cr_, view.backgroundColor().colorWithAlphaComponent(view.backgroundColor().alpha * own));
       cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
       cairo_fill(cr_);
       drawn_ = true;
     }
-    if (auto* label = dynamic_cast<Label*>(&view)) drawText(*label, bounds);
-    for (const auto& sub : view.subviews()) draw(*sub);
+    if (label) drawText(*label, bounds);
+    for (const auto& sub : view.subviews()) draw(*sub, own);
     if (group) {
       cairo_pop_group_to_source(cr_);
       cairo_paint_with_alpha(cr_, alpha);
@@ -108,13 +119,13 @@ class Painter {
 
   // Blurs what is already drawn behind the view by shrinking it and stretching
   // it back with bilinear filtering, then tints it by the style.
-  void drawBlur(const BlurView& view, const Rect& bounds) {
+  void drawBlur(const BlurView& view, const Rect& bounds, double alpha) {
     // Nothing drawn yet in this pass: behind the blur is the cleared, transparent
     // buffer (a host's layer), and a blur of nothing is nothing; only the tint shows.
     const bool anythingBehind = drawn_;
     drawn_ = true;
     if (!anythingBehind) {
-      tint(view, bounds);
+      tint(view, bounds, alpha);
       return;
     }
     double x0 = 0, y0 = 0, x1 = bounds.width(), y1 = bounds.height();
@@ -155,11 +166,12 @@ class Painter {
     cairo_fill(cr_);
     cairo_restore(cr_);
     cairo_surface_destroy(small);
-    tint(view, bounds);
+    tint(view, bounds, alpha);
   }
 
-  void tint(const BlurView& view, const Rect& bounds) {
-    setColor(cr_, view.style() == BlurEffectStyle::kDark ? kDarkBlurTint : kLightBlurTint);
+  void tint(const BlurView& view, const Rect& bounds, double alpha) {
+    const Color& color = view.style() == BlurEffectStyle::kDark ? kDarkBlurTint : kLightBlurTint;
+    setColor(cr_, color.colorWithAlphaComponent(color.alpha * alpha));
     cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
     cairo_fill(cr_);
   }
