@@ -248,7 +248,7 @@ std::string describeBanner(platform::Window& window) {
   // The backdrop under an expanded banner carries this tag.
   if (auto backdrop = window.viewWithTag(234555)) {
     char alpha[32];
-    std::snprintf(alpha, sizeof alpha, " backdrop=%.2f", backdrop->presentationAlpha());
+    std::snprintf(alpha, sizeof alpha, " backdrop=%.3f", backdrop->presentationAlpha());
     line += alpha;
   }
   return line;
@@ -387,6 +387,8 @@ int main(int argc, char** argv) {
               host.setFocused(true);
               break;
             case SDL_WINDOWEVENT_FOCUS_LOST:
+              std::printf("host: focus lost\n");
+              std::fflush(stdout);
               host.setFocused(false);
               host.pointerCancel();
               break;
