@@ -42,14 +42,17 @@ struct Host {
     window->setRepaintCallback([this] { ++repaints; });
     paint();
   }
-  std::vector<platform::PixelRect> paint() { return window->paint({pixels.data(), 750, 1334, 3000}); }
+  std::vector<platform::PixelRect> paint() {
+    return window->paint({pixels.data(), 750, 1334, 3000});
+  }
   platform::RunLoop& loop() { return env->mainRunLoop(); }
   std::shared_ptr<QVNotificationView> present() {
-    const platform::Value poll = {
-        {"id", 17},
-        {"question", "How do you like the new checkout?"},
-        {"options", {{{"text", "\xF0\x9F\x91\x8D Love it"}}, {{"text", "\xF0\x9F\xA4\x94 Not sure"}},
-                     {{"text", "\xF0\x9F\x91\x8E Not for me"}}}}};
+    const platform::Value poll = {{"id", 17},
+                                  {"question", "How do you like the new checkout?"},
+                                  {"options",
+                                   {{{"text", "\xF0\x9F\x91\x8D Love it"}},
+                                    {{"text", "\xF0\x9F\xA4\x94 Not sure"}},
+                                    {{"text", "\xF0\x9F\x91\x8E Not for me"}}}}};
     return sdk::SDKState::shared().banner->presentPollWithPollDict(&poll);
   }
   // Hides the banner and takes it out of the window, so every round starts alike.

@@ -77,7 +77,8 @@ Options parse(int argc, char** argv) {
   auto number = [&](const char* flag, const char* text) {
     char* end = nullptr;
     const double value = std::strtod(text, &end);
-    if (!end || *end || !(value > 0) || value > 10000) fail(std::string(flag) + " needs a positive number");
+    if (!end || *end || !(value > 0) || value > 10000)
+      fail(std::string(flag) + " needs a positive number");
     return value;
   };
   for (int i = 1; i < argc; ++i) {
@@ -129,7 +130,8 @@ std::shared_ptr<platform::Object> makeAppDelegate() {
         [name = std::string(selector)](platform::Object&, const platform::MessageArguments& args) {
           std::printf("host: %s\n", name.c_str());
           std::fflush(stdout);
-          if (args.fetchCompletionHandler) args.fetchCompletionHandler(platform::UIBackgroundFetchResultNoData);
+          if (args.fetchCompletionHandler)
+            args.fetchCompletionHandler(platform::UIBackgroundFetchResultNoData);
         },
         platform::applicationDelegateTypeEncoding(selector));
   }
@@ -140,8 +142,7 @@ std::shared_ptr<platform::Object> makeAppDelegate() {
 // another thread (a network reply, a push): SDL cannot wait on a descriptor.
 class QueueWaker final {
  public:
-  explicit QueueWaker(Uint32 eventType)
-      : eventType_(eventType), thread_([this] { run(); }) {}
+  explicit QueueWaker(Uint32 eventType) : eventType_(eventType), thread_([this] { run(); }) {}
   ~QueueWaker() {
     const std::uint64_t one = 1;
     {
@@ -222,7 +223,8 @@ void drawHostScreen(SDL_Renderer* renderer, int width, int height, double scale,
 std::string describeBanner(platform::Window& window) {
   std::shared_ptr<platform::View> banner;
   for (const auto& view : window.subviews()) {
-    if (view->subviews().size() == 1 && !view->subviews().front()->subviews().empty()) banner = view;
+    if (view->subviews().size() == 1 && !view->subviews().front()->subviews().empty())
+      banner = view;
   }
   if (!banner) return "frames none";
   const platform::Rect b = banner->presentationFrame();
@@ -270,8 +272,9 @@ int main(int argc, char** argv) {
   // The key window comes first, so the banner takes its width.
   platform::HostWindow host({options.width, options.height}, options.scale);
   int width = host.pixelWidth(), height = host.pixelHeight();
-  SDL_Window* window = SDL_CreateWindow("Quorvia desktop host", SDL_WINDOWPOS_CENTERED,
-                                        SDL_WINDOWPOS_CENTERED, width, height, SDL_WINDOW_RESIZABLE);
+  SDL_Window* window =
+      SDL_CreateWindow("Quorvia desktop host", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
+                       width, height, SDL_WINDOW_RESIZABLE);
   SDL_Renderer* renderer = window ? SDL_CreateRenderer(window, -1, 0) : nullptr;
   if (!renderer) {
     std::fprintf(stderr, "quorvia-desktop-host: SDL: %s\n", SDL_GetError());
@@ -328,7 +331,8 @@ int main(int argc, char** argv) {
             const std::uint8_t* p = first + static_cast<std::size_t>(y) * width * 4 + x;
             std::uint8_t* q = &upload[static_cast<std::size_t>(y) * r.width * 4 + x];
             const unsigned a = p[3];
-            for (int c = 0; c < 3; ++c) q[c] = a ? static_cast<std::uint8_t>(std::min(255u, p[c] * 255u / a)) : 0;
+            for (int c = 0; c < 3; ++c)
+              q[c] = a ? static_cast<std::uint8_t>(std::min(255u, p[c] * 255u / a)) : 0;
             q[3] = static_cast<std::uint8_t>(a);
           }
         }

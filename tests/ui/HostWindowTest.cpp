@@ -9,9 +9,9 @@
 
 #include "quorvia/platform/HostWindow.h"
 #include "quorvia/platform/NotificationCenter.h"
+#include "sdk/SDKState.h"
 #include "support/PlatformTest.h"
 #include "ui/BannerTestSupport.h"
-#include "sdk/SDKState.h"
 
 namespace quorvia {
 namespace {
@@ -39,7 +39,8 @@ class HostWindowTest : public testing::PlatformTest {
   std::vector<PixelRect> paint() { return host_->paint({pixels_.data(), 750, 1334, 750 * 4}); }
   // B, G, R, A of the pixel under a point.
   std::array<std::uint8_t, 4> at(double x, double y) const {
-    const auto* p = &pixels_[(static_cast<std::size_t>(y * 2) * 750 + static_cast<std::size_t>(x * 2)) * 4];
+    const auto* p =
+        &pixels_[(static_cast<std::size_t>(y * 2) * 750 + static_cast<std::size_t>(x * 2)) * 4];
     return {p[0], p[1], p[2], p[3]};
   }
   std::shared_ptr<QVNotificationView> present(const std::string& question = "Coffee?") {
@@ -66,13 +67,21 @@ TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
   };
   const std::vector<Case> cases = {
       {"nothing changed", [](auto&, auto&) {}, {}},
-      {"a colour", [](auto& v, auto&) { v.setBackgroundColor(platform::Color{1, 0, 0, 1}); }, {spot}},
+      {"a colour",
+       [](auto& v, auto&) {
+         v.setBackgroundColor(platform::Color{1, 0, 0, 1});
+       },
+       {spot}},
       {"a move: the new place and the old",
        [](auto& v, auto&) { v.setFrame(Rect::make(110, 200, 10, 10)); },
        {{220, 400, 20, 20}, spot}},
       {"a removal", [](auto& v, auto&) { v.removeFromSuperview(); }, {spot}},
       {"a fade", [](auto& v, auto&) { v.setAlpha(0.5); }, {spot}},
-      {"a resize repaints all", [](auto&, auto& h) { h.setSize({375, 667}, 2); }, {whole}},
+      {"a resize repaints all",
+       [](auto&, auto& h) {
+         h.setSize({375, 667}, 2);
+       },
+       {whole}},
       {"invalidate repaints all", [](auto&, auto& h) { h.invalidate(); }, {whole}},
   };
   for (const auto& c : cases) {
@@ -127,11 +136,11 @@ TEST_F(HostWindowTest, HitTestsWhatIsOnScreenDuringTheSlide) {
   };
   // Half way the banner is on screen from y -205 to 125; its model frame is 20...350.
   const Case cases[] = {
-      {0, {187, 100}, kPassed},      // still above the window
-      {0.15, {187, 100}, kTaken},    // on screen, above the model frame's middle
-      {0.15, {187, 300}, kPassed},   // inside the model frame only
-      {0.3, {187, 300}, kTaken},     // arrived: the whole 330-point frame
-      {0.3, {187, 360}, kPassed},    // below it
+      {0, {187, 100}, kPassed},     // still above the window
+      {0.15, {187, 100}, kTaken},   // on screen, above the model frame's middle
+      {0.15, {187, 300}, kPassed},  // inside the model frame only
+      {0.3, {187, 300}, kTaken},    // arrived: the whole 330-point frame
+      {0.3, {187, 360}, kPassed},   // below it
   };
   double now = 0;
   for (const auto& c : cases) {
@@ -158,18 +167,36 @@ TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
   };
   const Point host{187, 600};
   const std::vector<Case> cases = {
-      {"before any banner, everything is the host's", false, false,
-       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}}, false},
-      {"a click on the host beside a banner", true, false,
-       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}}, false},
-      {"a tap on the card expands it", true, true,
-       {{'d', {}, kTaken}, {'m', host, kTaken}, {'u', {}, kTaken}}, true},
-      {"a press on the card released on the host cancels", true, true,
-       {{'d', {}, kTaken}, {'u', host, kTaken}}, false},
-      {"a cancelled press", true, true, {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}},
+      {"before any banner, everything is the host's",
+       false,
+       false,
+       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}},
        false},
-      {"coordinates that are not numbers", true, false,
-       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}}, false},
+      {"a click on the host beside a banner",
+       true,
+       false,
+       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}},
+       false},
+      {"a tap on the card expands it",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'m', host, kTaken}, {'u', {}, kTaken}},
+       true},
+      {"a press on the card released on the host cancels",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'u', host, kTaken}},
+       false},
+      {"a cancelled press",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}},
+       false},
+      {"coordinates that are not numbers",
+       true,
+       false,
+       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}},
+       false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -232,10 +259,8 @@ TEST_F(HostWindowTest, FocusPostsTheActivityNotificationsOnChangesOnly) {
     std::vector<std::string> posted;
   };
   const Case cases[] = {
-      {true, {"UIApplicationDidBecomeActiveNotification"}},
-      {true, {}},
-      {false, {"UIApplicationWillResignActiveNotification"}},
-      {false, {}},
+      {true, {"UIApplicationDidBecomeActiveNotification"}},   {true, {}},
+      {false, {"UIApplicationWillResignActiveNotification"}}, {false, {}},
       {true, {"UIApplicationDidBecomeActiveNotification"}},
   };
   for (const auto& c : cases) {
@@ -249,8 +274,11 @@ TEST_F(HostWindowTest, FocusPostsTheActivityNotificationsOnChangesOnly) {
 
 TEST_F(HostWindowTest, BadSizesAndBuffersAreLoggedAndRefused) {
   const double inf = std::numeric_limits<double>::infinity();
-  for (auto [w, h, scale] : {std::tuple{0.0, 667.0, 2.0}, {375.0, -1.0, 2.0}, {inf, 667.0, 2.0},
-                             {375.0, 667.0, std::nan("")}, {1e6, 1e6, 2.0}}) {
+  for (auto [w, h, scale] : {std::tuple{0.0, 667.0, 2.0},
+                             {375.0, -1.0, 2.0},
+                             {inf, 667.0, 2.0},
+                             {375.0, 667.0, std::nan("")},
+                             {1e6, 1e6, 2.0}}) {
     host_->setSize({w, h}, scale);
     EXPECT_EQ(host_->pixelWidth(), 750);
     EXPECT_EQ(host_->pixelHeight(), 1334);

@@ -94,7 +94,8 @@ class Screenshot {
 
  private:
   static cairo_surface_t* capture(const std::string& display, const std::filesystem::path& png) {
-    ChildProcess import({"import", "-display", display, "-window", "root", "PNG24:" + png.string()});
+    ChildProcess import(
+        {"import", "-display", display, "-window", "root", "PNG24:" + png.string()});
     if (import.waitExit(kBound) != 0) {
       ADD_FAILURE() << "imagemagick's import could not capture the screen";
       return nullptr;
@@ -168,8 +169,8 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
                     {"DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
                      "QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" + std::to_string(port),
                      "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string()});
-  ASSERT_FALSE(host.waitForLine([](const auto& l) { return startsWith(l, "host: ready"); }, kBound)
-                   .empty())
+  ASSERT_FALSE(
+      host.waitForLine([](const auto& l) { return startsWith(l, "host: ready"); }, kBound).empty())
       << describe(host);
   // The device registers through the broker before a fetch can be answered.
   ASSERT_FALSE(host.waitForLine(

@@ -165,9 +165,7 @@ void HostWindow::setSize(Size size, double scale) {
 
 Size HostWindow::size() const { return state_->window->bounds().size; }
 double HostWindow::scale() const { return state_->window->scale(); }
-int HostWindow::pixelWidth() const {
-  return static_cast<int>(std::lround(size().width * scale()));
-}
+int HostWindow::pixelWidth() const { return static_cast<int>(std::lround(size().width * scale())); }
 int HostWindow::pixelHeight() const {
   return static_cast<int>(std::lround(size().height * scale()));
 }

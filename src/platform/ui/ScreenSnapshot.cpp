@@ -41,7 +41,8 @@ class Collector {
     ScreenItem item;
     item.view = &view;
     item.below = below_;
-    item.rect = Rect::make(origin.x + frame.x(), origin.y + frame.y(), frame.width(), frame.height());
+    item.rect =
+        Rect::make(origin.x + frame.x(), origin.y + frame.y(), frame.width(), frame.height());
     item.alpha = alpha;
     item.background = view.backgroundColor();
     if (const auto& mask = view.layer().mask()) {
