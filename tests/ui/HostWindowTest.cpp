@@ -127,6 +127,27 @@ TEST_F(HostWindowTest, TransparentWhereTheSdkDrawsNothing) {
   }
 }
 
+TEST_F(HostWindowTest, ExpandedBackdropLetsTheHostShowThroughItsTint) {
+  for (bool reduce : {false, true}) {
+    SCOPED_TRACE(reduce ? "reduce transparency: black at 0.5" : "dark blur: its tint");
+    env_->setReduceTransparency(reduce);
+    auto view = present();
+    ASSERT_TRUE(view);
+    advance(0.3);
+    sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
+    advance(0.2);
+    drain();
+    paint();
+    // Premultiplied B, G, R, A: the dark tint (0.07, 0.07, 0.08 at 0.62), or black at 0.5.
+    const std::array<int, 4> expected =
+        reduce ? std::array<int, 4>{0, 0, 0, 128} : std::array<int, 4>{13, 11, 11, 158};
+    const auto pixel = at(187, 600);
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(pixel[i], expected[i], 1) << i;
+    sdk::SDKState::shared().banner->hideNotificationView(view);
+    advance(0.3);
+  }
+}
+
 TEST_F(HostWindowTest, HitTestsWhatIsOnScreenDuringTheSlide) {
   ASSERT_TRUE(present());
   struct Case {

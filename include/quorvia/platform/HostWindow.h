@@ -82,10 +82,13 @@ class QUORVIA_EXPORT HostWindow final {
   /// The host's window changed size or moved to a screen of another scale.
   /// The whole buffer is repainted next. Bad values are logged and ignored.
   void setSize(Size size, double scale);
+  /// The key window's size in points, as last set.
   Size size() const;
+  /// Pixels per point, as last set.
   double scale() const;
-  /// The buffer size paint() expects: size() * scale(), rounded.
+  /// The buffer width paint() expects: size().width * scale(), rounded.
   int pixelWidth() const;
+  /// The buffer height paint() expects: size().height * scale(), rounded.
   int pixelHeight() const;
 
   /// Installs the host's repaint callback (null removes it). It is called
