@@ -182,7 +182,7 @@ TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
   struct Case {
     const char* name;
     bool banner;
-    bool onCard;  // steps at {0, 0} mean the card's centre
+    bool onCard;  // then step points are offsets from the question row's centre
     std::vector<Step> steps;
     bool expanded;
   };
@@ -201,13 +201,18 @@ TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
       {"a tap on the card expands it",
        true,
        true,
-       {{'d', {}, kTaken}, {'m', host, kTaken}, {'u', {}, kTaken}},
+       {{'d', {}, kTaken}, {'m', {0, 500}, kTaken}, {'u', {}, kTaken}},
        true},
       {"a press on the card released on the host cancels",
        true,
        true,
-       {{'d', {}, kTaken}, {'u', host, kTaken}},
+       {{'d', {}, kTaken}, {'u', {0, 500}, kTaken}},
        false},
+      {"released elsewhere on the same row, still a tap",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'u', {165, 0}, kTaken}},  // off the label, on the row
+       true},
       {"a cancelled press",
        true,
        true,
@@ -228,7 +233,8 @@ TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
       advance(0.3);
     }
     for (const auto& step : c.steps) {
-      const Point p = c.onCard && step.point == Point{} ? card(*view) : step.point;
+      Point p = step.point;
+      if (c.onCard) p = {card(*view).x + p.x, card(*view).y + p.y};
       const PointerAnswer answer = step.kind == 'd'   ? host_->pointerDown(p)
                                    : step.kind == 'm' ? host_->pointerMove(p)
                                    : step.kind == 'u' ? host_->pointerUp(p)

@@ -5,6 +5,7 @@
 
 #include "platform/Log.h"
 #include "platform/Renderer.h"
+#include "platform/TableView.h"
 #include "platform/ui/ScreenSnapshot.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/NotificationCenter.h"
@@ -46,6 +47,18 @@ Rect onScreen(View& view) {
     rect.origin.y += frame.y();
   }
   return rect;
+}
+
+// What a press on `view` is a press of: the button, the tapped card or the
+// row around it, so that a release anywhere on that still counts.
+View& pressTarget(View& view) {
+  for (View* v = &view; v; v = v->superview().get()) {
+    if (v->isControl() || !v->gestureRecognizers().empty() ||
+        dynamic_cast<TableViewCell*>(v)) {
+      return *v;
+    }
+  }
+  return view;
 }
 
 }  // namespace
@@ -259,7 +272,7 @@ PointerAnswer HostWindow::pointerUp(Point point) {
   if (!finite(point)) {
     NSLog("HostWindow: a pointer release at a point that is not finite cancels the press");
     s.window->touchCancel();
-  } else if (!onScreen(*pressed).contains(point)) {
+  } else if (!onScreen(pressTarget(*pressed)).contains(point)) {
     // Released away from what was pressed: like a finger sliding off a row.
     s.window->touchCancel();
   } else {
