@@ -23,3 +23,7 @@ endif()
 if(QUORVIA_BUILD_BENCH)
   find_package(benchmark REQUIRED)
 endif()
+if(QUORVIA_BUILD_EXAMPLES OR QUORVIA_BUILD_TESTS)
+  # The desktop host example (and its windowed test) are built when SDL2 is there.
+  find_package(SDL2 CONFIG QUIET)
+endif()

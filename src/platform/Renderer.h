@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "quorvia/export.h"
+#include "quorvia/platform/HostWindow.h"
 #include "quorvia/platform/Window.h"
 
 namespace quorvia::platform {
@@ -35,6 +36,10 @@ class QUORVIA_EXPORT Renderer final {
   static RenderedImage render(Window& window);
   /// Renders and writes a PNG; false when the file cannot be written.
   static bool writePNG(Window& window, const std::filesystem::path& path);
+  /// Draws `window` into a host's buffer (HostWindow.h gives its format),
+  /// only inside `damage` (pixels): those pixels are cleared and redrawn,
+  /// every other one is left as it is. The buffer must be valid.
+  static void paint(Window& window, const PixelBuffer& buffer, const std::vector<PixelRect>& damage);
 };
 
 }  // namespace quorvia::platform

@@ -4,9 +4,11 @@
 #include <fcntl.h>
 #include <mosquitto.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -107,6 +109,16 @@ bool MosquittoBroker::start(int port, std::string* error) {
 void MosquittoBroker::stop() {
   if (pid_ > 0) {
     ::kill(pid_, SIGTERM);
+    // SIGTERM lets it save its sessions, but an idle broker may act on it
+    // only when its loop next wakes: after a bounded wait for its exit, kill.
+    bool exited = false;
+    const int exitFd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
+    if (exitFd >= 0) {
+      pollfd exit{exitFd, POLLIN, 0};
+      exited = ::poll(&exit, 1, 10'000) == 1;
+      ::close(exitFd);
+    }
+    if (!exited) ::kill(pid_, SIGKILL);
     ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
@@ -201,7 +213,8 @@ void DeviceSubscriber::received(Delivery delivery) {
   changed_.notify_all();
 }
 
-std::vector<Delivery> DeviceSubscriber::waitFor(std::size_t count, std::chrono::milliseconds bound) {
+std::vector<Delivery> DeviceSubscriber::waitFor(std::size_t count,
+                                                std::chrono::milliseconds bound) {
   std::unique_lock lock(mu_);
   changed_.wait_for(lock, bound, [&] { return deliveries_.size() >= count; });
   return deliveries_;

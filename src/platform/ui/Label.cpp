@@ -2,6 +2,7 @@
 
 #include <pango/pangocairo.h>
 
+#include "platform/ui/ScreenSnapshot.h"
 #include "platform/ui/TextLayout.h"
 
 namespace quorvia::platform {
@@ -118,6 +119,7 @@ void Label::setText(std::string text) {
   if (text == text_) return;
   text_ = std::move(text);
   cachedWidth_ = -1;
+  detail::noteScreenChange();
 }
 
 void Label::setFont(std::string font) {

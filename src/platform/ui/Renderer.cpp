@@ -58,8 +58,9 @@ class Painter {
   Painter(const Painter&) = delete;
   Painter& operator=(const Painter&) = delete;
 
-  void draw(View& view) {
-    const double alpha = view.presentationAlpha();
+  /// `inherited`: the alpha of ancestors that were not drawn as a group.
+  void draw(View& view, double inherited = 1) {
+    const double alpha = view.presentationAlpha() * inherited;
     if (view.isHidden() || alpha <= 0) return;
     const Rect frame = view.presentationFrame();
     const Rect bounds{{0, 0}, frame.size};
@@ -72,16 +73,27 @@ class Painter {
       cairo_restore(cr_);
       cairo_clip(cr_);
     }
-    const bool group = alpha < 1;
+    auto* blur = dynamic_cast<BlurView*>(&view);
+    auto* label = dynamic_cast<Label*>(&view);
+    const bool fill = view.backgroundColor().alpha > 0;
+    // A translucent view needs an offscreen group only when layers of it overlap;
+    // one plain fill (a fading backdrop's tint) takes the alpha in its colour,
+    // which spares a window-sized group on every frame of a fade. Text (colour
+    // emoji ignore the source alpha) and a real blur always take a group.
+    const int layers = (blur || fill ? 1 : 0) + static_cast<int>(view.subviews().size());
+    const bool group =
+        alpha < 1 && (layers > 1 || (label && !label->text().empty()) || (blur && drawn_));
+    const double own = group ? 1 : alpha;
     if (group) cairo_push_group(cr_);
-    if (auto* blur = dynamic_cast<BlurView*>(&view)) drawBlur(*blur, bounds);
-    if (view.backgroundColor().alpha > 0) {
-      setColor(cr_, view.backgroundColor());
+    if (blur) drawBlur(*blur, bounds, own);
+    if (fill) {
+      setColor(cr_, view.backgroundColor().colorWithAlphaComponent(view.backgroundColor().alpha * own));
       cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
       cairo_fill(cr_);
+      drawn_ = true;
     }
-    if (auto* label = dynamic_cast<Label*>(&view)) drawText(*label, bounds);
-    for (const auto& sub : view.subviews()) draw(*sub);
+    if (label) drawText(*label, bounds);
+    for (const auto& sub : view.subviews()) draw(*sub, own);
     if (group) {
       cairo_pop_group_to_source(cr_);
       cairo_paint_with_alpha(cr_, alpha);
@@ -92,6 +104,7 @@ class Painter {
  private:
   void drawText(Label& label, const Rect& bounds) {
     if (label.text().empty()) return;
+    drawn_ = true;
     pango_cairo_update_context(cr_, text_);
     PangoLayout* layout = detail::makeTextLayout(text_, label.text(), label.font(),
                                                  bounds.width(), label.textAlignment());
@@ -106,7 +119,15 @@ class Painter {
 
   // Blurs what is already drawn behind the view by shrinking it and stretching
   // it back with bilinear filtering, then tints it by the style.
-  void drawBlur(const BlurView& view, const Rect& bounds) {
+  void drawBlur(const BlurView& view, const Rect& bounds, double alpha) {
+    // Nothing drawn yet in this pass: behind the blur is the cleared, transparent
+    // buffer (a host's layer), and a blur of nothing is nothing; only the tint shows.
+    const bool anythingBehind = drawn_;
+    drawn_ = true;
+    if (!anythingBehind) {
+      tint(view, bounds, alpha);
+      return;
+    }
     double x0 = 0, y0 = 0, x1 = bounds.width(), y1 = bounds.height();
     cairo_user_to_device(cr_, &x0, &y0);
     cairo_user_to_device(cr_, &x1, &y1);
@@ -145,8 +166,12 @@ class Painter {
     cairo_fill(cr_);
     cairo_restore(cr_);
     cairo_surface_destroy(small);
+    tint(view, bounds, alpha);
+  }
 
-    setColor(cr_, view.style() == BlurEffectStyle::kDark ? kDarkBlurTint : kLightBlurTint);
+  void tint(const BlurView& view, const Rect& bounds, double alpha) {
+    const Color& color = view.style() == BlurEffectStyle::kDark ? kDarkBlurTint : kLightBlurTint;
+    setColor(cr_, color.colorWithAlphaComponent(color.alpha * alpha));
     cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
     cairo_fill(cr_);
   }
@@ -168,6 +193,7 @@ class Painter {
   cairo_surface_t* target_;
   cairo_t* cr_;
   PangoContext* text_;
+  bool drawn_ = false;  // whether anything was drawn yet in this pass
 };
 
 cairo_surface_t* renderSurface(Window& window) {
@@ -201,6 +227,30 @@ cairo_surface_t* renderSurface(Window& window) {
 }
 
 }  // namespace
+
+void Renderer::paint(Window& window, const PixelBuffer& buffer,
+                     const std::vector<PixelRect>& damage) {
+  if (damage.empty()) return;
+  window.layoutIfNeeded();
+  cairo_surface_t* surface = cairo_image_surface_create_for_data(
+      buffer.pixels, CAIRO_FORMAT_ARGB32, buffer.width, buffer.height, buffer.stride);
+  cairo_t* cr = cairo_create(surface);
+  for (const auto& r : damage) cairo_rectangle(cr, r.x, r.y, r.width, r.height);
+  cairo_clip(cr);
+  cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
+  cairo_paint(cr);
+  cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
+  const double scale = window.scale() > 0 ? window.scale() : 1;
+  cairo_scale(cr, scale, scale);
+  {
+    Painter painter(surface, cr);
+    cairo_translate(cr, -window.presentationFrame().x(), -window.presentationFrame().y());
+    painter.draw(window);
+  }
+  cairo_destroy(cr);
+  cairo_surface_flush(surface);
+  cairo_surface_destroy(surface);
+}
 
 RenderedImage Renderer::render(Window& window) {
   cairo_surface_t* surface = renderSurface(window);

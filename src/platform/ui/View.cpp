@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/ui/AnimationContext.h"
+#include "platform/ui/ScreenSnapshot.h"
 #include "platform/Animation.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Window.h"
@@ -37,6 +38,7 @@ void View::setFrame(Rect frame) {
   }
   const Size oldSize = frame_.size;
   frame_ = frame;
+  detail::noteScreenChange();
   if (oldSize != frame.size) {
     applyAutoresizing(oldSize);
     layoutSubviews();
@@ -60,6 +62,7 @@ void View::setAlpha(double alpha) {
     alphaAnimation_ = Animation{{}, presentationAlpha(), detail::mainClockSeconds(), duration};
   }
   alpha_ = alpha;
+  detail::noteScreenChange();
 }
 
 double View::presentationAlpha() const {
@@ -82,6 +85,7 @@ void View::addSubview(const std::shared_ptr<View>& view) {
   keep->removeFromSuperview();
   keep->superview_ = weak_from_this();
   subviews_.push_back(keep);
+  detail::noteScreenChange();
   if (keep->pins_) layoutSubviews();
 }
 
@@ -93,6 +97,7 @@ void View::removeFromSuperview() {
   siblings.erase(std::remove_if(siblings.begin(), siblings.end(),
                                 [this](const auto& v) { return v.get() == this; }),
                  siblings.end());
+  detail::noteScreenChange();
 }
 
 std::shared_ptr<Window> View::window() {
@@ -192,10 +197,12 @@ void View::addGestureRecognizer(const std::shared_ptr<TapGestureRecognizer>& rec
 }
 
 std::shared_ptr<View> View::hitTest(Point point) {
-  if (hidden_ || !userInteractionEnabled_ || alpha_ < 0.01) return nullptr;
-  if (!bounds().contains(point)) return nullptr;
+  // What is on screen takes the touch: mid-animation that is the presented
+  // frame and alpha, not the values the animation moves towards.
+  if (hidden_ || !userInteractionEnabled_ || presentationAlpha() < 0.01) return nullptr;
+  if (!Rect{{0, 0}, presentationFrame().size}.contains(point)) return nullptr;
   for (auto it = subviews_.rbegin(); it != subviews_.rend(); ++it) {
-    const Rect f = (*it)->frame_;
+    const Rect f = (*it)->presentationFrame();
     if (auto hit = (*it)->hitTest(Point{point.x - f.x(), point.y - f.y()})) return hit;
   }
   return shared_from_this();

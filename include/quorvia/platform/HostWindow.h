@@ -1,0 +1,137 @@
+#pragma once
+/// \file
+/// Showing the SDK's banner in a desktop application's own window. The host
+/// owns the window, its pixels and its event loop; the SDK is a transparent
+/// layer over the host's content, like an off-screen browser view:
+///
+///   1. Make one HostWindow at start-up, before the SDK starts, with the
+///      window's size in points and its scale; call setSize() when the window
+///      resizes and setFocused() when it gains or loses focus.
+///   2. Give it a repaint callback; when it fires, call paint() with the
+///      host's pixel buffer and composite that buffer over the host's content.
+///   3. Forward pointer events; when an answer is kPassed, handle the event
+///      yourself.
+///   4. Drive platform::mainRunLoop() from the host's loop (RunLoop.h:
+///      wakeFileDescriptor(), timeUntilNextTimer(), drainOnce()).
+///
+/// Threading: every member runs on the main thread, the one that drives
+/// platform::mainRunLoop(); the repaint callback is called there too.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/Geometry.h"
+
+namespace quorvia::platform {
+
+class Window;
+
+/// A rectangle in the host's buffer, in whole pixels.
+struct PixelRect {
+  int x = 0;
+  int y = 0;
+  int width = 0;
+  int height = 0;
+  bool operator==(const PixelRect&) const = default;
+};
+
+/// The host's pixel buffer. Pixels are premultiplied by alpha, 4 bytes each,
+/// in the byte order B, G, R, A in memory (a native 32-bit 0xAARRGGBB word on
+/// a little-endian machine: Cairo's ARGB32, SDL's ARGB8888, GL's BGRA with
+/// UNSIGNED_INT_8_8_8_8_REV). Rows run from the top, `stride` bytes apart.
+/// The buffer stays the host's; the SDK writes into it only during paint().
+struct PixelBuffer {
+  std::uint8_t* pixels = nullptr;
+  int width = 0;
+  int height = 0;
+  /// Bytes from one row to the next: at least width * 4, a multiple of 4.
+  int stride = 0;
+};
+
+/// Whether the SDK took a pointer event or left it to the host.
+enum class PointerAnswer {
+  /// The event fell on the banner or its backdrop (or continues a press that
+  /// began there): the host must not act on it.
+  kTaken,
+  /// The SDK draws nothing there: the host handles the event.
+  kPassed,
+};
+
+/// The key window of the SDK, embedded in a host window. One per process.
+class QUORVIA_EXPORT HostWindow final {
+ public:
+  /// Called on the main thread when something the SDK draws changed (a banner
+  /// shown, hidden or touched, an animation frame due): the host should call
+  /// paint() soon. Called at most once between two paint() calls.
+  using RepaintCallback = std::function<void()>;
+
+  /// Makes the key window `size` points large at `scale` pixels per point.
+  /// Make it before the SDK's first call, so the banner takes this window's
+  /// width. A size or scale that is not finite and positive, or a window
+  /// larger than 16384 pixels on a side, is logged and replaced by the
+  /// platform's default (375 x 667 points at scale 2).
+  HostWindow(Size size, double scale);
+  /// Detaches the repaint callback. The key window stays.
+  ~HostWindow();
+  HostWindow(const HostWindow&) = delete;
+  HostWindow& operator=(const HostWindow&) = delete;
+
+  /// The host's window changed size or moved to a screen of another scale.
+  /// The whole buffer is repainted next. Bad values are logged and ignored.
+  void setSize(Size size, double scale);
+  /// The key window's size in points, as last set.
+  Size size() const;
+  /// Pixels per point, as last set.
+  double scale() const;
+  /// The buffer width paint() expects: size().width * scale(), rounded.
+  int pixelWidth() const;
+  /// The buffer height paint() expects: size().height * scale(), rounded.
+  int pixelHeight() const;
+
+  /// Installs the host's repaint callback (null removes it). It is called
+  /// once at once when something is waiting to be painted.
+  void setRepaintCallback(RepaintCallback callback);
+  /// Whether paint() would draw anything now.
+  bool needsPaint() const;
+  /// Draws what changed since the last paint() into `buffer` and returns the
+  /// damaged rectangles, in pixels, clipped to the buffer; empty when nothing
+  /// changed, and then no pixel was touched. Outside the damage the buffer
+  /// must still hold what earlier paints left there; a buffer of a new size
+  /// (or a call of invalidate()) is painted whole. Where the SDK draws nothing
+  /// the pixels are transparent (all four bytes 0). A buffer with no pixels
+  /// or a bad stride is logged and left alone.
+  std::vector<PixelRect> paint(const PixelBuffer& buffer);
+  /// Makes the next paint() draw the whole buffer (e.g. after the host lost
+  /// its copy of the pixels).
+  void invalidate();
+
+  /// Pointer events, in points from the window's top-left corner. A press
+  /// that begins on the banner or its backdrop is the SDK's until it ends:
+  /// moves, the release and a cancel of that press are taken. Hit testing
+  /// uses what is on screen now, mid-animation included. A release over
+  /// another view than the one pressed cancels the press. Coordinates that
+  /// are not finite are logged and passed.
+  PointerAnswer pointerDown(Point point);
+  PointerAnswer pointerMove(Point point);
+  PointerAnswer pointerUp(Point point);
+  /// The system took the pointer away (e.g. the window lost it).
+  PointerAnswer pointerCancel();
+
+  /// The host's window gained or lost focus: the application becomes active
+  /// (the SDK then fetches pending polls) or resigns active. The notification
+  /// is posted on the main queue; a repeated report of the same state posts
+  /// nothing.
+  void setFocused(bool focused);
+
+  /// The key window, for hosts that inspect the view tree. Never null.
+  std::shared_ptr<Window> window() const;
+
+ private:
+  struct State;
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace quorvia::platform

@@ -1,0 +1,321 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "quorvia/platform/HostWindow.h"
+#include "quorvia/platform/NotificationCenter.h"
+#include "sdk/SDKState.h"
+#include "support/PlatformTest.h"
+#include "ui/BannerTestSupport.h"
+
+namespace quorvia {
+namespace {
+
+using platform::HostWindow;
+using platform::PixelRect;
+using platform::Point;
+using platform::PointerAnswer;
+using platform::Rect;
+
+constexpr PointerAnswer kTaken = PointerAnswer::kTaken;
+constexpr PointerAnswer kPassed = PointerAnswer::kPassed;
+
+class HostWindowTest : public testing::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    host_ = std::make_unique<HostWindow>(platform::Size{375, 667}, 2);
+    pixels_.assign(static_cast<std::size_t>(750) * 1334 * 4, 0);
+  }
+  void TearDown() override {
+    host_.reset();
+    PlatformTest::TearDown();
+  }
+  std::vector<PixelRect> paint() { return host_->paint({pixels_.data(), 750, 1334, 750 * 4}); }
+  // B, G, R, A of the pixel under a point.
+  std::array<std::uint8_t, 4> at(double x, double y) const {
+    const auto* p =
+        &pixels_[(static_cast<std::size_t>(y * 2) * 750 + static_cast<std::size_t>(x * 2)) * 4];
+    return {p[0], p[1], p[2], p[3]};
+  }
+  std::shared_ptr<QVNotificationView> present(const std::string& question = "Coffee?") {
+    const auto poll = testing::pollDict(question, {{"Yes", ""}, {"No", ""}});
+    return sdk::SDKState::shared().banner->presentPollWithPollDict(&poll);
+  }
+  // The centre of the question row, on screen once the slide is over.
+  Point card(QVNotificationView& view) {
+    auto row = testing::cellAt<QVNotificationTextCell>(view, 0, 1);
+    return testing::centerInWindow(*row);
+  }
+
+  std::unique_ptr<HostWindow> host_;
+  std::vector<std::uint8_t> pixels_;
+};
+
+TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
+  const PixelRect whole{0, 0, 750, 1334};
+  const PixelRect spot{200, 400, 20, 20};  // a 10 x 10 point view at 100, 200
+  struct Case {
+    const char* name;
+    std::function<void(platform::View& spot, HostWindow& host)> change;
+    std::vector<PixelRect> damage;
+  };
+  const std::vector<Case> cases = {
+      {"nothing changed", [](auto&, auto&) {}, {}},
+      {"a colour",
+       [](auto& v, auto&) {
+         v.setBackgroundColor(platform::Color{1, 0, 0, 1});
+       },
+       {spot}},
+      {"a move: the new place and the old",
+       [](auto& v, auto&) { v.setFrame(Rect::make(110, 200, 10, 10)); },
+       {{220, 400, 20, 20}, spot}},
+      {"a removal", [](auto& v, auto&) { v.removeFromSuperview(); }, {spot}},
+      {"a fade", [](auto& v, auto&) { v.setAlpha(0.5); }, {spot}},
+      {"a resize repaints all",
+       [](auto&, auto& h) {
+         h.setSize({375, 667}, 2);
+       },
+       {whole}},
+      {"invalidate repaints all", [](auto&, auto& h) { h.invalidate(); }, {whole}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto view = platform::View::make(Rect::make(100, 200, 10, 10));
+    view->setBackgroundColor(platform::Color::whiteColor());
+    host_->window()->addSubview(view);
+    paint();
+    EXPECT_TRUE(paint().empty());
+    c.change(*view, *host_);
+    drain();
+    std::fill(pixels_.begin(), pixels_.end(), std::uint8_t{0x7f});
+    EXPECT_EQ(paint(), c.damage);
+    // Outside the damage not one byte was written.
+    const bool all = !c.damage.empty() && c.damage[0] == whole;
+    EXPECT_EQ(at(5, 5)[3], all ? 0 : 0x7f);
+    view->removeFromSuperview();
+    paint();
+  }
+}
+
+TEST_F(HostWindowTest, TransparentWhereTheSdkDrawsNothing) {
+  ASSERT_TRUE(present());
+  advance(0.3);
+  drain();
+  paint();
+  struct Case {
+    const char* name;
+    Point point;
+    std::array<std::uint8_t, 4> bgra;
+  };
+  const Case cases[] = {
+      {"above the banner", {187, 10}, {0, 0, 0, 0}},
+      {"the margin beside the card", {5, 100}, {0, 0, 0, 0}},
+      {"a rounded corner", {10.5, 28.5}, {0, 0, 0, 0}},
+      {"inside the card", {30, 40}, {255, 255, 255, 255}},
+      {"below the card, inside the banner's frame", {187, 300}, {0, 0, 0, 0}},
+      {"below the banner", {187, 600}, {0, 0, 0, 0}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(at(c.point.x, c.point.y), c.bgra);
+  }
+}
+
+TEST_F(HostWindowTest, ExpandedBackdropLetsTheHostShowThroughItsTint) {
+  for (bool reduce : {false, true}) {
+    SCOPED_TRACE(reduce ? "reduce transparency: black at 0.5" : "dark blur: its tint");
+    env_->setReduceTransparency(reduce);
+    auto view = present();
+    ASSERT_TRUE(view);
+    advance(0.3);
+    sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
+    advance(0.2);
+    drain();
+    paint();
+    // Premultiplied B, G, R, A: the dark tint (0.07, 0.07, 0.08 at 0.62), or black at 0.5.
+    const std::array<int, 4> expected =
+        reduce ? std::array<int, 4>{0, 0, 0, 128} : std::array<int, 4>{13, 11, 11, 158};
+    const auto pixel = at(187, 600);
+    for (int i = 0; i < 4; ++i) EXPECT_NEAR(pixel[i], expected[i], 1) << i;
+    sdk::SDKState::shared().banner->hideNotificationView(view);
+    advance(0.3);
+  }
+}
+
+TEST_F(HostWindowTest, HitTestsWhatIsOnScreenDuringTheSlide) {
+  ASSERT_TRUE(present());
+  struct Case {
+    double elapsed;  // seconds since the slide began
+    Point point;
+    PointerAnswer answer;
+  };
+  // Half way the banner is on screen from y -205 to 125; its model frame is 20...350.
+  const Case cases[] = {
+      {0, {187, 100}, kPassed},     // still above the window
+      {0.15, {187, 100}, kTaken},   // on screen, above the model frame's middle
+      {0.15, {187, 300}, kPassed},  // inside the model frame only
+      {0.3, {187, 300}, kTaken},    // arrived: the whole 330-point frame
+      {0.3, {187, 360}, kPassed},   // below it
+  };
+  double now = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.elapsed);
+    advance(c.elapsed - now);
+    now = c.elapsed;
+    EXPECT_EQ(host_->pointerMove(c.point), c.answer);
+  }
+}
+
+TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  struct Step {
+    char kind;  // d(own) m(ove) u(p) c(ancel)
+    Point point;
+    PointerAnswer answer;
+  };
+  struct Case {
+    const char* name;
+    bool banner;
+    bool onCard;  // then step points are offsets from the question row's centre
+    std::vector<Step> steps;
+    bool expanded;
+  };
+  const Point host{187, 600};
+  const std::vector<Case> cases = {
+      {"before any banner, everything is the host's",
+       false,
+       false,
+       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}},
+       false},
+      {"a click on the host beside a banner",
+       true,
+       false,
+       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}},
+       false},
+      {"a tap on the card expands it",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'m', {0, 500}, kTaken}, {'u', {}, kTaken}},
+       true},
+      {"a press on the card released on the host cancels",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'u', {0, 500}, kTaken}},
+       false},
+      {"released elsewhere on the same row, still a tap",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'u', {165, 0}, kTaken}},  // off the label, on the row
+       true},
+      {"a cancelled press",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}},
+       false},
+      {"coordinates that are not numbers",
+       true,
+       false,
+       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}},
+       false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::shared_ptr<QVNotificationView> view;
+    if (c.banner) {
+      view = present();
+      ASSERT_TRUE(view);
+      advance(0.3);
+    }
+    for (const auto& step : c.steps) {
+      Point p = step.point;
+      if (c.onCard) p = {card(*view).x + p.x, card(*view).y + p.y};
+      const PointerAnswer answer = step.kind == 'd'   ? host_->pointerDown(p)
+                                   : step.kind == 'm' ? host_->pointerMove(p)
+                                   : step.kind == 'u' ? host_->pointerUp(p)
+                                                      : host_->pointerCancel();
+      EXPECT_EQ(answer, step.answer) << step.kind;
+    }
+    if (view) {
+      EXPECT_EQ(view->showOptions(), c.expanded);
+      sdk::SDKState::shared().banner->hideNotificationView(view);
+      advance(0.3);
+    }
+  }
+  EXPECT_TRUE(log_.contains("HostWindow: ignoring a pointer press at a point that is not finite"));
+}
+
+TEST_F(HostWindowTest, RepaintIsAskedForOnlyWhileSomethingChanges) {
+  int asked = 0;
+  host_->setRepaintCallback([&] {
+    ++asked;
+    paint();  // a host that paints at once
+  });
+  drain();
+  EXPECT_EQ(asked, 1);  // the first picture
+  auto view = present();
+  ASSERT_TRUE(view);
+  advance(0.35);
+  // The slide at 60 frames per second; the first frames fall above the window.
+  EXPECT_GE(asked, 12);
+  EXPECT_LE(asked, 22);
+  asked = 0;
+  advance(10);
+  EXPECT_EQ(asked, 0);  // a shown banner, idle: no repaint and no timer
+  EXPECT_EQ(loop_->pendingTasks(), 0u);
+  EXPECT_EQ(host_->pointerDown(card(*view)), kTaken);
+  EXPECT_EQ(host_->pointerUp(card(*view)), kTaken);
+  advance(0.25);
+  EXPECT_GE(asked, 10);  // the expansion's fade
+}
+
+TEST_F(HostWindowTest, FocusPostsTheActivityNotificationsOnChangesOnly) {
+  std::vector<std::string> posted;
+  auto& center = platform::NotificationCenter::defaultCenter();
+  for (const char* name : {platform::UIApplicationDidBecomeActiveNotification,
+                           platform::UIApplicationWillResignActiveNotification}) {
+    center.addObserver(name, [&](std::string_view n) { posted.emplace_back(n); });
+  }
+  struct Case {
+    bool focused;
+    std::vector<std::string> posted;
+  };
+  const Case cases[] = {
+      {true, {"UIApplicationDidBecomeActiveNotification"}},   {true, {}},
+      {false, {"UIApplicationWillResignActiveNotification"}}, {false, {}},
+      {true, {"UIApplicationDidBecomeActiveNotification"}},
+  };
+  for (const auto& c : cases) {
+    posted.clear();
+    host_->setFocused(c.focused);
+    EXPECT_TRUE(posted.empty());  // posted on the main queue, not inside the call
+    drain();
+    EXPECT_EQ(posted, c.posted) << c.focused;
+  }
+}
+
+TEST_F(HostWindowTest, BadSizesAndBuffersAreLoggedAndRefused) {
+  const double inf = std::numeric_limits<double>::infinity();
+  for (auto [w, h, scale] : {std::tuple{0.0, 667.0, 2.0},
+                             {375.0, -1.0, 2.0},
+                             {inf, 667.0, 2.0},
+                             {375.0, 667.0, std::nan("")},
+                             {1e6, 1e6, 2.0}}) {
+    host_->setSize({w, h}, scale);
+    EXPECT_EQ(host_->pixelWidth(), 750);
+    EXPECT_EQ(host_->pixelHeight(), 1334);
+  }
+  EXPECT_TRUE(host_->paint({nullptr, 750, 1334, 3000}).empty());
+  EXPECT_TRUE(host_->paint({pixels_.data(), 750, 1334, 2999}).empty());
+  EXPECT_TRUE(host_->paint({pixels_.data(), 750, 1334, 1000}).empty());
+  EXPECT_TRUE(host_->paint({pixels_.data(), 0, 1334, 3000}).empty());
+  EXPECT_GE(log_.lines().size(), 9u);
+}
+
+}  // namespace
+}  // namespace quorvia
