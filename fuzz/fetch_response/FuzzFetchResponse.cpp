@@ -21,8 +21,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     // The fetch completion's guard drops these.
   }
   platform::mainRunLoop().advance(platform::seconds(1));
-  if (auto self = QuorviaSDK::sharedInstance(); self->presentedPollView()) {
-    self->hideNotificationView(self->presentedPollView());
+  if (auto& banner = *sdk::SDKState::shared().banner; banner.presentedPollView()) {
+    banner.hideNotificationView(banner.presentedPollView());
     platform::mainRunLoop().advance(platform::seconds(1));
   }
   return 0;

@@ -5,6 +5,7 @@
 
 #include "../FuzzSupport.h"
 #include "quorvia/QuorviaSDK.h"
+#include "sdk/SDKState.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;
@@ -13,8 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!payload) return 0;
   QuorviaSDK::handleRemoteNotification(*payload);
   platform::mainRunLoop().advance(platform::seconds(1));
-  if (auto self = QuorviaSDK::sharedInstance(); self->presentedPollView()) {
-    self->hideNotificationView(self->presentedPollView());
+  if (auto& banner = *sdk::SDKState::shared().banner; banner.presentedPollView()) {
+    banner.hideNotificationView(banner.presentedPollView());
     platform::mainRunLoop().advance(platform::seconds(1));
   }
   return 0;

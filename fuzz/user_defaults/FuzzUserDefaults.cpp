@@ -25,12 +25,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
     out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
   }
-  platform::UserDefaults defaults(file);
-  (void)defaults.dictionaryForKey(SimpleNetworking::kStoredCacheLoadKey);
-  if (const auto value = defaults.objectForKey(SimpleNetworking::kStoredCacheSaveKey)) {
+  auto defaults = platform::makeFileUserDefaults(file);
+  (void)defaults->dictionaryForKey(SimpleNetworking::kStoredCacheLoadKey);
+  if (const auto value = defaults->objectForKey(SimpleNetworking::kStoredCacheSaveKey)) {
     (void)platform::describe(*value);
   }
-  defaults.setObject(platform::Value{{"k", 1}}, "fuzz");
-  (void)defaults.synchronize();
+  defaults->setObject(platform::Value{{"k", 1}}, "fuzz");
+  (void)defaults->synchronize();
   return 0;
 }
