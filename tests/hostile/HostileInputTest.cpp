@@ -1,17 +1,22 @@
 // Input from outside that once steered, dropped or reported what it should
-// not: ids that climb the service's paths, an action without a payload, and
-// malformed polls that must be dropped without a word.
+// not: ids that climb the service's paths, an action without a payload,
+// malformed polls that must be dropped without a word; and the thread a
+// completion's captures die on.
 #include <gtest/gtest.h>
 
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "networking/SimpleNetworking.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/ApplicationDelegate.h"
 #include "quorvia/platform/Runtime.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
+#include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {
@@ -110,6 +115,59 @@ TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
   drain();
   EXPECT_EQ(log_.lines(), std::vector<std::string>{});
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+}
+
+}  // namespace
+}  // namespace quorvia
+
+namespace quorvia {
+namespace {
+
+// Records the thread of every destruction of a copy that still holds its
+// resource; a moved-from copy holds nothing and records nothing.
+class Probe {
+ public:
+  struct Record {
+    std::mutex mu;
+    std::vector<std::thread::id> destroyedOn;
+  };
+  explicit Probe(std::shared_ptr<Record> record) : record_(std::move(record)) {}
+  Probe(const Probe& other) : record_(other.record_) {}
+  Probe(Probe&& other) noexcept : record_(std::move(other.record_)) {}
+  Probe& operator=(const Probe&) = delete;
+  ~Probe() {
+    if (!record_) return;
+    std::lock_guard lock(record_->mu);
+    record_->destroyedOn.push_back(std::this_thread::get_id());
+  }
+
+ private:
+  std::shared_ptr<Record> record_;
+};
+
+class CompletionLifetimeTest : public testing::PlatformTest {};
+
+// A completion handler and everything it captured die on the main queue,
+// never on the transport's thread, whether the request was answered or failed.
+TEST_F(CompletionLifetimeTest, CapturesDieOnTheMainQueue) {
+  for (const auto behaviour :
+       {testing::LoopbackServer::Behaviour::kAnswer, testing::LoopbackServer::Behaviour::kRefuse}) {
+    testing::LoopbackServer server(behaviour);
+    auto record = std::make_shared<Probe::Record>();
+    constexpr int kRequests = 20;
+    int done = 0;
+    for (int i = 0; i < kRequests; ++i) {
+      SimpleNetworking::getJsonCachelessFromURL(
+          server.url("/probe"), std::nullopt,
+          [&done, probe = Probe(record)](auto, auto) { ++done; });
+    }
+    ASSERT_TRUE(loop_->runUntil([&] { return done == kRequests; }, platform::seconds(30)));
+    drain();
+    std::lock_guard lock(record->mu);
+    for (const auto& thread : record->destroyedOn) {
+      EXPECT_EQ(thread, std::this_thread::get_id()) << "a capture died off the main queue";
+    }
+  }
 }
 
 }  // namespace
