@@ -121,9 +121,10 @@ class QUORVIA_EXPORT HostWindow final {
   PointerAnswer pointerCancel();
 
   /// The host's window gained or lost focus: the application becomes active
-  /// (the SDK then fetches pending polls) or resigns active. The notification
-  /// is posted on the main queue; a repeated report of the same state posts
-  /// nothing.
+  /// (the SDK then fetches pending polls) or resigns active, through
+  /// Application::setActive() on the main queue; while it is not active, a
+  /// pushed poll also shows as a desktop notification. A repeated report of
+  /// the same state changes nothing.
   void setFocused(bool focused);
 
   /// The key window, for hosts that inspect the view tree. Never null.

@@ -294,11 +294,9 @@ PointerAnswer HostWindow::pointerCancel() {
 void HostWindow::setFocused(bool focused) {
   if (state_->focused == focused) return;
   state_->focused = focused;
-  dispatch_async([focused] {
-    NotificationCenter::defaultCenter().postNotificationName(
-        focused ? UIApplicationDidBecomeActiveNotification
-                : UIApplicationWillResignActiveNotification);
-  });
+  // The application's activity decides whether a push shows a desktop
+  // notification; it posts the became-active / resign-active notifications.
+  dispatch_async([focused] { Application::sharedApplication().setActive(focused); });
 }
 
 std::shared_ptr<Window> HostWindow::window() const { return state_->window; }
