@@ -50,14 +50,21 @@ cmake --build --preset dev -j "$(nproc)" --target quorvia-devserver quorvia-sim 
   fail "the build failed"
 devserver=$root/build/dev/tools/devserver/quorvia-devserver
 sim=$root/build/dev/tools/sim/quorvia-sim
+host=""
+# The desktop host is built where SDL2 is found (scripts/setup.sh installs it).
+if cmake --build --preset dev -j "$(nproc)" --target quorvia-desktop-host >/dev/null 2>&1; then
+  host=$root/build/dev/examples/quorvia-desktop-host
+fi
 
 step "running the demo: broker, poll service and host simulator on loopback"
-rm -f "$png_dir"/banner-*.png "$png_dir"/fetched-*.png
+rm -f "$png_dir"/banner-*.png "$png_dir"/fetched-*.png "$png_dir"/window-*.png
 mkdir -p "$png_dir"
-python3 -u scripts/demo_driver.py --devserver "$devserver" --sim "$sim" --work "$work" \
-  --png-dir "$png_dir" || fail "the demo did not go as expected"
+python3 -u scripts/demo_driver.py --devserver "$devserver" --sim "$sim" --host "$host" \
+  --work "$work" --png-dir "$png_dir" || fail "the demo did not go as expected"
 
 step "done"
 echo "pushed poll, collapsed:  $png_dir/banner-collapsed.png"
 echo "pushed poll, expanded:   $png_dir/banner-expanded.png"
 echo "fetched poll, expanded:  $png_dir/fetched-expanded.png"
+[ -f "$png_dir/window-expanded.png" ] &&
+  echo "the real window:         $png_dir/window-collapsed.png, $png_dir/window-expanded.png"

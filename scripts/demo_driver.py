@@ -5,7 +5,11 @@ the banner; a second one is fetched when the app becomes active and answered
 too. Every step is printed as it happens and checked; any failure ends the run
 with a message and exit status 1.
 
-    demo_driver.py --devserver PATH --sim PATH --work DIR --png-dir DIR
+    demo_driver.py --devserver PATH --sim PATH --host PATH --work DIR --png-dir DIR
+
+With --host, a third poll is pushed to the desktop host in a real window: on a
+machine with a display a person clicks it; without one it runs under Xvfb and
+xdotool clicks the card and an option where the host says the banner is.
 """
 import argparse
 import json
@@ -169,6 +173,118 @@ def answer_banner(sim, png_dir, stem, option):
         check(os.path.exists(path) and os.path.getsize(path) > 10000, "wrote " + path)
 
 
+class Host:
+    """The desktop host as a child; its stdout and stderr lines are kept and waited on."""
+
+    def __init__(self, command, env):
+        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                        env=env, text=True)
+        self.lines = queue.Queue()
+        for stream in (self.process.stdout, self.process.stderr):
+            threading.Thread(target=self._read, args=(stream,), daemon=True).start()
+
+    def _read(self, stream):
+        for line in stream:
+            self.lines.put(line.rstrip("\n"))
+
+    def wait_for(self, what, matches, seconds=WAIT, quiet=False):
+        deadline = time.monotonic() + seconds
+        while time.monotonic() < deadline:
+            try:
+                line = self.lines.get(timeout=max(0.0, deadline - time.monotonic()))
+            except queue.Empty:
+                break
+            if not quiet and not line.startswith("frames "):
+                print("  host:", line, flush=True)
+            if matches(line):
+                return line
+        raise DemoFailed(f"no {what} from the desktop host within {seconds:.0f} s")
+
+
+def frames_of(line):
+    """The banner's and rows' on-screen boxes (x, y, w, h) and the backdrop's alpha."""
+    frames = {"rows": [], "backdrop": 0.0}
+    for word in line.split():
+        key, _, value = word.partition("=")
+        if key == "banner":
+            frames["banner"] = [float(v) for v in value.split(",")]
+        elif key == "rows":
+            frames["rows"] = [[float(v) for v in row.split(",")] for row in value.split(";") if row]
+        elif key == "backdrop":
+            frames["backdrop"] = float(value)
+    return frames
+
+
+def screenshot(display, path):
+    subprocess.run(["import", "-display", display, "-window", "root", path], check=True,
+                   timeout=WAIT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+
+def click(display, box):
+    x, y = int(box[0] + box[2] / 2), int(box[1] + box[3] / 2)
+    subprocess.run(["xdotool", "mousemove", "--sync", str(x), str(y), "click", "1"], check=True,
+                   timeout=WAIT, env=dict(os.environ, DISPLAY=display))
+
+
+def real_window(args, service, broker_url, base, children):
+    display = os.environ.get("DISPLAY")
+    person = bool(display)
+    if not person:
+        step("the same in a real window: the desktop host under Xvfb (no display here)")
+        read_fd, write_fd = os.pipe()
+        xvfb = subprocess.Popen(["Xvfb", "-displayfd", str(write_fd), "-screen", "0", "375x667x24",
+                                 "-nolisten", "tcp"], pass_fds=[write_fd],
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        children.append(xvfb)
+        os.close(write_fd)
+        with os.fdopen(read_fd) as numbers:
+            number = numbers.readline().strip()
+        if not number:
+            raise DemoFailed("Xvfb did not start (scripts/setup.sh installs it)")
+        display = ":" + number
+        print(f"  Xvfb on display {display} (pid {xvfb.pid})")
+    else:
+        step(f"the same in a real window: the desktop host on your display {display}")
+    env = dict(os.environ, DISPLAY=display, QUORVIA_SERVICE_BASE_URL=base,
+               QUORVIA_PUSH_BROKER=broker_url, XDG_DATA_HOME=os.path.join(args.work, "host-home"))
+    if not person:
+        env.update(SDL_VIDEODRIVER="x11", SDL_RENDER_DRIVER="software")
+    host = Host([args.host, "--print-frames", "--app-token", APP_TOKEN + "-desktop",
+                 "--data-dir", os.path.join(args.work, "host-data")], env)
+    children.append(host.process)
+    host.wait_for("a window", lambda l: l.startswith("host: ready"))
+    host.wait_for("a registration", lambda l: "Successfully registered device push token." in l)
+
+    poll = service.call("POST", "/admin/polls", {
+        "app_token": APP_TOKEN + "-desktop", "question": "Tea or coffee?",
+        "options": [{"text": "Tea"}, {"text": "Coffee"}]})
+    sent = service.call("POST", f"/admin/polls/{poll['id']}/push", {})
+    check(sent.get("sent", 0) >= 1, "the service pushed the poll to the desktop host")
+    collapsed = frames_of(host.wait_for(
+        "the banner", lambda l: l.startswith("frames ") and frames_of(l).get("banner", [0, 0])[1] == 20
+        and len(frames_of(l)["rows"]) == 2, quiet=True))
+    check(True, "the banner slid into the window")
+    shots = {}
+    if person:
+        print("  Click the card, then an option, in the window.", flush=True)
+        host.wait_for("a reply", lambda l: "QuorviaSDK: Successfuly sent reply: " in l, seconds=300)
+    else:
+        shots["collapsed"] = os.path.join(args.png_dir, "window-collapsed.png")
+        screenshot(display, shots["collapsed"])
+        click(display, collapsed["rows"][1])
+        expanded = frames_of(host.wait_for(
+            "the expanded banner", lambda l: l.startswith("frames ") and len(frames_of(l)["rows"]) == 4
+            and frames_of(l)["backdrop"] == 1, quiet=True))
+        check(True, "clicking the card expanded it")
+        shots["expanded"] = os.path.join(args.png_dir, "window-expanded.png")
+        screenshot(display, shots["expanded"])
+        click(display, expanded["rows"][3])  # "Coffee"
+        host.wait_for("the reply", lambda l: "QuorviaSDK: Successfuly sent reply: Coffee" in l)
+    for name, path in shots.items():
+        check(os.path.exists(path) and os.path.getsize(path) > 1000, f"saved the {name} window: {path}")
+    return poll, ("Coffee" if not person else None)
+
+
 def replies_of(service, poll_id):
     return service.call("GET", f"/admin/polls/{poll_id}/replies")["replies"]
 
@@ -239,10 +355,19 @@ def run(args):
         answer_banner(sim, args.png_dir, "fetched", 1)
         sim.quit()
 
+        window_poll, window_answer = (None, None)
+        if args.host:
+            window_poll, window_answer = real_window(args, service, broker_url, base, children)
+        else:
+            step("the real window is skipped: the desktop host was not built (SDL2 missing)")
+
         step("replies recorded by the service")
         expected = {pushed["id"]: "👍 Loved it", fetched["id"]: "🍵 Tea"}
+        if window_poll and window_answer:
+            expected[window_poll["id"]] = window_answer
+        recorded = {}
         for poll_id, text in expected.items():
-            replies = replies_of(service, poll_id)
+            replies = recorded[poll_id] = replies_of(service, poll_id)
             for r in replies:
                 d = r["device"]
                 print("  poll %s, reply %d at %s: %s  (push token %s, user info %s)" % (
@@ -251,7 +376,7 @@ def run(args):
             check(len(replies) == 1 and replies[0]["reply_text"] == text,
                   f"the service recorded {json.dumps(text, ensure_ascii=False)} for poll {poll_id}")
         # A form body carries the dictionary's description, as the service receives it.
-        check("Demo user" in json.dumps(replies[0]["device"]["user_info"]),
+        check("Demo user" in json.dumps(recorded[pushed["id"]][0]["device"]["user_info"]),
               "the service keeps the user info the host sent")
     finally:
         for child in reversed(children):
@@ -268,6 +393,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     for name in ("--devserver", "--sim", "--work", "--png-dir"):
         parser.add_argument(name, required=True)
+    parser.add_argument("--host", default="", help="the desktop host; without it the window part is skipped")
     args = parser.parse_args()
     try:
         run(args)
