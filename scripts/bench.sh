@@ -14,7 +14,8 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
-benches=(startup_bench idle_bench networking_bench push_bench keychain_bench ui_bench memory_bench)
+benches=(startup_bench idle_bench networking_bench push_bench devserver_bench keychain_bench ui_bench
+  host_window_bench memory_bench)
 out=build/release/bench
 echo "== build (release)" >&2
 cmake --preset release >/dev/null
@@ -115,6 +116,19 @@ rows.append(("push: publish to delegate, p99", "push_bench",
              "n/a" if p99 is None else f"{p99:.3f} ms",
              "n/a" if p99 is None else f"p50 {push.get('p50_ms', 0):.3f} ms",
              "n/a" if p99 is None else ("yes" if p99 < 20 else "NO")))
+t = us("BM_PushOnePollToTenThousandDevices")
+row("push fan-out: one poll to 10,000 devices", "devserver_bench", t, fmt_time(t), "-", 2e6)
+for name, label in (("BM_SlideInFrames", "window: slide-in frame, p99"),
+                    ("BM_ExpandFrames", "window: expand frame, p99")):
+    frames = runs.get(name, {})
+    p99 = frames.get("p99_ms")
+    rows.append((label, "host_window_bench", "n/a" if p99 is None else f"{p99:.2f} ms",
+                 "n/a" if p99 is None else f"p50 {frames.get('p50_ms', 0):.2f} ms",
+                 "n/a" if p99 is None else ("yes" if p99 < 4 else "NO")))
+idle_paints = runs.get("BM_IdleShownBannerRepaints", {}).get("repaints")
+rows.append(("window: repaints of an idle shown banner", "host_window_bench",
+             "n/a" if idle_paints is None else f"{idle_paints:.0f}", "-",
+             "n/a" if idle_paints is None else ("yes" if idle_paints == 0 else "NO")))
 t = us("BM_GetJsonCachedHit")
 row("cached hit", "networking_bench", t, fmt_time(t), f"raw libcurl {fmt_time(raw)}", 5)
 sq = us("BM_RawSQLitePointRead")
@@ -150,6 +164,10 @@ targets = {
     "CPU while a request waits (silent server)": "-",
     "idle started SDK: wake-ups per second": "0",
     "push: publish to delegate, p99": "< 20 ms",
+    "push fan-out: one poll to 10,000 devices": "< 2 s",
+    "window: slide-in frame, p99": "< 4 ms",
+    "window: expand frame, p99": "< 4 ms",
+    "window: repaints of an idle shown banner": "0",
     "cached hit": "< 5 µs",
     "keychain read (passwordForService)": "< 10 µs",
     "keychain durable save": "-",
