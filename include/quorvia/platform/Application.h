@@ -1,7 +1,10 @@
 #pragma once
 /// \file
-/// The application object (UIApplication) as a desktop stand-in: it records
-/// what it was asked so that hosts, tests and the simulator can observe it.
+/// The application object (UIApplication). A host sets its application
+/// delegate and key window here, reports the user's answer to a permission
+/// request (setCurrentUserNotificationSettings) and its window's focus
+/// (setActive), and may decide how URLs are opened. It also records what the
+/// SDK asked of it, which the simulator and tests observe.
 
 #include <cstdint>
 #include <functional>
