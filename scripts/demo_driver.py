@@ -16,6 +16,7 @@ import json
 import os
 import queue
 import secrets
+import shutil
 import signal
 import socket
 import subprocess
@@ -226,6 +227,92 @@ def click(display, box):
                    timeout=WAIT, env=dict(os.environ, DISPLAY=display))
 
 
+BUS_CONFIG = """<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:dir={dir}</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+"""
+
+
+class NotificationService:
+    """A private session bus with the demo's notification service on it."""
+
+    def __init__(self, work, children):
+        self.address = None
+        system_python = "/usr/bin/python3"
+        if subprocess.run([system_python, "-c", "import gi"], capture_output=True).returncode:
+            self.missing = "the system's python3 has no python3-gi"
+            return
+        config = os.path.join(work, "bus.conf")
+        with open(config, "w") as f:
+            f.write(BUS_CONFIG.format(dir=work))
+        bus = subprocess.Popen(["dbus-daemon", f"--config-file={config}", "--nofork",
+                                "--print-address=1"], stdout=subprocess.PIPE, text=True)
+        children.append(bus)
+        self.address = bus.stdout.readline().strip()
+        self.process = subprocess.Popen(
+            [system_python, os.path.join(os.path.dirname(__file__), "notification_service.py"),
+             "--address", self.address], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        children.append(self.process)
+        self.notes = queue.Queue()
+        threading.Thread(target=self._read, daemon=True).start()
+        if not self.next("the notification service").get("ready"):
+            raise DemoFailed("the notification service did not start")
+
+    def _read(self):
+        for line in self.process.stdout:
+            self.notes.put(json.loads(line))
+
+    def next(self, what):
+        try:
+            return self.notes.get(timeout=WAIT)
+        except queue.Empty:
+            raise DemoFailed(f"no {what} within {WAIT} s")
+
+    def press(self, notification_id, key):
+        self.process.stdin.write(f"invoke {notification_id} {key}\n")
+        self.process.stdin.flush()
+
+
+def notification_act(service, host, bus, person, display):
+    step("a poll answered from a desktop notification's button")
+    if not person:
+        # The window has the focus since it was clicked: give it to the root
+        # window, so that the app is in the background, as for a bubble.
+        env = dict(os.environ, DISPLAY=display)
+        root = subprocess.run(["xdotool", "search", "--maxdepth", "0", "--name", ""], env=env,
+                              capture_output=True, text=True, timeout=WAIT).stdout.split()
+        if root:
+            subprocess.run(["xdotool", "windowfocus", "--sync", root[0]], env=env, timeout=WAIT)
+        host.wait_for("the window losing the focus", lambda l: l == "host: focus lost")
+    poll = service.call("POST", "/admin/polls", {
+        "app_token": APP_TOKEN + "-desktop", "question": "Was this demo clear?", "category": "Yes.No",
+        "options": [{"text": "Yes"}, {"text": "No"}]})
+    service.call("POST", f"/admin/polls/{poll['id']}/push", {})
+    if person:
+        print("  Press Yes or No on the notification bubble (the window must not have the focus).",
+              flush=True)
+        line = host.wait_for("a reply", lambda l: "QuorviaSDK: Successfuly sent reply: " in l,
+                             seconds=300)
+        return poll, line.rsplit(": ", 1)[1]
+    note = bus.next("a notification")
+    print(f"  bubble: {json.dumps(note, ensure_ascii=False)}", flush=True)
+    check(note["body"] == "Was this demo clear?", "the bubble shows the alert text")
+    check(note["actions"][:4] == ["Yes", "Yes", "No", "No"] and "default" in note["actions"],
+          "the bubble has the category's buttons, Yes then No, and the default action")
+    bus.press(note["id"], "Yes")
+    host.wait_for("the reply", lambda l: "QuorviaSDK: Successfuly sent reply: Yes" in l)
+    return poll, "Yes"
+
+
 def real_window(args, service, broker_url, base, children):
     display = os.environ.get("DISPLAY")
     person = bool(display)
@@ -247,8 +334,16 @@ def real_window(args, service, broker_url, base, children):
         step(f"the same in a real window: the desktop host on your display {display}")
     env = dict(os.environ, DISPLAY=display, QUORVIA_SERVICE_BASE_URL=base,
                QUORVIA_PUSH_BROKER=broker_url, XDG_DATA_HOME=os.path.join(args.work, "host-home"))
+    bus = None
     if not person:
         env.update(SDL_VIDEODRIVER="x11", SDL_RENDER_DRIVER="software")
+        if shutil.which("dbus-daemon"):
+            bus = NotificationService(args.work, children)
+            if bus.address:
+                env["DBUS_SESSION_BUS_ADDRESS"] = bus.address
+            else:
+                print(f"  (notifications will be skipped: {bus.missing})")
+                bus = None
     host = Host([args.host, "--print-frames", "--app-token", APP_TOKEN + "-desktop",
                  "--data-dir", os.path.join(args.work, "host-data")], env)
     children.append(host.process)
@@ -282,7 +377,14 @@ def real_window(args, service, broker_url, base, children):
         host.wait_for("the reply", lambda l: "QuorviaSDK: Successfuly sent reply: Coffee" in l)
     for name, path in shots.items():
         check(os.path.exists(path) and os.path.getsize(path) > 1000, f"saved the {name} window: {path}")
-    return poll, ("Coffee" if not person else None)
+    answers = {poll["id"]: "Coffee"} if not person else {}
+    if bus or (person and os.environ.get("DBUS_SESSION_BUS_ADDRESS")):
+        notified, answer = notification_act(service, host, bus, person, display)
+        answers[notified["id"]] = answer
+    else:
+        step("a poll answered from a desktop notification: SKIPPED, no notification service "
+             "(dbus-daemon and the system's python3-gi are needed)")
+    return answers
 
 
 def replies_of(service, poll_id):
@@ -355,16 +457,15 @@ def run(args):
         answer_banner(sim, args.png_dir, "fetched", 1)
         sim.quit()
 
-        window_poll, window_answer = (None, None)
+        window_answers = {}
         if args.host:
-            window_poll, window_answer = real_window(args, service, broker_url, base, children)
+            window_answers = real_window(args, service, broker_url, base, children)
         else:
             step("the real window is skipped: the desktop host was not built (SDL2 missing)")
 
         step("replies recorded by the service")
         expected = {pushed["id"]: "👍 Loved it", fetched["id"]: "🍵 Tea"}
-        if window_poll and window_answer:
-            expected[window_poll["id"]] = window_answer
+        expected.update(window_answers)
         recorded = {}
         for poll_id, text in expected.items():
             replies = recorded[poll_id] = replies_of(service, poll_id)

@@ -304,6 +304,15 @@ int main(int argc, char** argv) {
   auto& app = platform::Application::sharedApplication();
   app.setDelegate(makeAppDelegate());
   QuorviaSDK::initWithAppToken(options.appToken, std::nullopt, /*swizzling=*/true);
+  // A desktop asks nobody for permission: what the app registers (alerts and
+  // the SDK's six answer categories) is what the user allows. An empty set,
+  // not none, so that the SDK's categories are merged into it.
+  app.setCurrentUserNotificationSettings(platform::NotificationSettings::settingsForTypes(
+      platform::kUserNotificationTypeNone, platform::CategorySet{}));
+  QuorviaSDK::askUserForPushPermissions();
+  if (const auto asked = app.registeredUserNotificationSettings(); !asked.empty()) {
+    app.setCurrentUserNotificationSettings(asked.back());
+  }
 
   const Uint32 queueEvent = SDL_RegisterEvents(1);
   QueueWaker waker(queueEvent);
