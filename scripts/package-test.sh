@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Installs quorvia into a temporary prefix and builds and runs a small host
 # (tests/packaging/consumer) against it, once with find_package(quorvia) and
-# once with pkg-config.
+# once with pkg-config. Each run registers with a local poll service, sees its
+# poll presented as a banner and answers it; the service must record the
+# answers. The service is $QUORVIA_DEVSERVER, else the dev build's.
 #   scripts/package-test.sh            a static libquorvia (the default build)
 #   scripts/package-test.sh --shared   a shared libquorvia
 # The library is built from a copy of the tree that is deleted before the host
@@ -17,7 +19,13 @@ case "${1:-}" in
 esac
 
 work="$(mktemp -d "${TMPDIR:-/tmp}/quorvia-package-XXXXXX")"
-trap 'rm -rf "$work"' EXIT
+server_pid=""
+trap '[ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null; rm -rf "$work"' EXIT
+devserver="${QUORVIA_DEVSERVER:-$root/build/dev/tools/devserver/quorvia-devserver}"
+[ -x "$devserver" ] || {
+  echo "package-test: no quorvia-devserver at $devserver (build the dev preset or set QUORVIA_DEVSERVER)"
+  exit 1
+}
 prefix="$work/prefix"
 jobs="${QUORVIA_PACKAGE_JOBS:-2}"
 # The copy lives in a new directory each run; relative paths let ccache reuse
@@ -63,16 +71,42 @@ fi
 [ "$status" -eq 0 ] || exit 1
 echo "ok"
 
+echo "== a local poll service with one poll"
+admin=$(od -An -N16 -tx1 /dev/urandom | tr -d ' \n')
+"$devserver" --port 0 --db "$work/devserver.sqlite3" --admin-token "$admin" >"$work/server.log" 2>&1 &
+server_pid=$!
+listening=""
+for _ in $(seq 200); do  # at most 20 s
+  listening=$(grep -m1 -o 'listening on http://127.0.0.1:[0-9]*' "$work/server.log" || true)
+  [ -n "$listening" ] && break
+  kill -0 "$server_pid" 2>/dev/null || break
+  sleep 0.1
+done
+[ -n "$listening" ] || { cat "$work/server.log"; echo "the poll service did not start"; exit 1; }
+base=${listening#listening on }
+poll=$(curl -sS --fail-with-body -X POST "$base/admin/polls" -H "X-Quorvia-Admin-Token: $admin" \
+  -H 'Content-Type: application/json' \
+  -d '{"app_token":"consumer-app-token","question":"Installed?","options":[{"text":"Yes"},{"text":"No"}]}')
+poll_id=$(printf '%s' "$poll" | grep -o '"id":[0-9]*' | head -1 | cut -d: -f2)
+[ -n "$poll_id" ] || { echo "could not create the poll: $poll"; exit 1; }
+echo "service $base, poll $poll_id"
+
 consumer="$root/tests/packaging/consumer"
 echo "== host with find_package(quorvia)"
 cmake -S "$consumer" -B "$work/cmake-host" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cmake-host" >/dev/null
-LD_LIBRARY_PATH="$libdir" "$work/cmake-host/quorvia_consumer" | grep -v '^log:'
+LD_LIBRARY_PATH="$libdir" "$work/cmake-host/quorvia_consumer" "$base" "$poll_id" | grep -v '^log:'
 
 echo "== host with pkg-config"
 pcflags=(--cflags --libs)
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 c++ -std=c++20 -o "$work/pc-host" "$consumer/main.cpp" $(pkg-config "${pcflags[@]}" quorvia)
-LD_LIBRARY_PATH="$libdir" "$work/pc-host" | grep -v '^log:'
+LD_LIBRARY_PATH="$libdir" "$work/pc-host" "$base" "$poll_id" | grep -v '^log:'
+
+echo "== replies the service recorded"
+replies=$(curl -sS --fail-with-body -H "X-Quorvia-Admin-Token: $admin" "$base/admin/polls/$poll_id/replies")
+echo "$replies"
+[ "$(printf '%s' "$replies" | grep -o '"reply_text":"Yes"' | wc -l)" -eq 2 ] ||
+  { echo "the service did not record both answers"; exit 1; }
 echo "== packaging passed"

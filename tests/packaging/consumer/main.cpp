@@ -1,10 +1,11 @@
-// A host built against an installed quorvia: starts the SDK without
-// interception, hands it a pushed poll, and exits 0 once the banner (built
-// from the installed layout files) is on screen. No service is needed: the
-// start-up fetch goes to a closed loopback port and fails.
-//   quorvia_consumer
+// A host built against an installed quorvia, as a new user builds one, run
+// against a real poll service: it starts the SDK without interception,
+// registers a device token, becomes active, sees the service's poll presented
+// as a banner (built from the installed layout files) and answers it.
+//   quorvia_consumer SERVICE_URL POLL_ID
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/Environment.h"
 #include "quorvia/platform/RunLoop.h"
 
@@ -49,26 +51,44 @@ int fail(const std::string& why) {
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc != 3) return fail("usage: quorvia_consumer SERVICE_URL POLL_ID");
   if (QuorviaSDK::version() != QUORVIA_VERSION) return fail("library and headers disagree");
-  ::setenv("QUORVIA_SERVICE_BASE_URL", "http://127.0.0.1:9", 1);
-  const auto data = std::filesystem::temp_directory_path() /
-                    ("quorvia-consumer-" + std::to_string(::getpid()));
-  auto env = std::make_shared<ConsumerEnvironment>(
-      platform::makeDesktopEnvironment({"quorvia-consumer", data, platform::RunLoop::Clock::kReal,
-                                        /*push=*/false}));
+  ::setenv("QUORVIA_SERVICE_BASE_URL", argv[1], 1);
+  const auto data =
+      std::filesystem::temp_directory_path() / ("quorvia-consumer-" + std::to_string(::getpid()));
+  auto env = std::make_shared<ConsumerEnvironment>(platform::makeDesktopEnvironment(
+      {"quorvia-consumer", data, platform::RunLoop::Clock::kReal, /*push=*/false,
+       /*notifications=*/false}));
   platform::installEnvironment(env);
+  auto& loop = platform::mainRunLoop();
+  const auto waitFor = [&](const std::string& line) {
+    return loop.runUntil([&] { return env->logged(line); }, platform::seconds(20));
+  };
 
   QuorviaSDK::initWithAppToken("consumer-app-token", std::nullopt, /*swizzling=*/false);
-  QuorviaSDK::handleRemoteNotification(platform::Value{
-      {"poll", {{"id", 1}, {"question", "Installed?"}, {"options", {{{"text", "Yes"}}}}}}});
-  platform::mainRunLoop().runFor(platform::seconds(0.5));  // the slide-in
-  std::filesystem::remove_all(data);
-  if (!env->logged("QuorviaSDK: Presenting poll: Installed?")) return fail("no banner presented");
-  if (env->logged("QuorviaSDK: Could not load the poll banner's layout files; the poll is not "
-                  "shown.")) {
-    return fail("the installed layout files were not found");
+  // Without interception the host hands the SDK its device token itself; one
+  // of its own per run, as each run is a device of its own.
+  platform::Bytes token(32, 0xC5);
+  for (int i = 0, pid = ::getpid(); i < 4; ++i)
+    token[i] = static_cast<std::uint8_t>(pid >> (8 * i));
+  QuorviaSDK::setDeviceToken(token);
+  const bool registered = waitFor("QuorviaSDK: Successfully registered device push token.");
+  platform::Application::sharedApplication().setActive(true);  // the window got the focus
+  const bool presented = registered && waitFor("QuorviaSDK: Presenting poll: Installed?");
+  loop.runFor(platform::seconds(0.5));  // the slide-in
+  const bool laidOut = !env->logged(
+      "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown.");
+  if (presented && laidOut) {
+    QuorviaSDK::handleActionWithIdentifier("Yes",
+                                           platform::Value{{"poll", {{"id", std::atoi(argv[2])}}}});
   }
-  std::printf("banner shown\n");
+  const bool replied = presented && laidOut && waitFor("QuorviaSDK: Successfuly sent reply: Yes");
+  std::filesystem::remove_all(data);
+  if (!registered) return fail("the device did not register");
+  if (!presented) return fail("no banner presented from the fetched poll");
+  if (!laidOut) return fail("the installed layout files were not found");
+  if (!replied) return fail("the reply was not sent");
+  std::printf("banner shown from a fetched poll, reply sent\n");
   return 0;
 }
