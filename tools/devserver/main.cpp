@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 
+#include "../CommandLine.h"
 #include "AccessToken.h"
 #include "DevServer.h"
 #include "PushSender.h"
@@ -41,22 +42,6 @@ fs::path defaultDatabase() {
     base = fs::temp_directory_path();
   }
   return base / "quorvia" / "devserver" / "devserver.sqlite3";
-}
-
-// CLI11's own exit codes are not the conventional 2 for a usage error, and its messages do not
-// name the program.
-int parseArguments(CLI::App& app, int argc, char** argv, bool& exit) {
-  exit = true;
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::Success& e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError& e) {
-    std::fprintf(stderr, "%s: %s\nRun with --help for the options.\n", kProgram, e.what());
-    return 2;
-  }
-  exit = false;
-  return 0;
 }
 
 // `quorvia-devserver push`: one payload file to one device.
@@ -200,7 +185,7 @@ int main(int argc, char** argv) {
       ->required();
   push->add_option("--broker", brokerUrl, "MQTT broker, as for the server");
   bool exit = false;
-  if (int code = parseArguments(app, argc, argv, exit); exit) return code;
+  if (int code = quorvia::tools::parseArguments(app, argc, argv, kProgram, exit); exit) return code;
 
   std::optional<quorvia::devserver::BrokerAddress> broker =
       quorvia::devserver::BrokerAddress::parse(brokerUrl);

@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "../CommandLine.h"
 #include "EventWriter.h"
 #include "LineFeed.h"
 #include "Simulator.h"
@@ -78,13 +79,9 @@ int main(int argc, char** argv) {
                  "default the working directory");
   app.add_flag("--strict", strict,
                "Exit 1 when any command was refused (an \"error\" event was written)");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::Success& e) {
-    return app.exit(e);
-  } catch (const CLI::ParseError& e) {
-    std::fprintf(stderr, "%s: %s\nRun with --help for the options.\n", kProgram, e.what());
-    return 2;
+  bool exit = false;
+  if (const int code = quorvia::tools::parseArguments(app, argc, argv, kProgram, exit); exit) {
+    return code;
   }
 
   quorvia::platform::ConfigurableEnvironment::install(

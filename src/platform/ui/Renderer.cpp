@@ -7,9 +7,9 @@
 #include <cmath>
 #include <memory>
 
-#include "platform/ui/TextLayout.h"
 #include "platform/BlurView.h"
 #include "platform/Label.h"
+#include "platform/ui/TextLayout.h"
 
 namespace quorvia::platform {
 namespace {
@@ -20,7 +20,9 @@ constexpr double kBlurDownscale = 12;
 constexpr Color kDarkBlurTint{0.07, 0.07, 0.08, 0.62};
 constexpr Color kLightBlurTint{0.97, 0.97, 0.97, 0.6};
 
-void setColor(cairo_t* cr, const Color& c) { cairo_set_source_rgba(cr, c.red, c.green, c.blue, c.alpha); }
+void setColor(cairo_t* cr, const Color& c) {
+  cairo_set_source_rgba(cr, c.red, c.green, c.blue, c.alpha);
+}
 
 void roundedPath(cairo_t* cr, const BezierPath& path) {
   const Rect& r = path.rect;
@@ -87,7 +89,8 @@ class Painter {
     if (group) cairo_push_group(cr_);
     if (blur) drawBlur(*blur, bounds, own);
     if (fill) {
-      setColor(cr_, view.backgroundColor().colorWithAlphaComponent(view.backgroundColor().alpha * own));
+      setColor(cr_,
+               view.backgroundColor().colorWithAlphaComponent(view.backgroundColor().alpha * own));
       cairo_rectangle(cr_, 0, 0, bounds.width(), bounds.height());
       cairo_fill(cr_);
       drawn_ = true;
@@ -106,8 +109,8 @@ class Painter {
     if (label.text().empty()) return;
     drawn_ = true;
     pango_cairo_update_context(cr_, text_);
-    PangoLayout* layout = detail::makeTextLayout(text_, label.text(), label.font(),
-                                                 bounds.width(), label.textAlignment());
+    PangoLayout* layout = detail::makeTextLayout(text_, label.text(), label.font(), bounds.width(),
+                                                 label.textAlignment());
     int w = 0, h = 0;
     pango_layout_get_size(layout, &w, &h);
     const double textHeight = static_cast<double>(h) / PANGO_SCALE;
@@ -196,6 +199,18 @@ class Painter {
   bool drawn_ = false;  // whether anything was drawn yet in this pass
 };
 
+// Clears what `cr` may touch (its clip) and draws the window over it at its
+// own origin, whatever its frame says.
+void drawWindow(Window& window, cairo_surface_t* surface, cairo_t* cr, double scale) {
+  cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
+  cairo_paint(cr);
+  cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
+  cairo_scale(cr, scale, scale);
+  Painter painter(surface, cr);
+  cairo_translate(cr, -window.presentationFrame().x(), -window.presentationFrame().y());
+  painter.draw(window);
+}
+
 cairo_surface_t* renderSurface(Window& window) {
   window.layoutIfNeeded();
   const double scale = window.scale() > 0 ? window.scale() : 1;
@@ -211,16 +226,7 @@ cairo_surface_t* renderSurface(Window& window) {
   }
   cairo_surface_t* surface = cairo_surface_reference(cached.get());
   cairo_t* cr = cairo_create(surface);
-  cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
-  cairo_paint(cr);
-  cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
-  cairo_scale(cr, scale, scale);
-  {
-    Painter painter(surface, cr);
-    // The window is drawn at its own origin, whatever its frame says.
-    cairo_translate(cr, -window.presentationFrame().x(), -window.presentationFrame().y());
-    painter.draw(window);
-  }
+  drawWindow(window, surface, cr, scale);
   cairo_destroy(cr);
   cairo_surface_flush(surface);
   return surface;
@@ -237,16 +243,7 @@ void Renderer::paint(Window& window, const PixelBuffer& buffer,
   cairo_t* cr = cairo_create(surface);
   for (const auto& r : damage) cairo_rectangle(cr, r.x, r.y, r.width, r.height);
   cairo_clip(cr);
-  cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
-  cairo_paint(cr);
-  cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
-  const double scale = window.scale() > 0 ? window.scale() : 1;
-  cairo_scale(cr, scale, scale);
-  {
-    Painter painter(surface, cr);
-    cairo_translate(cr, -window.presentationFrame().x(), -window.presentationFrame().y());
-    painter.draw(window);
-  }
+  drawWindow(window, surface, cr, window.scale() > 0 ? window.scale() : 1);
   cairo_destroy(cr);
   cairo_surface_flush(surface);
   cairo_surface_destroy(surface);
