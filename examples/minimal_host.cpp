@@ -1,5 +1,5 @@
 // The smallest host: starts the SDK without interception, asks for push
-// permission, and shows what the SDK asked of the platform.
+// permission, and shows the notification settings the SDK registered.
 #include <cstdio>
 #include <filesystem>
 
@@ -28,7 +28,6 @@ int main() {
   platform::mainRunLoop().runFor(platform::seconds(0.2));
 
   auto& app = platform::Application::sharedApplication();
-  std::printf("remote notification registrations: %d\n", app.remoteNotificationRegistrationCount());
   for (const auto& settings : app.registeredUserNotificationSettings()) {
     std::printf("settings registered: types %u, %zu categories\n", settings.types,
                 settings.categories ? settings.categories->count() : 0);

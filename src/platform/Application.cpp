@@ -1,4 +1,4 @@
-#include "quorvia/platform/Application.h"
+#include "platform/ApplicationRecords.h"
 
 #include <mutex>
 
@@ -53,9 +53,9 @@ void Application::registerForRemoteNotifications() {
   startRemoteNotifications();
 }
 
-int Application::remoteNotificationRegistrationCount() const {
-  std::lock_guard lock(state_->mu);
-  return state_->remoteRegistrations;
+int ApplicationRecords::remoteNotificationRegistrationCount(const Application& app) {
+  std::lock_guard lock(app.state_->mu);
+  return app.state_->remoteRegistrations;
 }
 
 NotificationSettings Application::currentUserNotificationSettings() const {
@@ -93,10 +93,10 @@ std::vector<NotificationSettings> Application::registeredUserNotificationSetting
   return state_->registered;
 }
 
-void Application::setSettingsRegisteredObserver(
-    std::function<void(const NotificationSettings&)> observer) {
-  std::lock_guard lock(state_->mu);
-  state_->settingsObserver = std::move(observer);
+void ApplicationRecords::setSettingsRegisteredObserver(
+    Application& app, std::function<void(const NotificationSettings&)> observer) {
+  std::lock_guard lock(app.state_->mu);
+  app.state_->settingsObserver = std::move(observer);
 }
 
 BackgroundTaskIdentifier Application::beginBackgroundTaskWithName(std::string name,
@@ -129,29 +129,30 @@ void Application::endBackgroundTask(BackgroundTaskIdentifier identifier) {
   if (observer) observer(record, false);
 }
 
-bool Application::expireBackgroundTask(BackgroundTaskIdentifier identifier) {
+bool ApplicationRecords::expireBackgroundTask(Application& app,
+                                              BackgroundTaskIdentifier identifier) {
   Task handler;
   {
-    std::lock_guard lock(state_->mu);
-    BackgroundTaskRecord* task = state_->findTask(identifier);
+    std::lock_guard lock(app.state_->mu);
+    BackgroundTaskRecord* task = app.state_->findTask(identifier);
     if (!task || task->ended) return false;
     task->expired = true;
-    for (auto& e : state_->expiryHandlers)
+    for (auto& e : app.state_->expiryHandlers)
       if (e.first == identifier) handler = e.second;
   }
   if (handler) handler();
   return true;
 }
 
-std::vector<BackgroundTaskRecord> Application::backgroundTasks() const {
-  std::lock_guard lock(state_->mu);
-  return state_->tasks;
+std::vector<BackgroundTaskRecord> ApplicationRecords::backgroundTasks(const Application& app) {
+  std::lock_guard lock(app.state_->mu);
+  return app.state_->tasks;
 }
 
-void Application::setBackgroundTaskObserver(
-    std::function<void(const BackgroundTaskRecord&, bool)> observer) {
-  std::lock_guard lock(state_->mu);
-  state_->taskObserver = std::move(observer);
+void ApplicationRecords::setBackgroundTaskObserver(
+    Application& app, std::function<void(const BackgroundTaskRecord&, bool)> observer) {
+  std::lock_guard lock(app.state_->mu);
+  app.state_->taskObserver = std::move(observer);
 }
 
 bool Application::canOpenURL(const std::string& url) const {
@@ -187,9 +188,9 @@ void Application::setOpenURLHandler(std::function<void(const std::string&)> hand
   state_->opener = std::move(handler);
 }
 
-std::vector<std::string> Application::openedURLs() const {
-  std::lock_guard lock(state_->mu);
-  return state_->opened;
+std::vector<std::string> ApplicationRecords::openedURLs(const Application& app) {
+  std::lock_guard lock(app.state_->mu);
+  return app.state_->opened;
 }
 
 bool Application::isActive() const {

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Application.h"
+#include "platform/ApplicationRecords.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "sdk/CategoriesManager.h"
 #include "sdk/SDKState.h"
@@ -44,7 +44,7 @@ TEST_F(StartupTest, SharedInstanceIsCreatedOnceAcrossThreads) {
     threads.emplace_back([&, i] { seen[i] = QuorviaSDK::sharedInstance().get(); });
   for (auto& t : threads) t.join();
   EXPECT_EQ(std::set<QuorviaSDK*>(seen.begin(), seen.end()).size(), 1u);
-  EXPECT_EQ(app().remoteNotificationRegistrationCount(), 1);
+  EXPECT_EQ(platform::ApplicationRecords::remoteNotificationRegistrationCount(app()), 1);
   EXPECT_EQ(platform::NotificationCenter::defaultCenter().observerCount(
                 platform::UIApplicationDidBecomeActiveNotification),
             1u);

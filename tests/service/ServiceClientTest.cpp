@@ -7,7 +7,7 @@
 
 #include "keychain/LKKeychain.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Application.h"
+#include "platform/ApplicationRecords.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/LoopbackServer.h"
@@ -156,8 +156,9 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
   sdk::SDKState& state = sdk::SDKState::shared();
   auto& app = platform::Application::sharedApplication();
   int ends = 0;
-  app.setBackgroundTaskObserver(
-      [&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
+  using platform::ApplicationRecords;
+  ApplicationRecords::setBackgroundTaskObserver(
+      app, [&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     if (c.added) state.interception.mutableAddedMethods()[kResponseInfoSelector] = *c.added;
@@ -167,9 +168,9 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
     state.service->sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
     const auto task = service::PollService::currentReplyBackgroundTask();
     ASSERT_NE(task, platform::UIBackgroundTaskInvalid);
-    EXPECT_EQ(app.backgroundTasks().back().name, "MyTask");
+    EXPECT_EQ(ApplicationRecords::backgroundTasks(app).back().name, "MyTask");
     if (c.expireFirst) {
-      ASSERT_TRUE(app.expireBackgroundTask(task));
+      ASSERT_TRUE(ApplicationRecords::expireBackgroundTask(app, task));
       EXPECT_EQ(ends, 1);
     }
     ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No"));
@@ -180,10 +181,10 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
               c.handlerCalls == 1);
     EXPECT_EQ(service::PollService::currentReplyBackgroundTask(),
               platform::UIBackgroundTaskInvalid);
-    EXPECT_TRUE(app.backgroundTasks().back().ended);
+    EXPECT_TRUE(ApplicationRecords::backgroundTasks(app).back().ended);
     EXPECT_EQ(ends, 1);
   }
-  app.setBackgroundTaskObserver({});
+  ApplicationRecords::setBackgroundTaskObserver(app, {});
 }
 
 TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {

@@ -4,7 +4,7 @@
 #include "platform/Accessibility.h"
 #include "platform/BlurView.h"
 #include "quorvia/QuorviaSDK.h"
-#include "quorvia/platform/Application.h"
+#include "platform/ApplicationRecords.h"
 #include "quorvia/platform/Window.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
@@ -162,7 +162,7 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     app.setOpenURLHandler([&](const std::string&) {
       openedAfterReplyAndHide = replies().size() == repliesBefore + 1 && view->frame().y() == -330;
     });
-    const auto openedBefore = app.openedURLs().size();
+    const auto openedBefore = platform::ApplicationRecords::openedURLs(app).size();
     auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);
     ASSERT_TRUE(cell);
     window()->tap(testing::centerInWindow(*cell));
@@ -171,7 +171,8 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     ASSERT_EQ(calls.size(), repliesBefore + 1);
     EXPECT_EQ(calls.back(), "POST /polls/7/replies/ reply_text=Yes");
     EXPECT_EQ(view->frame().y(), -330);  // hiding started
-    EXPECT_EQ(app.openedURLs().size() - openedBefore, c.opened ? 1u : 0u);
+    EXPECT_EQ(platform::ApplicationRecords::openedURLs(app).size() - openedBefore,
+              c.opened ? 1u : 0u);
     EXPECT_EQ(openedAfterReplyAndHide, c.opened);
     std::vector<std::string> expected = {"QuorviaSDK: User tapped action: Yes",
                                          "QuorviaSDK: Missing user access token!"};

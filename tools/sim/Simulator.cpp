@@ -11,7 +11,7 @@
 #include "quorvia/platform/PushService.h"
 #include "quorvia/QuorviaSDK.h"
 #include "platform/Accessibility.h"
-#include "quorvia/platform/Application.h"
+#include "platform/ApplicationRecords.h"
 #include "quorvia/platform/ApplicationDelegate.h"
 #include "platform/Device.h"
 #include "platform/Log.h"
@@ -120,19 +120,23 @@ void Simulator::install() {
     events->write("log", {{"line", std::string(line)}});
   });
   auto& app = platform::Application::sharedApplication();
-  app.setSettingsRegisteredObserver([events](const platform::NotificationSettings& settings) {
-    events->write("settingsRegistered", {{"types", settings.types},
-                                         {"categories", categoryIdentifiers(settings.categories)}});
-  });
-  app.setBackgroundTaskObserver([events](const platform::BackgroundTaskRecord& task, bool began) {
-    events->write(
-        "backgroundTask",
-        {{"action", began ? "begin" : "end"}, {"name", task.name}, {"id", task.identifier}});
-  });
+  platform::ApplicationRecords::setSettingsRegisteredObserver(
+      app, [events](const platform::NotificationSettings& settings) {
+        events->write(
+            "settingsRegistered",
+            {{"types", settings.types}, {"categories", categoryIdentifiers(settings.categories)}});
+      });
+  platform::ApplicationRecords::setBackgroundTaskObserver(
+      app, [events](const platform::BackgroundTaskRecord& task, bool began) {
+        events->write(
+            "backgroundTask",
+            {{"action", began ? "begin" : "end"}, {"name", task.name}, {"id", task.identifier}});
+      });
   app.setOpenURLHandler([events](const std::string& url) {
     events->write("openURL", {{"url", url}});
   });
-  remoteNotificationRequests_ = app.remoteNotificationRegistrationCount();
+  remoteNotificationRequests_ =
+      platform::ApplicationRecords::remoteNotificationRegistrationCount(app);
   // With a broker named, the device registers and pushes arrive by themselves; without one,
   // the deviceToken and push commands stand in for the push service.
   if (const char* broker = std::getenv("QUORVIA_PUSH_BROKER"); broker && *broker) {
@@ -162,8 +166,8 @@ bool Simulator::execute(std::string_view line) {
 }
 
 void Simulator::reportPlatformRequests() {
-  const int requests =
-      platform::Application::sharedApplication().remoteNotificationRegistrationCount();
+  const int requests = platform::ApplicationRecords::remoteNotificationRegistrationCount(
+      platform::Application::sharedApplication());
   for (; remoteNotificationRequests_ < requests; ++remoteNotificationRequests_) {
     events_->write("remoteNotificationsRequested");
   }
@@ -278,11 +282,11 @@ void Simulator::expireBackgroundTask(const Json& command) {
   if (id) {
     task = id->get<platform::BackgroundTaskIdentifier>();
   } else {
-    for (const auto& record : app.backgroundTasks()) {
+    for (const auto& record : platform::ApplicationRecords::backgroundTasks(app)) {
       if (!record.ended && !record.expired) task = record.identifier;
     }
   }
-  if (task == platform::UIBackgroundTaskInvalid || !app.expireBackgroundTask(task)) {
+  if (task == platform::UIBackgroundTaskInvalid || !platform::ApplicationRecords::expireBackgroundTask(app, task)) {
     throw CommandError("no such background task is running");
   }
 }

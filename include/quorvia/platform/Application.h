@@ -3,8 +3,7 @@
 /// The application object (UIApplication). A host sets its application
 /// delegate and key window here, reports the user's answer to a permission
 /// request (setCurrentUserNotificationSettings) and its window's focus
-/// (setActive), and may decide how URLs are opened. It also records what the
-/// SDK asked of it, which the simulator and tests observe.
+/// (setActive), and may decide how URLs are opened.
 
 #include <cstdint>
 #include <functional>
@@ -26,14 +25,6 @@ using BackgroundTaskIdentifier = std::uint64_t;
 /// The identifier that names no background task.
 inline constexpr BackgroundTaskIdentifier UIBackgroundTaskInvalid = 0;
 
-/// What the application was asked about one background task.
-struct BackgroundTaskRecord {
-  BackgroundTaskIdentifier identifier = UIBackgroundTaskInvalid;
-  std::string name;
-  bool ended = false;
-  bool expired = false;
-};
-
 /// Process-wide application object. Every member is thread-safe; callbacks
 /// (expiry handlers, observers) are called without the internal lock held.
 class QUORVIA_EXPORT Application final {
@@ -50,7 +41,6 @@ class QUORVIA_EXPORT Application final {
   /// Asks for a push token; the request is counted. The token comes back
   /// through the application delegate, which the host or simulator drives.
   void registerForRemoteNotifications();
-  int remoteNotificationRegistrationCount() const;
 
   // Notification settings.
   NotificationSettings currentUserNotificationSettings() const;
@@ -63,21 +53,12 @@ class QUORVIA_EXPORT Application final {
   /// are not changed here: the host reports the user's answer.
   void registerUserNotificationSettings(NotificationSettings settings);
   std::vector<NotificationSettings> registeredUserNotificationSettings() const;
-  /// Called (on the calling thread) after each registration is recorded.
-  void setSettingsRegisteredObserver(std::function<void(const NotificationSettings&)> observer);
 
   // Background tasks.
   /// Begins a named task and returns its identifier (never UIBackgroundTaskInvalid).
   BackgroundTaskIdentifier beginBackgroundTaskWithName(std::string name, Task expirationHandler);
   /// Ends a task; ending an unknown or already ended task is ignored.
   void endBackgroundTask(BackgroundTaskIdentifier identifier);
-  /// Test/simulator side: the platform's time for `identifier` ran out; its
-  /// expiry handler runs now, on the calling thread. False when no such live task.
-  bool expireBackgroundTask(BackgroundTaskIdentifier identifier);
-  std::vector<BackgroundTaskRecord> backgroundTasks() const;
-  /// Called after each begin and end, with the record as it now stands.
-  void setBackgroundTaskObserver(
-      std::function<void(const BackgroundTaskRecord&, bool began)> observer);
 
   // Opening URLs.
   /// Whether some handler can open `url`. Default: URLs whose scheme is http,
@@ -87,7 +68,6 @@ class QUORVIA_EXPORT Application final {
   /// Hands the URL to the host's opener (default: none, the URL is only recorded).
   void openURL(const std::string& url);
   void setOpenURLHandler(std::function<void(const std::string& url)> handler);
-  std::vector<std::string> openedURLs() const;
 
   // Activity.
   /// Whether the app is in front of the user: its window has the focus. A
@@ -111,6 +91,7 @@ class QUORVIA_EXPORT Application final {
   void setDelegate(std::shared_ptr<Object> delegate);
 
  private:
+  friend class ApplicationRecords;  // what the simulator observes; not part of a host's API
   struct State;
   std::unique_ptr<State> state_;
 };
