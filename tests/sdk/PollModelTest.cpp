@@ -15,12 +15,10 @@ using platform::Value;
 class PollModelTest : public testing::PlatformTest {};
 
 TEST_F(PollModelTest, FactoryStoresValuesAsTheyStand) {
-  const Value dict = {
+  const auto poll = QVModelPoll::objectWithDictionary(Value{
       {"id", 7},
       {"question", "Lunch?"},
-      {"options",
-       Value::array({{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}})}};
-  const auto poll = QVModelPoll::objectWithDictionary(dict);
+      {"options", {{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}}}});
   EXPECT_EQ(poll->objectId(), Value(7)) << "a numeric id stays a number";
   EXPECT_EQ(poll->question(), Value("Lunch?"));
   ASSERT_EQ(poll->options().size(), 2u);
@@ -30,43 +28,44 @@ TEST_F(PollModelTest, FactoryStoresValuesAsTheyStand) {
   EXPECT_TRUE(log_.lines().empty());
 }
 
-TEST_F(PollModelTest, MissingPiecesAreNotErrors) {
+// Missing pieces give a poll (a missing id writes a line); malformed shapes
+// raise, not swallowed: each caller decides whether to write a line.
+TEST_F(PollModelTest, MissingPiecesAreNotErrorsButBadShapesRaise) {
   struct Case {
     const char* name;
     std::optional<Value> dict;
-    int nilIdLines;
-    std::size_t options;
+    bool raises;
+    int nilIdLines = 0;
+    std::size_t options = 0;
   };
+  const auto withOptions = [&](Value options) { return Value{{"id", 1}, {"options", options}}; };
   const Case cases[] = {
-      {"no id", Value{{"question", "Q"}, {"options", Value::array()}}, 1, 0},
-      {"no options", Value{{"id", "p1"}}, 0, 0},
-      {"null id is a value", Value{{"id", nullptr}}, 0, 0},
-      {"options dictionary without entries", Value{{"id", 1}, {"options", Value::object()}}, 0, 0},
-      {"option without text", Value{{"id", 1}, {"options", Value::array({Value::object()})}}, 0, 1},
-      {"nil dictionary", std::nullopt, 1, 0},
+      {"no id", Value{{"question", "Q"}, {"options", Value::array()}}, false, 1},
+      {"no options", Value{{"id", "p1"}}, false},
+      {"null id is a value", Value{{"id", nullptr}}, false},
+      {"options dictionary without entries", withOptions(Value::object()), false},
+      {"option without text", withOptions(Value::array({Value::object()})), false, 0, 1},
+      {"nil dictionary", std::nullopt, false, 1},
+      {"a poll that is a string", Value("poll"), true},
+      {"a poll that is an array", Value::array({1, 2}), true},
+      {"a poll that is null", Value(nullptr), true},
+      {"options as a string", withOptions("Yes,No"), true},
+      {"options null", withOptions(nullptr), true},
+      {"an option that is a string", withOptions(Value::array({"Yes"})), true},
+      {"options a single option", withOptions(Value{{"text", "Yes"}}), true},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     log_.clear();
-    const auto poll = QVModelPoll::objectWithDictionary(c.dict ? &*c.dict : nullptr);
-    ASSERT_NE(poll, nullptr) << c.name;
-    EXPECT_EQ(log_.count("nil id"), c.nilIdLines) << c.name;
-    EXPECT_EQ(poll->options().size(), c.options) << c.name;
-  }
-}
-
-// Raised, not swallowed: each caller decides whether to write a line.
-TEST_F(PollModelTest, MalformedShapesRaise) {
-  const Value cases[] = {
-      Value("a poll that is a string"),
-      Value::array({1, 2}),
-      Value(nullptr),
-      Value{{"id", 1}, {"options", "Yes,No"}},
-      Value{{"id", 1}, {"options", nullptr}},
-      Value{{"id", 1}, {"options", Value::array({"Yes"})}},
-      Value{{"id", 1}, {"options", Value{{"text", "Yes"}}}},
-  };
-  for (const auto& dict : cases) {
-    EXPECT_THROW(QVModelPoll::objectWithDictionary(dict), platform::Exception) << dict.dump();
+    const Value* dict = c.dict ? &*c.dict : nullptr;
+    if (c.raises) {
+      EXPECT_THROW(QVModelPoll::objectWithDictionary(dict), platform::Exception);
+      continue;
+    }
+    const auto poll = QVModelPoll::objectWithDictionary(dict);
+    ASSERT_NE(poll, nullptr);
+    EXPECT_EQ(log_.count("nil id"), c.nilIdLines);
+    EXPECT_EQ(poll->options().size(), c.options);
   }
 }
 
