@@ -1,22 +1,21 @@
 // The banner controller: presenting, expanding, replying and hiding the poll
 // banner in the key window.
 
-#include "platform/Accessibility.h"
 #include "platform/BlurView.h"
-#include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/Window.h"
-#include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
-#include "ui/BannerTestSupport.h"
+#include "ui/BannerScene.h"
 
 namespace quorvia {
 namespace {
 
+using platform::Rect;
 using platform::Value;
+using testing::centerInWindow;
 using testing::pollDict;
 
+// The simulator and the desktop host find the backdrop by this tag too.
 constexpr int kBackdropTag = 234555;
 
 class BannerControllerTest : public testing::PlatformTest {
@@ -25,11 +24,19 @@ class BannerControllerTest : public testing::PlatformTest {
     PlatformTest::SetUp();
     transport_ = testing::FakeTransport::install();
   }
+  BannerController& banner() { return *sdk::SDKState::shared().banner; }
   std::shared_ptr<QVNotificationView> present(const Value& poll) {
-    return sdk::SDKState::shared().banner->presentPollWithPollDict(&poll);
+    return banner().presentPollWithPollDict(&poll);
   }
   std::shared_ptr<platform::Window> window() { return platform::keyWindow(); }
-  /// "path body" of each reply request sent so far.
+  // A new key window, with no banner shown.
+  std::shared_ptr<platform::Window> newWindow(double width, double height) {
+    auto w = platform::View::make<platform::Window>(Rect::make(0, 0, width, height));
+    platform::Application::sharedApplication().setKeyWindow(w);
+    banner().setPresentedPollView(nullptr);
+    return w;
+  }
+  // "path body" of each reply request sent so far.
   std::vector<std::string> replies() const {
     std::vector<std::string> sent;
     const auto lines = transport_->requestLines();
@@ -45,60 +52,68 @@ class BannerControllerTest : public testing::PlatformTest {
 TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenthsAtTheWindowsWidth) {
   for (const double width : {375.0, 414.0}) {
     SCOPED_TRACE(width);
-    auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, width, 896));
-    platform::Application::sharedApplication().setKeyWindow(w);
-    sdk::SDKState::shared().banner->setPresentedPollView(nullptr);
+    auto w = newWindow(width, 896);
     log_.clear();
     auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
     ASSERT_TRUE(view);
-    EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, width, 330));  // the model value at once
+    EXPECT_EQ(view->frame(), Rect::make(0, 20, width, 330));  // the model value at once
     EXPECT_EQ(view->presentationFrame().y(), -430);
     EXPECT_EQ(view->superview(), w);
-    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
+    EXPECT_EQ(banner().presentedPollView(), view);
     EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: Presenting poll: Coffee?"});
     advance(0.15);
     EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
     advance(0.15);
-    EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, 20, width, 330));
+    EXPECT_EQ(view->presentationFrame(), Rect::make(0, 20, width, 330));
   }
 }
 
-TEST_F(BannerControllerTest, OneBannerAtATimeIncludingTheSlideOut) {
+// One banner at a time, until the slide out ends; the hidden banner stays in
+// the window above its top edge, and its backdrop goes with the fade.
+TEST_F(BannerControllerTest, OneBannerAtATimeUntilTheSlideOutEnds) {
   auto first = present(pollDict("First", {{"A", ""}}));
   ASSERT_TRUE(first);
   log_.clear();
-  EXPECT_EQ(present(pollDict("Second", {{"B", ""}})), nullptr);  // while shown
+  EXPECT_EQ(present(pollDict("Second", {{"B", ""}})), nullptr);
   EXPECT_TRUE(log_.lines().empty());
   advance(0.3);
-  sdk::SDKState::shared().banner->hideNotificationView(first);
-  advance(0.29);
-  EXPECT_EQ(present(pollDict("Third", {{"C", ""}})), nullptr);  // while hiding
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), first);
+  banner().notificationViewDidPressExpand(first);
+  advance(0.2);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  banner().hideNotificationView(first);
+  advance(0.2);
+  EXPECT_EQ(backdrop->superview(), nullptr);
+  advance(0.09);
+  EXPECT_EQ(present(pollDict("Third", {{"C", ""}})), nullptr);
+  EXPECT_EQ(banner().presentedPollView(), first);
   advance(0.01);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
+  EXPECT_EQ(first->superview(), window());
+  EXPECT_EQ(first->presentationFrame(), Rect::make(0, -330, 375, 330));
   auto next = present(pollDict("Fourth", {{"D", ""}}));
   ASSERT_TRUE(next);
   EXPECT_NE(next, first);
 }
 
-TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
+// A tap on the card expands it once: the backdrop fades in under the banner
+// while the options show at once.
+TEST_F(BannerControllerTest, TappingTheCardLaysABackdropUnderTheBanner) {
   for (bool reduce : {false, true}) {
     SCOPED_TRACE(reduce ? "reduce transparency" : "blur");
     env_->setReduceTransparency(reduce);
-    auto w = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 375, 667));
-    platform::Application::sharedApplication().setKeyWindow(w);
-    sdk::SDKState::shared().banner->setPresentedPollView(nullptr);
+    auto w = newWindow(375, 667);
     auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}}));
     ASSERT_TRUE(view);
     advance(0.3);
     log_.clear();
-    view->notificationTapped();
-    EXPECT_TRUE(log_.contains("QuorviaSDK: User expanded poll: Q"));
+    auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
+    ASSERT_TRUE(question);
+    w->tap(centerInWindow(*question));
+    EXPECT_EQ(log_.count("QuorviaSDK: User expanded poll: Q"), 1);
     auto backdrop = w->viewWithTag(kBackdropTag);
     ASSERT_TRUE(backdrop);
-    ASSERT_EQ(w->subviews().size(), 2u);
-    EXPECT_EQ(w->subviews()[0], backdrop);
-    EXPECT_EQ(w->subviews()[1], view);
+    EXPECT_EQ(w->subviews(), (std::vector<std::shared_ptr<platform::View>>{backdrop, view}));
     EXPECT_EQ(backdrop->frame(), w->bounds());
     if (reduce) {
       EXPECT_EQ(backdrop->backgroundColor(),
@@ -113,35 +128,19 @@ TEST_F(BannerControllerTest, ExpandLaysABackdropUnderTheBanner) {
       EXPECT_EQ(blur->frame(), w->bounds());
     }
     EXPECT_TRUE(view->showOptions());  // at once, not after the fade
-    EXPECT_EQ(view->tableView()->numberOfSections(), 2);
+    EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), 2);
     EXPECT_EQ(backdrop->presentationAlpha(), 0.0);
     advance(0.1);
     EXPECT_GT(backdrop->presentationAlpha(), 0.0);
     EXPECT_LT(backdrop->presentationAlpha(), 1.0);
     advance(0.1);
     EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
-    EXPECT_EQ(view->frame(), platform::Rect::make(0, 20, 375, 330));
+    EXPECT_EQ(view->frame(), Rect::make(0, 20, 375, 330));
   }
 }
 
-TEST_F(BannerControllerTest, ShowOptionsWithoutABannerOnlyAddsTheBackdrop) {
-  sdk::SDKState::shared().banner->showOptionsForNotificationView(nullptr);
-  auto backdrop = window()->viewWithTag(kBackdropTag);
-  ASSERT_TRUE(backdrop);
-  EXPECT_EQ(window()->subviews().back(), backdrop);
-  advance(0.2);
-  EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
-  advance(5);
-  EXPECT_EQ(backdrop->superview(), window());  // stays until a later hide
-}
-
 TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
-  struct Case {
-    const char* link;
-    bool opened;
-    const char* linkLine;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, bool, const char*> cases[] = {
       {"", false, nullptr},
       {"https://example.com/more", true,
        "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
@@ -150,10 +149,10 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
        "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
   };
   auto& app = platform::Application::sharedApplication();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.link);
+  for (const auto& [link, opens, linkLine] : cases) {
+    SCOPED_TRACE(link);
     const std::size_t repliesBefore = replies().size();
-    auto view = present(pollDict("Q", {{"Yes", c.link}, {"No", ""}}, 7));
+    auto view = present(pollDict("Q", {{"Yes", link}, {"No", ""}}, 7));
     ASSERT_TRUE(view);
     advance(0.3);
     view->setShowOptions(true);
@@ -165,20 +164,20 @@ TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
     const auto openedBefore = app.openedURLs().size();
     auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);
     ASSERT_TRUE(cell);
-    window()->tap(testing::centerInWindow(*cell));
+    window()->tap(centerInWindow(*cell));
 
-    const auto calls = replies();
-    ASSERT_EQ(calls.size(), repliesBefore + 1);
-    EXPECT_EQ(calls.back(), "POST /polls/7/replies/ reply_text=Yes");
+    const auto sent = replies();
+    ASSERT_EQ(sent.size(), repliesBefore + 1);
+    EXPECT_EQ(sent.back(), "POST /polls/7/replies/ reply_text=Yes");
     EXPECT_EQ(view->frame().y(), -330);  // hiding started
-    EXPECT_EQ(app.openedURLs().size() - openedBefore, c.opened ? 1u : 0u);
-    EXPECT_EQ(openedAfterReplyAndHide, c.opened);
+    EXPECT_EQ(app.openedURLs().size() - openedBefore, opens ? 1u : 0u);
+    EXPECT_EQ(openedAfterReplyAndHide, opens);
     std::vector<std::string> expected = {"QuorviaSDK: User tapped action: Yes",
                                          "QuorviaSDK: Missing user access token!"};
-    if (c.linkLine) expected.push_back(c.linkLine);
+    if (linkLine) expected.push_back(linkLine);
     EXPECT_EQ(log_.lines(), expected) << "tap, then the reply, then the link";
     advance(0.3);
-    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+    EXPECT_EQ(banner().presentedPollView(), nullptr);
     app.setOpenURLHandler({});
   }
 }
@@ -189,60 +188,40 @@ TEST_F(BannerControllerTest, CloseSendsDismissAndHides) {
   advance(0.3);
   auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
   ASSERT_TRUE(header);
-  window()->tap(testing::centerInWindow(*header->closeButton()));
+  window()->tap(centerInWindow(*header->closeButton()));
   EXPECT_TRUE(log_.contains("QuorviaSDK: User dismissed poll: Lunch?"));
   EXPECT_EQ(replies(), std::vector<std::string>{"POST /polls/9/replies/ reply_text=Dismiss"});
   EXPECT_FALSE(view->showOptions());  // the close button does not expand
   advance(0.3);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
 }
 
-TEST_F(BannerControllerTest, HideLeavesTheBannerAboveTheWindowAndRemovesTheBackdrop) {
-  auto view = present(pollDict("Q", {{"A", ""}}));
-  ASSERT_TRUE(view);
-  advance(0.3);
-  sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
-  advance(0.2);
-  auto backdrop = window()->viewWithTag(kBackdropTag);
-  ASSERT_TRUE(backdrop);
-  sdk::SDKState::shared().banner->hideNotificationView(view);
-  advance(0.2);
-  EXPECT_EQ(backdrop->superview(), nullptr);
-  EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), view);
-  advance(0.1);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(view->superview(), window());
-  EXPECT_EQ(view->presentationFrame(), platform::Rect::make(0, -330, 375, 330));
-}
-
-TEST_F(BannerControllerTest, TappingTheCardExpandsOnce) {
-  auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}, {"C", ""}}));
-  ASSERT_TRUE(view);
-  advance(0.3);
-  auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
-  ASSERT_TRUE(question);
-  window()->tap(testing::centerInWindow(*question));
-  EXPECT_EQ(log_.count("QuorviaSDK: User expanded poll: Q"), 1);
-  EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), 3);
-}
-
-TEST_F(BannerControllerTest, MalformedPollOrMissingLayoutGivesNoBanner) {
+TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) {
   const Value notADictionary = Value::array({1, 2});
   // Raised to the caller, which decides whether a line is written.
-  EXPECT_ANY_THROW(sdk::SDKState::shared().banner->presentPollWithPollDict(&notADictionary));
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_ANY_THROW(banner().presentPollWithPollDict(&notADictionary));
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
 
   auto empty = testing::makeTempDirectory("quorvia-res-");
   std::filesystem::create_directory(empty / "com.quorvia.sdk.ios");
   ::setenv("QUORVIA_RESOURCE_DIR", empty.c_str(), 1);
   EXPECT_EQ(present(pollDict("Q", {{"A", ""}})), nullptr);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
   EXPECT_TRUE(log_.contains(
       "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown."));
   advance(1);  // no deferred work may touch the half-made banner
   ::unsetenv("QUORVIA_RESOURCE_DIR");
   std::filesystem::remove_all(empty);
+
+  // A launch poll that found a banner already shown expands nothing: only the
+  // backdrop comes, and stays until a later hide.
+  banner().showOptionsForNotificationView(nullptr);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  EXPECT_EQ(window()->subviews().back(), backdrop);
+  advance(5);
+  EXPECT_EQ(backdrop->superview(), window());
+  EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
 }
 
 }  // namespace

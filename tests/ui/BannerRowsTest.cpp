@@ -1,15 +1,8 @@
-// The banner's table: its rows, their deferred corner masks and highlights,
-// and the layout files they come from.
+// The banner's table: its rows from the layout files, their deferred corner
+// masks and highlights, and the events its model reports.
 
-#include "platform/Bundle.h"
-#include "quorvia/platform/Error.h"
-#include "quorvia/platform/Window.h"
 #include "support/PlatformTest.h"
-#include "ui/BannerTestSupport.h"
-#include "ui/QVNotificationActionCell.h"
-#include "ui/QVNotificationHeaderCell.h"
-#include "ui/QVNotificationTextCell.h"
-#include "ui/QVNotificationView.h"
+#include "ui/BannerScene.h"
 
 namespace quorvia {
 namespace {
@@ -18,64 +11,59 @@ using platform::Rect;
 
 class BannerRowsTest : public testing::PlatformTest {
  protected:
+  // Option 1 of the poll carries a link.
   std::shared_ptr<QVNotificationView> banner(int options) {
     std::vector<std::pair<std::string, std::string>> list;
-    for (int i = 0; i < options; ++i) list.emplace_back("Option " + std::to_string(i), "");
+    for (int i = 0; i < options; ++i)
+      list.emplace_back("Option " + std::to_string(i), i == 1 ? "https://example.com/1" : "");
     auto view = QVNotificationView::initWithFrame(Rect::make(0, 0, 375, 330));
     view->setPoll(QVModelPoll::objectWithDictionary(testing::pollDict("Which?", list)));
     return view;
   }
 };
 
-TEST_F(BannerRowsTest, TableFollowsTheModelWithDeferredMasks) {
-  auto view = banner(3);
-  ASSERT_TRUE(view->isLoaded());
-  view->setShowOptions(true);
-  drain();
-  auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
-  auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
-  ASSERT_TRUE(header && question);
-  EXPECT_EQ(header->frame(), Rect::make(0, 8, 375, 50));
-  EXPECT_EQ(question->customLabel()->text(), "Which?");
-  EXPECT_GT(question->frame().height(), 30);
-  const double optionsTop = question->frame().maxY() + 8;
-  const unsigned corners[] = {3, 12, 12};
-  const double radii[] = {10, 0, 10};
-  for (int r = 0; r < 3; ++r) {
-    SCOPED_TRACE(r);
-    auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, r);
-    ASSERT_TRUE(cell);
-    EXPECT_EQ(cell->customLabel()->text(), "Option " + std::to_string(r));
-    if (r == 0) {
-      EXPECT_EQ(cell->frame().y(), optionsTop);
-    }
+// The masks are built on the main queue after the layout pass, from the
+// container's bounds; a single option is rounded at the top only, by design.
+TEST_F(BannerRowsTest, RowsFollowTheModelWithDeferredMasks) {
+  struct Case {
+    int options;
+    std::vector<unsigned> corners;
+    std::vector<double> radii;
+  };
+  const Case cases[] = {{1, {3}, {10}}, {3, {3, 12, 12}, {10, 0, 10}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.options);
+    auto view = banner(c.options);
+    ASSERT_TRUE(view->isLoaded());
+    view->setShowOptions(true);
     drain();
-    const auto& mask = cell->containerView()->layer().mask();
-    ASSERT_TRUE(mask);
-    EXPECT_EQ(mask->path().corners, corners[r]);
-    EXPECT_EQ(mask->path().cornerRadii.width, radii[r]);
-    EXPECT_EQ(mask->frame(), cell->containerView()->bounds());
+    auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
+    auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
+    ASSERT_TRUE(header && question);
+    EXPECT_EQ(header->frame(), Rect::make(0, 8, 375, 50));
+    EXPECT_EQ(question->customLabel()->text(), "Which?");
+    EXPECT_GT(question->frame().height(), 30);
+    double top = question->frame().maxY() + 8;
+    for (int r = 0; r < c.options; ++r) {
+      SCOPED_TRACE(r);
+      auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, r);
+      ASSERT_TRUE(cell);
+      EXPECT_EQ(cell->customLabel()->text(), "Option " + std::to_string(r));
+      EXPECT_EQ(cell->frame().y(), top);
+      top = cell->frame().maxY();
+      drain();
+      const auto& mask = cell->containerView()->layer().mask();
+      ASSERT_TRUE(mask);
+      EXPECT_EQ(mask->path().corners, c.corners[r]);
+      EXPECT_EQ(mask->path().cornerRadii.width, c.radii[r]);
+      EXPECT_EQ(mask->frame(), cell->containerView()->bounds());
+    }
+    const auto& headerMask = header->containerView()->layer().mask();
+    ASSERT_TRUE(headerMask && question->containerView()->layer().mask());
+    EXPECT_EQ(headerMask->path().corners, 3u);
+    EXPECT_EQ(headerMask->frame(), header->containerView()->bounds());
+    EXPECT_EQ(question->containerView()->layer().mask()->path().corners, 12u);
   }
-  ASSERT_TRUE(header->containerView()->layer().mask());
-  EXPECT_EQ(header->containerView()->layer().mask()->path().corners, 3u);
-  EXPECT_EQ(question->containerView()->layer().mask()->path().corners, 12u);
-  EXPECT_EQ(header->containerView()->layer().mask()->frame(), header->containerView()->bounds());
-}
-
-TEST_F(BannerRowsTest, MaskIsBuiltLaterAndTheLastSetterWins) {
-  auto view = banner(2);
-  view->setShowOptions(true);
-  auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, 0);
-  ASSERT_TRUE(cell);
-  drain();
-  cell->setBottomMask();
-  cell->setNoMask();
-  EXPECT_EQ(cell->containerView()->layer().mask()->path().corners, 3u);  // not yet rebuilt
-  drain();
-  const auto& mask = cell->containerView()->layer().mask();
-  EXPECT_EQ(mask->path().cornerRadii.width, 0.0);
-  EXPECT_EQ(mask->path().corners, 12u);
-  EXPECT_EQ(mask->path().rect, cell->containerView()->bounds());
 }
 
 TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
@@ -85,76 +73,72 @@ TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
   view->setShowOptions(true);
   auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, 0);
   ASSERT_TRUE(cell);
-  EXPECT_EQ(cell->containerView()->backgroundColor(), platform::Color::whiteColor());
+  const auto colour = [&] { return cell->containerView()->backgroundColor(); };
+  EXPECT_EQ(colour(), platform::Color::whiteColor());
   window->touchDown(testing::centerInWindow(*cell));
-  EXPECT_EQ(cell->containerView()->backgroundColor(), platform::Color::grayColor());
+  EXPECT_EQ(colour(), platform::Color::grayColor());
   window->touchCancel();
-  EXPECT_EQ(cell->containerView()->backgroundColor(), platform::Color::whiteColor());
+  EXPECT_EQ(colour(), platform::Color::whiteColor());
   cell->touchesBegan({});
   cell->touchesEnded({});
-  EXPECT_EQ(cell->containerView()->backgroundColor(), platform::Color::whiteColor());
+  EXPECT_EQ(colour(), platform::Color::whiteColor());
 }
 
-TEST_F(BannerRowsTest, RowsBelowTheBannerStayOutOfSight) {
-  auto view = banner(12);
-  view->setShowOptions(true);
-  view->tableView()->layoutIfNeeded();
-  int visible = 0;
-  for (int r = 0; r < 12; ++r)
-    visible += view->tableView()->cellForRowAtIndexPath({1, r}) != nullptr;
-  EXPECT_GT(visible, 0);
-  EXPECT_LT(visible, 12);
-  EXPECT_EQ(view->tableView()->frame().height(), 330);
-}
-
-TEST_F(BannerRowsTest, SetPollAlwaysReloads) {
+// A second expansion is refused inside the table and dropped; without options
+// nothing is inserted; a new poll, even the same one, reloads the table.
+TEST_F(BannerRowsTest, ExpandingTwiceOrWithoutOptionsKeepsTheTableConsistent) {
+  for (const int options : {0, 2}) {
+    SCOPED_TRACE(options);
+    auto view = banner(options);
+    view->setShowOptions(true);
+    EXPECT_NO_THROW(view->setShowOptions(true));
+    EXPECT_TRUE(view->showOptions());
+    EXPECT_EQ(view->tableView()->numberOfSections(), options ? 2 : 1);
+    EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), options);
+    view->setShowOptions(false);
+    EXPECT_EQ(view->tableView()->numberOfSections(), 1);
+  }
   auto view = banner(2);
   view->setShowOptions(true);
-  EXPECT_EQ(view->tableView()->numberOfSections(), 2);
   auto poll = view->poll();
   poll->setOptions({});
-  view->setPoll(poll);  // the same poll: the table asks again
+  view->setPoll(poll);
   EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), 0);
 }
 
-TEST(TableUpdates, InconsistentBatchRaisesAsThePlatformDoes) {
-  struct Source final : platform::TableViewDataSource {
-    int sections = 1;
-    int numberOfSectionsInTableView(platform::TableView&) override { return sections; }
-    int numberOfRowsInSection(platform::TableView&, int) override { return 1; }
-    std::shared_ptr<platform::TableViewCell> cellForRowAtIndexPath(platform::TableView&,
-                                                                   platform::IndexPath) override {
-      return std::make_shared<platform::TableViewCell>();
+// Option rows report their text and link; card rows and rows out of range
+// report nothing; the delegate is held weakly.
+TEST(NotificationViewModel, EventsReachTheDelegateHeldWeakly) {
+  struct Recorder final : QVNotificationViewDelegate {
+    void notificationViewDidPressExpand(const std::shared_ptr<QVNotificationView>&) override {
+      events.push_back("expand");
     }
+    void notificationView(const std::shared_ptr<QVNotificationView>&,
+                          const std::optional<std::string>& identifier,
+                          const std::optional<std::string>& link) override {
+      events.push_back(identifier.value_or("nil") + " " + link.value_or("nil"));
+    }
+    void notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>&) override {
+      events.push_back("close");
+    }
+    std::vector<std::string> events;
   };
-  auto source = std::make_shared<Source>();
-  auto table = platform::View::make<platform::TableView>(Rect::make(0, 0, 100, 100));
-  table->setDataSource(source);
-  table->reloadData();
-  source->sections = 2;
-  table->beginUpdates();
-  table->insertSections(1, platform::TableViewRowAnimation::kTop);
-  EXPECT_NO_THROW(table->endUpdates());
-  table->beginUpdates();
-  table->insertSections(1, platform::TableViewRowAnimation::kTop);
-  try {
-    table->endUpdates();
-    ADD_FAILURE() << "no exception";
-  } catch (const platform::Exception& e) {
-    EXPECT_EQ(e.name(), platform::kNSInternalInconsistencyException);
-  }
-  EXPECT_EQ(table->numberOfSections(), 2);
-}
-
-TEST(ResourceBundle, FoundByIdentifier) {
-  auto bundle = platform::Bundle::bundleWithIdentifier("com.quorvia.sdk.ios");
-  ASSERT_TRUE(bundle);
-  for (const char* name :
-       {"QVNotificationHeaderCell", "QVNotificationTextCell", "QVNotificationActionCell"}) {
-    EXPECT_TRUE(platform::Nib::nibWithNibName(name, bundle)) << name;
-  }
-  EXPECT_EQ(platform::Bundle::bundleWithIdentifier("com.example.missing"), nullptr);
-  EXPECT_EQ(platform::Nib::nibWithNibName("Missing", bundle), nullptr);
+  auto delegate = std::make_shared<Recorder>();
+  QVNotificationViewModel model;
+  model.setPoll(QVModelPoll::objectWithDictionary(testing::pollDict(
+      "Which?", {{"Option 0", ""}, {"Option 1", "https://example.com/1"}, {"Option 2", ""}})));
+  model.notificationTapped();  // no delegate yet: nothing
+  model.setDelegate(delegate);
+  for (const auto& [section, row] : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 1}, {1, 7}, {1, -1}})
+    model.didSelectRow(section, row);
+  model.notificationTapped();
+  model.closeButtonPressed();
+  EXPECT_EQ(delegate->events, (std::vector<std::string>{"Option 0 nil",
+                                                        "Option 1 https://example.com/1",
+                                                        "expand", "close"}));
+  delegate.reset();
+  EXPECT_EQ(model.delegate(), nullptr);
+  EXPECT_NO_THROW(model.didSelectRow(1, 0));
 }
 
 }  // namespace
