@@ -15,10 +15,10 @@ using platform::Value;
 class PollModelTest : public testing::PlatformTest {};
 
 TEST_F(PollModelTest, FactoryStoresValuesAsTheyStand) {
-  const auto poll = QVModelPoll::objectWithDictionary(Value{
-      {"id", 7},
-      {"question", "Lunch?"},
-      {"options", {{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}}}});
+  const auto poll = QVModelPoll::objectWithDictionary(
+      Value{{"id", 7},
+            {"question", "Lunch?"},
+            {"options", {{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}}}});
   EXPECT_EQ(poll->objectId(), Value(7)) << "a numeric id stays a number";
   EXPECT_EQ(poll->question(), Value("Lunch?"));
   ASSERT_EQ(poll->options().size(), 2u);

@@ -112,8 +112,9 @@ TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
     const int fetchesBefore = fetches();
     log_.clear();
     QuorviaSDK::initWithAppToken("A", c.launchOptions, false);
-    EXPECT_EQ(log_.contains("QuorviaSDK: Detected poll in notification upon app launch. Presenting."),
-              c.presents);
+    EXPECT_EQ(
+        log_.contains("QuorviaSDK: Detected poll in notification upon app launch. Presenting."),
+        c.presents);
     EXPECT_EQ(fetches() - fetchesBefore, c.presents ? 0 : 1);
     advance(0.099);
     EXPECT_EQ(banner(), nullptr) << "nothing before 0.1 s";

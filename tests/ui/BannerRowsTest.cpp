@@ -133,9 +133,9 @@ TEST(NotificationViewModel, EventsReachTheDelegateHeldWeakly) {
     model.didSelectRow(section, row);
   model.notificationTapped();
   model.closeButtonPressed();
-  EXPECT_EQ(delegate->events, (std::vector<std::string>{"Option 0 nil",
-                                                        "Option 1 https://example.com/1",
-                                                        "expand", "close"}));
+  EXPECT_EQ(delegate->events,
+            (std::vector<std::string>{"Option 0 nil", "Option 1 https://example.com/1", "expand",
+                                      "close"}));
   delegate.reset();
   EXPECT_EQ(model.delegate(), nullptr);
   EXPECT_NO_THROW(model.didSelectRow(1, 0));

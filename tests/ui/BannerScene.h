@@ -7,12 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
-#include "quorvia/platform/Application.h"
 #include "platform/Label.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Window.h"
+#include "sdk/SDKState.h"
 #include "ui/QVNotificationActionCell.h"
 #include "ui/QVNotificationHeaderCell.h"
 #include "ui/QVNotificationTextCell.h"
@@ -24,7 +24,8 @@ namespace quorvia::testing {
 inline platform::Value pollDict(const std::string& question,
                                 const std::vector<std::pair<std::string, std::string>>& options,
                                 int id = 42) {
-  platform::Value poll = {{"id", id}, {"question", question}, {"options", platform::Value::array()}};
+  platform::Value poll = {
+      {"id", id}, {"question", question}, {"options", platform::Value::array()}};
   for (const auto& [text, link] : options) {
     platform::Value option = {{"text", text}};
     if (!link.empty()) option["link"] = link;

@@ -37,7 +37,8 @@ class HostWindowTest : public testing::PlatformTest {
   std::vector<PixelRect> paint() { return host_->paint({pixels_.data(), 750, 1334, 750 * 4}); }
   // B, G, R, A of the pixel under a point.
   std::array<int, 4> at(double x, double y) const {
-    const auto* p = &pixels_[(static_cast<std::size_t>(y * 2) * 750 + static_cast<std::size_t>(x * 2)) * 4];
+    const auto* p =
+        &pixels_[(static_cast<std::size_t>(y * 2) * 750 + static_cast<std::size_t>(x * 2)) * 4];
     return {p[0], p[1], p[2], p[3]};
   }
   std::shared_ptr<QVNotificationView> present() {
@@ -67,13 +68,21 @@ TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
   };
   const std::vector<Case> cases = {
       {"nothing changed", [](auto&, auto&) {}, {}},
-      {"a colour", [](auto& v, auto&) { v.setBackgroundColor(platform::Color{1, 0, 0, 1}); }, {spot}},
+      {"a colour",
+       [](auto& v, auto&) {
+         v.setBackgroundColor(platform::Color{1, 0, 0, 1});
+       },
+       {spot}},
       {"a move: the new place and the old",
        [](auto& v, auto&) { v.setFrame(Rect::make(110, 200, 10, 10)); },
        {{220, 400, 20, 20}, spot}},
       {"a removal", [](auto& v, auto&) { v.removeFromSuperview(); }, {spot}},
       {"a fade", [](auto& v, auto&) { v.setAlpha(0.5); }, {spot}},
-      {"a resize repaints all", [](auto&, auto& h) { h.setSize({375, 667}, 2); }, {whole}},
+      {"a resize repaints all",
+       [](auto&, auto& h) {
+         h.setSize({375, 667}, 2);
+       },
+       {whole}},
       {"invalidate repaints all", [](auto&, auto& h) { h.invalidate(); }, {whole}},
   };
   for (const auto& c : cases) {
@@ -171,20 +180,41 @@ TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
   };
   const Point host{187, 600};
   const std::vector<Case> cases = {
-      {"before any banner, everything is the host's", false, false,
-       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}}, false},
-      {"a click on the host beside a banner", true, false,
-       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}}, false},
-      {"a tap on the card expands it", true, true,
-       {{'d', {}, kTaken}, {'m', {0, 500}, kTaken}, {'u', {}, kTaken}}, true},
-      {"a press on the card released on the host cancels", true, true,
-       {{'d', {}, kTaken}, {'u', {0, 500}, kTaken}}, false},
-      {"released elsewhere on the same row, still a tap", true, true,
-       {{'d', {}, kTaken}, {'u', {165, 0}, kTaken}}, true},  // off the label, on the row
-      {"a cancelled press", true, true,
-       {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}}, false},
-      {"coordinates that are not numbers", true, false,
-       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}}, false},
+      {"before any banner, everything is the host's",
+       false,
+       false,
+       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}},
+       false},
+      {"a click on the host beside a banner",
+       true,
+       false,
+       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}},
+       false},
+      {"a tap on the card expands it",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'m', {0, 500}, kTaken}, {'u', {}, kTaken}},
+       true},
+      {"a press on the card released on the host cancels",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'u', {0, 500}, kTaken}},
+       false},
+      {"released elsewhere on the same row, still a tap",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'u', {165, 0}, kTaken}},
+       true},  // off the label, on the row
+      {"a cancelled press",
+       true,
+       true,
+       {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}},
+       false},
+      {"coordinates that are not numbers",
+       true,
+       false,
+       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}},
+       false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -257,15 +287,19 @@ TEST_F(HostWindowTest, FocusPostsTheActivityNotificationsOnChangesOnly) {
 
 TEST_F(HostWindowTest, BadSizesAndBuffersAreLoggedAndRefused) {
   const double inf = std::numeric_limits<double>::infinity();
-  for (auto [w, h, scale] : {std::tuple{0.0, 667.0, 2.0}, {375.0, -1.0, 2.0}, {inf, 667.0, 2.0},
-                             {375.0, 667.0, std::nan("")}, {1e6, 1e6, 2.0}}) {
+  for (auto [w, h, scale] : {std::tuple{0.0, 667.0, 2.0},
+                             {375.0, -1.0, 2.0},
+                             {inf, 667.0, 2.0},
+                             {375.0, 667.0, std::nan("")},
+                             {1e6, 1e6, 2.0}}) {
     host_->setSize({w, h}, scale);
     EXPECT_EQ(host_->pixelWidth(), 750);
     EXPECT_EQ(host_->pixelHeight(), 1334);
   }
-  for (const platform::PixelBuffer& bad :
-       {platform::PixelBuffer{nullptr, 750, 1334, 3000}, {pixels_.data(), 750, 1334, 2999},
-        {pixels_.data(), 750, 1334, 1000}, {pixels_.data(), 0, 1334, 3000}}) {
+  for (const platform::PixelBuffer& bad : {platform::PixelBuffer{nullptr, 750, 1334, 3000},
+                                           {pixels_.data(), 750, 1334, 2999},
+                                           {pixels_.data(), 750, 1334, 1000},
+                                           {pixels_.data(), 0, 1334, 3000}}) {
     EXPECT_TRUE(host_->paint(bad).empty());
   }
   EXPECT_GE(log_.lines().size(), 9u);

@@ -33,8 +33,10 @@ TEST_F(RenderTest, CardHasRoundedCornersOverTheHostAndTheBackdropDimsIt) {
   ASSERT_TRUE(question);
   const double left = 10, right = 365, top = 20 + 8;
   const double bottom = 20 + question->frame().maxY();
-  for (auto [x, y] : {std::pair{left + 0.5, top + 0.5}, {right - 0.5, top + 0.5},
-                      {left + 0.5, bottom - 0.5}, {right - 0.5, bottom - 0.5}}) {
+  for (auto [x, y] : {std::pair{left + 0.5, top + 0.5},
+                      {right - 0.5, top + 0.5},
+                      {left + 0.5, bottom - 0.5},
+                      {right - 0.5, bottom - 0.5}}) {
     SCOPED_TRACE(::testing::Message() << x << "," << y);
     EXPECT_FALSE(isWhite(at(image, x, y)));
   }
@@ -85,7 +87,10 @@ TEST_F(RenderTest, LabelTextIsBoundedAndLongWordsWrapByCharacter) {
       {"a run of 33 breaks everywhere", thirtyTwo + "a b", broken(thirtyTwo + "a") + " b"},
       {"never inside a character", accentedRun, accentedBroken},
       {"cut at 2000 characters", std::string(1500, 'x').append(" ").append(600, 'y'),
-       broken(std::string(1500, 'x')).append(" ").append(broken(std::string(499, 'y'))).append("\u2026")},
+       broken(std::string(1500, 'x'))
+           .append(" ")
+           .append(broken(std::string(499, 'y')))
+           .append("\u2026")},
       {"bytes that are not UTF-8", "a\xff b", "a\uFFFD b"},
   };
   for (const auto& c : cases) EXPECT_EQ(platform::detail::layoutText(c.text), c.laidOut) << c.name;

@@ -11,7 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -42,20 +41,17 @@ constexpr int kScreenWidth = 375;
 // its PID when the test is done (SIGTERM, then SIGKILL after a few seconds).
 class Child final {
  public:
-  explicit Child(std::vector<std::string> argv, std::vector<std::string> env = {}) {
+  explicit Child(std::vector<std::string> argv) {
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0) return;
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-    for (char** e = environ; *e; ++e) env.emplace_back(*e);  // after ours: ours win
-    std::vector<char*> args, envp;
+    std::vector<char*> args;
     for (auto& a : argv) args.push_back(a.data());
-    for (auto& e : env) envp.push_back(e.data());
     args.push_back(nullptr);
-    envp.push_back(nullptr);
-    if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), envp.data()) != 0) pid_ = -1;
+    if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     fd_ = out[0];
@@ -81,16 +77,6 @@ class Child final {
       if (match(lines_[i])) return lines_[i];
     }
   }
-  // Its exit status once it ends within kBound, else -1. Its output is read to the end first,
-  // so that a chatty program cannot block on a full pipe.
-  int waitExit() {
-    const auto deadline = Clock::now() + kBound;
-    while (pump(deadline)) {
-    }
-    int status = 0;
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    return pid_ > 0 && ended(left, &status) && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
   std::string output() const {
     std::string all;
     for (const auto& line : lines_) all += line + "\n";
@@ -99,19 +85,18 @@ class Child final {
 
  private:
   // Reaps it if it ends within `bound` (its process descriptor becomes readable then).
-  bool ended(std::chrono::milliseconds bound, int* status = nullptr) {
+  bool ended(std::chrono::milliseconds bound) {
     if (const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)); pidfd >= 0) {
       pollfd fd{pidfd, POLLIN, 0};
-      ::poll(&fd, 1, static_cast<int>(std::max<long long>(0, bound.count())));
+      ::poll(&fd, 1, static_cast<int>(bound.count()));
       ::close(pidfd);
     }
-    if (::waitpid(pid_, status, WNOHANG) != pid_) return false;
-    pid_ = -1;
-    return true;
+    return ::waitpid(pid_, nullptr, WNOHANG) == pid_;
   }
   // Reads one chunk into lines_; false at the end of the output or at `deadline`.
   bool pump(Clock::time_point deadline) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
     pollfd fd{fd_, POLLIN, 0};
     if (fd_ < 0 || left.count() <= 0) return false;
     if (const int n = ::poll(&fd, 1, static_cast<int>(left.count())); n <= 0) return errno == EINTR;
@@ -165,14 +150,23 @@ Frames parseFrames(const std::string& line) {
   return frames;
 }
 
+// Runs a short command on `display` (coreutils' timeout ends it after kBound) and returns the
+// first line it printed, or nothing when it failed.
+std::optional<std::string> run(const std::string& display, const std::string& command) {
+  FILE* out = ::popen(("DISPLAY=" + display + " timeout 30 " + command).c_str(), "r");
+  if (!out) return std::nullopt;
+  std::string text;
+  for (int c; (c = std::fgetc(out)) != EOF;) text.push_back(static_cast<char>(c));
+  if (::pclose(out) != 0) return std::nullopt;
+  return text.substr(0, text.find('\n'));
+}
+
 // The X screen as R, G, B bytes. The X server may show a client's frame a little after the
 // client presented it, so the screen is captured until two captures in a row agree.
 std::string screenshot(const std::string& display, const std::filesystem::path& file) {
   std::string last;
   for (int i = 0; i < 10; ++i) {
-    Child import({"import", "-display", display, "-window", "root", "-depth", "8",
-                  "RGB:" + file.string()});
-    if (import.waitExit() != 0) ADD_FAILURE() << "imagemagick's import failed:\n" << import.output();
+    EXPECT_TRUE(run(display, "import -window root -depth 8 RGB:" + file.string()));
     std::ifstream in(file, std::ios::binary);
     std::string next((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (next == last) break;
@@ -182,7 +176,8 @@ std::string screenshot(const std::string& display, const std::filesystem::path& 
 }
 
 std::array<int, 3> rgb(const std::string& shot, double x, double y) {
-  const std::size_t at = (static_cast<std::size_t>(y) * kScreenWidth + static_cast<std::size_t>(x)) * 3;
+  const std::size_t at =
+      (static_cast<std::size_t>(y) * kScreenWidth + static_cast<std::size_t>(x)) * 3;
   if (at + 3 > shot.size()) return {-1, -1, -1};
   return {static_cast<unsigned char>(shot[at]), static_cast<unsigned char>(shot[at + 1]),
           static_cast<unsigned char>(shot[at + 2])};
@@ -204,15 +199,15 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   });
   ASSERT_FALSE(number.empty()) << "Xvfb did not start:\n" << xvfb.output();
   const std::string display = ":" + number;
-  const std::vector<std::string> onDisplay = {"DISPLAY=" + display};
 
   std::filesystem::create_directories(dir / "broker");
   testing::MosquittoBroker broker(dir / "broker");
   std::string brokerError;
   ASSERT_TRUE(broker.start(testing::MosquittoBroker::freePort(), &brokerError)) << brokerError;
 
-  Child server({QUORVIA_DEVSERVER_BINARY, "--port", "0", "--db", (dir / "devserver.sqlite3").string(),
-                "--admin-token", kAdminToken, "--broker", broker.url()});
+  Child server({QUORVIA_DEVSERVER_BINARY, "--port", "0", "--db",
+                (dir / "devserver.sqlite3").string(), "--admin-token", kAdminToken, "--broker",
+                broker.url()});
   constexpr std::string_view kListening = "listening on http://127.0.0.1:";
   const std::string listening =
       server.waitForLine([&](const std::string& l) { return l.rfind(kListening, 0) == 0; });
@@ -227,13 +222,13 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   ASSERT_TRUE(created && created->status == 201);
   const auto pollId = nlohmann::json::parse(created->body)["id"].get<int>();
 
-  Child host({QUORVIA_DESKTOP_HOST_BINARY, "--print-frames", "--app-token", kAppToken,
-              "--data-dir", (dir / "host").string()},
-             // SDL's software renderer has the X server draw each frame before the present
-             // returns, so a screenshot after a printed frame shows it.
-             {"DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
+  // SDL's software renderer has the X server draw each frame before the present returns, so
+  // a screenshot after a printed frame shows it.
+  Child host({"env", "DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
               "QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" + std::to_string(port),
-              "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string()});
+              "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string(),
+              QUORVIA_DESKTOP_HOST_BINARY, "--print-frames", "--app-token", kAppToken, "--data-dir",
+              (dir / "host").string()});
   ASSERT_FALSE(host.waitForLine(containing("host: ready")).empty()) << host.output();
   // The device registers through the broker before a fetch can be answered.
   ASSERT_FALSE(host.waitForLine(containing("Successfully registered device push token.")).empty())
@@ -243,13 +238,11 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   // window had focus from its mapping (which may have come before the device registered),
   // focusing the root window first and then the host's makes one activation that certainly
   // comes after the registration.
-  Child search({"xdotool", "search", "--sync", "--name", "Quorvia desktop host"}, onDisplay);
-  const std::string windowId = search.waitForLine([](const auto&) { return true; });
-  Child root({"xdotool", "search", "--maxdepth", "0", "--name", ""}, onDisplay);
-  const std::string rootId = root.waitForLine([](const auto&) { return true; });
-  ASSERT_FALSE(windowId.empty() || rootId.empty());
-  for (const std::string& target : {rootId, windowId}) {
-    EXPECT_EQ(Child({"xdotool", "windowfocus", "--sync", target}, onDisplay).waitExit(), 0);
+  const auto windowId = run(display, "xdotool search --sync --name 'Quorvia desktop host'");
+  const auto rootId = run(display, "xdotool search --maxdepth 0 --name ''");
+  ASSERT_TRUE(windowId && rootId);
+  for (const std::string& target : {*rootId, *windowId}) {
+    EXPECT_TRUE(run(display, "xdotool windowfocus --sync " + target));
   }
 
   const Frames collapsed = parseFrames(host.waitForLine([](const std::string& l) {
@@ -268,10 +261,8 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   EXPECT_EQ(rgb(before, 187, 10), (std::array<int, 3>{49, 92, 191}));  // the host's title bar
 
   const auto click = [&](const Box& box) {
-    Child xdotool({"xdotool", "mousemove", "--sync", std::to_string(box.x + box.w / 2),
-                   std::to_string(box.y + box.h / 2), "click", "1"},
-                  onDisplay);
-    EXPECT_EQ(xdotool.waitExit(), 0);
+    EXPECT_TRUE(run(display, "xdotool mousemove --sync " + std::to_string(box.x + box.w / 2) + " " +
+                                 std::to_string(box.y + box.h / 2) + " click 1"));
   };
   click(question);
   const Frames expanded = parseFrames(host.waitForLine([](const std::string& l) {
