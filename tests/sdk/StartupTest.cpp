@@ -164,7 +164,8 @@ TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
 TEST_F(StartupTest, CategoriesReachTheNotificationSettings) {
   const CategorySet library = CategoriesManager().categories();
   const auto hostOwn = CategoriesManager().createCategoryWithActions({"Go"}, "host");
-  const CategorySet both = CategorySet{hostOwn}.setByAddingObjectsFromSet(library);
+  const CategorySet host{hostOwn};
+  const CategorySet both = host.setByAddingObjectsFromSet(library);
   struct Case {
     const char* name;
     bool ask;  // askUserForPushPermissions rather than start-up
@@ -175,17 +176,11 @@ TEST_F(StartupTest, CategoriesReachTheNotificationSettings) {
     bool responds = true;
   };
   const std::vector<Case> cases = {
-      {"start: no alert bit",
-       false,
-       {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
-        CategorySet{hostOwn}},
-       false,
-       0,
-       {}},
+      {"start: badge and sound, no alert", false, {3, host}, false, 0, {}},
       {"start: already holds the library's", false, {7, both}, false, 0, {}},
-      {"start: other categories", false, {4, CategorySet{hostOwn}}, true, 0, both},
+      {"start: other categories", false, {4, host}, true, 0, both},
       {"start: absent set", false, {4, std::nullopt}, true, 0, std::nullopt},
-      {"ask: other categories", true, {7, CategorySet{hostOwn}}, true, 7, both},
+      {"ask: other categories", true, {7, host}, true, 7, both},
       {"ask: nothing changes, registers anyway", true, {7, both}, true, 7, both},
       {"ask: absent set gives none", true, {7, std::nullopt}, true, 7, std::nullopt},
       {"ask: a platform without the call", true, {7, both}, false, 0, {}, false},

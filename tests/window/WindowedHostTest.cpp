@@ -19,7 +19,7 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <sstream>
+#include <regex>
 
 #include "support/MosquittoBroker.h"
 #include "support/PlatformTest.h"
@@ -66,7 +66,6 @@ class Child final {
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  bool running() const { return pid_ > 0; }
   // The first line of its output that `match` accepts, waiting for it within kBound; "" if none.
   std::string waitForLine(const std::function<bool(const std::string&)>& match) {
     const auto deadline = Clock::now() + kBound;
@@ -122,32 +121,17 @@ struct Box {
   double x = 0, y = 0, w = 0, h = 0;
 };
 
-// "frames banner=x,y,w,h rows=x,y,w,h;... [backdrop=a]" as the host prints it.
-struct Frames {
-  bool ok = false;
-  Box banner;
-  std::vector<Box> rows;
-  double backdrop = -1;
-};
-
-Frames parseFrames(const std::string& line) {
-  Frames frames;
-  auto box = [](const std::string& text) {
-    Box b;
-    std::sscanf(text.c_str(), "%lf,%lf,%lf,%lf", &b.x, &b.y, &b.w, &b.h);
-    return b;
-  };
-  std::istringstream words(line);
-  for (std::string word; words >> word;) {
-    if (word == "frames") frames.ok = true;
-    if (word.rfind("banner=", 0) == 0) frames.banner = box(word.substr(7));
-    if (word.rfind("backdrop=", 0) == 0) frames.backdrop = std::atof(word.c_str() + 9);
-    if (word.rfind("rows=", 0) == 0) {
-      std::istringstream rows(word.substr(5));
-      for (std::string row; std::getline(rows, row, ';');) frames.rows.push_back(box(row));
-    }
+// The boxes "x,y,w,h" of a line "frames banner=B rows=R;R;... [backdrop=a]" as the host prints
+// it: the banner's first, then its rows'.
+std::vector<Box> boxesOf(const std::string& line) {
+  static const std::regex box(R"((-?[\d.]+),(-?[\d.]+),([\d.]+),([\d.]+))");
+  std::vector<Box> boxes;
+  if (line.rfind("frames banner=", 0) != 0) return boxes;
+  for (std::sregex_iterator m(line.begin(), line.end(), box), end; m != end; ++m) {
+    boxes.push_back(
+        {std::stod((*m)[1]), std::stod((*m)[2]), std::stod((*m)[3]), std::stod((*m)[4])});
   }
-  return frames;
+  return boxes;
 }
 
 // Runs a short command on `display` (coreutils' timeout ends it after kBound) and returns the
@@ -193,11 +177,11 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
 
   // The X server picks a free display number and writes it once it is ready.
   Child xvfb({"Xvfb", "-displayfd", "1", "-screen", "0", "375x667x24", "-nolisten", "tcp"});
-  ASSERT_TRUE(xvfb.running()) << "Xvfb is required: scripts/setup.sh installs it";
   const std::string number = xvfb.waitForLine([](const std::string& l) {
     return !l.empty() && l.find_first_not_of("0123456789") == std::string::npos;
   });
-  ASSERT_FALSE(number.empty()) << "Xvfb did not start:\n" << xvfb.output();
+  ASSERT_FALSE(number.empty()) << "Xvfb (scripts/setup.sh installs it) did not start:\n"
+                               << xvfb.output();
   const std::string display = ":" + number;
 
   std::filesystem::create_directories(dir / "broker");
@@ -245,16 +229,16 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
     EXPECT_TRUE(run(display, "xdotool windowfocus --sync " + target));
   }
 
-  const Frames collapsed = parseFrames(host.waitForLine([](const std::string& l) {
-    const Frames f = parseFrames(l);
-    return f.ok && f.banner.y == 20 && f.rows.size() == 2;
+  const auto collapsed = boxesOf(host.waitForLine([](const std::string& l) {
+    const auto boxes = boxesOf(l);
+    return boxes.size() == 3 && boxes[0].y == 20;
   }));
-  ASSERT_TRUE(collapsed.ok) << host.output();
-  EXPECT_EQ(collapsed.banner.w, 375);
+  ASSERT_EQ(collapsed.size(), 3u) << host.output();
+  EXPECT_EQ(collapsed[0].w, 375);
   constexpr std::size_t kScreenBytes = kScreenWidth * 667 * 3;
   const std::string before = screenshot(display, dir / "collapsed.rgb");
   ASSERT_EQ(before.size(), kScreenBytes);
-  const Box question = collapsed.rows[1];
+  const Box question = collapsed[2];
   EXPECT_EQ(rgb(before, question.x + 20, question.y + 4), (std::array<int, 3>{255, 255, 255}));
   // Beside the card the SDK's layer is transparent: the host's own screen shows.
   EXPECT_EQ(rgb(before, 4, question.y + question.h / 2), (std::array<int, 3>{241, 243, 247}));
@@ -265,19 +249,17 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
                                  std::to_string(box.y + box.h / 2) + " click 1"));
   };
   click(question);
-  const Frames expanded = parseFrames(host.waitForLine([](const std::string& l) {
-    const Frames f = parseFrames(l);
-    return f.rows.size() == 4 && f.backdrop == 1;
+  const auto expanded = boxesOf(host.waitForLine([](const std::string& l) {
+    return boxesOf(l).size() == 5 && l.find(" backdrop=1.000") != std::string::npos;
   }));
-  ASSERT_EQ(expanded.rows.size(), 4u) << host.output();
+  ASSERT_EQ(expanded.size(), 5u) << host.output();
   const std::string after = screenshot(display, dir / "expanded.rgb");
   ASSERT_EQ(after.size(), kScreenBytes);
-  EXPECT_EQ(rgb(after, expanded.rows[2].x + 20, expanded.rows[2].y + 4),
-            (std::array<int, 3>{255, 255, 255}));
+  EXPECT_EQ(rgb(after, expanded[3].x + 20, expanded[3].y + 4), (std::array<int, 3>{255, 255, 255}));
   // The backdrop's dark tint (alpha 0.62 at full fade) over the host's screen below the card.
   EXPECT_LT(rgb(after, 187, 620)[0], rgb(before, 187, 620)[0] * 0.55);
 
-  click(expanded.rows[2]);  // "Yes"
+  click(expanded[3]);  // "Yes"
   ASSERT_FALSE(host.waitForLine(containing("QuorviaSDK: Successfuly sent reply: Yes")).empty())
       << host.output();
   auto replies = admin.Get("/admin/polls/" + std::to_string(pollId) + "/replies");
