@@ -268,14 +268,5 @@ TEST_F(PollModelTest, MissingPiecesAreNotErrorsButBadShapesRaise) {
   }
 }
 
-TEST_F(PollModelTest, RemoteNotificationWithoutAUsablePollIsDroppedSilently) {
-  for (const Value& payload : {Value{{"aps", Value::object()}}, Value{{"poll", "junk"}},
-                               Value{{"poll", {{"id", 1}, {"options", 5}}}}}) {
-    EXPECT_NO_THROW(QuorviaSDK::handleRemoteNotification(payload)) << payload.dump();
-  }
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_TRUE(log_.lines().empty());
-}
-
 }  // namespace
 }  // namespace quorvia
