@@ -213,20 +213,6 @@ TEST_F(StartupTest, CategoriesReachTheNotificationSettings) {
 
 class PollModelTest : public testing::PlatformTest {};
 
-TEST_F(PollModelTest, FactoryStoresValuesAsTheyStand) {
-  const auto poll = QVModelPoll::objectWithDictionary(
-      Value{{"id", 7},
-            {"question", "Lunch?"},
-            {"options", {{{"text", "Yes"}}, {{"text", "Menu"}, {"link", "https://x.test/m"}}}}});
-  EXPECT_EQ(poll->objectId(), Value(7)) << "a numeric id stays a number";
-  EXPECT_EQ(poll->question(), Value("Lunch?"));
-  ASSERT_EQ(poll->options().size(), 2u);
-  EXPECT_EQ(poll->options()[0]->text(), Value("Yes"));
-  EXPECT_FALSE(poll->options()[0]->link()) << "no \"link\" leaves the link nil";
-  EXPECT_EQ(poll->options()[1]->link(), Value("https://x.test/m"));
-  EXPECT_TRUE(log_.lines().empty());
-}
-
 // Missing pieces give a poll (a missing id writes a line); malformed shapes
 // raise, not swallowed: each caller decides whether to write a line.
 TEST_F(PollModelTest, MissingPiecesAreNotErrorsButBadShapesRaise) {
