@@ -82,19 +82,6 @@ TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
       << "the property stays unset; the token lives process-wide";
 }
 
-TEST_F(StartupTest, DebugOffSilencesEveryGatedLine) {
-  QuorviaSDK::setDebug(false);
-  env_->setSystemVersion("7.0");
-  QuorviaSDK::initWithAppToken("A", std::nullopt);
-  env_->setSystemVersion("9.0");
-  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  QuorviaSDK::log("anything");
-  EXPECT_TRUE(log_.lines().empty());
-  QuorviaSDK::setDebug(true);
-  QuorviaSDK::log("back");
-  EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: back"});
-}
-
 TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
   struct Case {
     const char* name;

@@ -108,7 +108,6 @@ TEST_F(HostWindowTest, TransparentWhereTheSdkDrawsNothingAndTintedUnderTheBackdr
     std::array<int, 4> bgra;
   };
   const Case cases[] = {
-      {"above the banner", kNone, {187, 10}, {0, 0, 0, 0}},
       {"the margin beside the card", kNone, {5, 100}, {0, 0, 0, 0}},
       {"a rounded corner", kNone, {10.5, 28.5}, {0, 0, 0, 0}},
       {"inside the card", kNone, {30, 40}, {255, 255, 255, 255}},
