@@ -1,14 +1,17 @@
-// Start-up: the release gate, the launch payload, the shared instance and
-// the categories merged into the notification settings.
+// Start-up: the release gate, the launch payload, the shared instance, and the
+// notification categories the library brings into the host's settings; and the
+// poll model that payloads carry.
 
 #include <set>
 #include <thread>
 
 #include "quorvia/QuorviaSDK.h"
 #include "platform/ApplicationRecords.h"
+#include "quorvia/platform/Error.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "sdk/CategoriesManager.h"
 #include "sdk/SDKState.h"
+#include "service/QVModelPoll.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
 #include "ui/QVNotificationView.h"
@@ -16,6 +19,7 @@
 namespace quorvia {
 namespace {
 
+using platform::CategorySet;
 using platform::Value;
 
 class StartupTest : public testing::PlatformTest {
@@ -24,17 +28,13 @@ class StartupTest : public testing::PlatformTest {
     PlatformTest::SetUp();
     transport_ = testing::FakeTransport::install();
   }
-  /// Poll fetches sent so far.
   int fetches() const {
     int n = 0;
     for (const auto& line : transport_->requestLines()) n += line.rfind("GET /apps/", 0) == 0;
     return n;
   }
-  std::shared_ptr<QVNotificationView> banner() {
-    return sdk::SDKState::shared().banner->presentedPollView();
-  }
-  std::shared_ptr<testing::FakeTransport> transport_;
   platform::Application& app() { return platform::Application::sharedApplication(); }
+  std::shared_ptr<testing::FakeTransport> transport_;
 };
 
 TEST_F(StartupTest, SharedInstanceIsCreatedOnceAcrossThreads) {
@@ -45,58 +45,41 @@ TEST_F(StartupTest, SharedInstanceIsCreatedOnceAcrossThreads) {
   for (auto& t : threads) t.join();
   EXPECT_EQ(std::set<QuorviaSDK*>(seen.begin(), seen.end()).size(), 1u);
   EXPECT_EQ(platform::ApplicationRecords::remoteNotificationRegistrationCount(app()), 1);
-  EXPECT_EQ(platform::NotificationCenter::defaultCenter().observerCount(
-                platform::UIApplicationDidBecomeActiveNotification),
-            1u);
   EXPECT_TRUE(QuorviaSDK::sharedInstance()->debug()) << "logging is on from creation";
   EXPECT_TRUE(sdk::SDKState::shared().interception.addedMethods().empty());
+  // Becoming active fetches, once: a second observer would fetch twice.
+  const int before = fetches();
+  platform::NotificationCenter::defaultCenter().postNotificationName(
+      platform::UIApplicationDidBecomeActiveNotification);
+  EXPECT_EQ(fetches(), before + 1);
 }
 
 TEST_F(StartupTest, ReleaseGateReadsTheLeadingInteger) {
-  struct Case {
-    const char* version;
-    bool runs;
-  };
   // Integer comparison: "10.3" passes where a text comparison would fail it.
-  const Case cases[] = {{"7.1.2", false}, {"7.1", false}, {"8.0", true},  {"8.4.1", true},
-                        {"10.3", true},   {"abc", false}, {" 9.0", true}, {"-8", false}};
+  const std::pair<const char*, bool> cases[] = {{"7.1.2", false}, {"7.1", false}, {"8.0", true},
+                                                {"8.4.1", true},  {"10.3", true}, {"abc", false},
+                                                {" 9.0", true},   {"-8", false}};
   int n = 0;
-  for (const auto& c : cases) {
-    env_->setSystemVersion(c.version);
+  for (const auto& [version, runs] : cases) {
+    SCOPED_TRACE(version);
+    env_->setSystemVersion(version);
     const std::optional<std::string> before = sdk::SDKState::currentAppToken();
     const std::string token = "token-" + std::to_string(n++);
     log_.clear();
     const int fetchesBefore = fetches();
     QuorviaSDK::initWithAppToken(token, std::nullopt);
-    if (c.runs) {
-      EXPECT_EQ(sdk::SDKState::currentAppToken(), token) << c.version;
-      EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token))
-          << c.version;
-      EXPECT_EQ(fetches(), fetchesBefore + 1) << c.version;
+    EXPECT_EQ(sdk::SDKState::currentAppToken(), runs ? token : before);
+    EXPECT_EQ(fetches(), fetchesBefore + (runs ? 1 : 0));
+    if (runs) {
+      EXPECT_TRUE(log_.contains("QuorviaSDK: Initialized SDK with app token: " + token));
       EXPECT_EQ(transport_->requestLines().back(), "GET /apps/" + token + "/polls/");
     } else {
-      EXPECT_EQ(sdk::SDKState::currentAppToken(), before) << c.version << " keeps no token";
       EXPECT_EQ(log_.lines(),
-                std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."})
-          << c.version;
-      EXPECT_EQ(fetches(), fetchesBefore) << c.version;
+                std::vector<std::string>{"QuorviaSDK: iOS lower than 8.0, SDK will not run."});
     }
   }
   EXPECT_EQ(QuorviaSDK::sharedInstance()->appToken(), std::nullopt)
       << "the property stays unset; the token lives process-wide";
-}
-
-TEST_F(StartupTest, DebugOffSilencesEveryGatedLine) {
-  QuorviaSDK::setDebug(false);
-  env_->setSystemVersion("7.0");
-  QuorviaSDK::initWithAppToken("A", std::nullopt);
-  env_->setSystemVersion("9.0");
-  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  QuorviaSDK::log("anything");
-  EXPECT_TRUE(log_.lines().empty());
-  QuorviaSDK::setDebug(true);
-  QuorviaSDK::log("back");
-  EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: back"});
 }
 
 TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
@@ -105,84 +88,156 @@ TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
     std::optional<Value> launchOptions;
     bool presents;
   };
-  const Value withPoll = {
-      {UIApplicationLaunchOptionsRemoteNotificationKey,
-       {{"aps", {{"alert", "Q?"}}}, {"poll", {{"id", 7}, {"question", "Q?"}}}}}};
+  constexpr auto kKey = UIApplicationLaunchOptionsRemoteNotificationKey;
   const Case cases[] = {
       {"no launch options", std::nullopt, false},
       {"options without a payload", Value{{"other", 1}}, false},
-      {"payload without poll",
-       Value{{UIApplicationLaunchOptionsRemoteNotificationKey, {{"aps", Value::object()}}}}, false},
-      {"payload that is not a dictionary",
-       Value{{UIApplicationLaunchOptionsRemoteNotificationKey, "junk"}}, false},
-      {"payload with poll", withPoll, true},
+      {"payload without poll", Value{{kKey, {{"aps", Value::object()}}}}, false},
+      {"payload that is not a dictionary", Value{{kKey, "junk"}}, false},
+      {"payload with poll", Value{{kKey, {{"poll", {{"id", 7}, {"question", "Q?"}}}}}}, true},
   };
+  const auto banner = [] { return sdk::SDKState::shared().banner->presentedPollView(); };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     const int fetchesBefore = fetches();
-    ASSERT_EQ(banner(), nullptr);
     log_.clear();
     QuorviaSDK::initWithAppToken("A", c.launchOptions, false);
-    const bool logged =
-        log_.contains("QuorviaSDK: Detected poll in notification upon app launch. Presenting.");
-    EXPECT_EQ(logged, c.presents) << c.name;
-    EXPECT_EQ(fetches() - fetchesBefore, c.presents ? 0 : 1) << c.name;
+    EXPECT_EQ(
+        log_.contains("QuorviaSDK: Detected poll in notification upon app launch. Presenting."),
+        c.presents);
+    EXPECT_EQ(fetches() - fetchesBefore, c.presents ? 0 : 1);
     advance(0.099);
-    EXPECT_EQ(banner(), nullptr) << c.name << ": nothing before 0.1 s";
+    EXPECT_EQ(banner(), nullptr) << "nothing before 0.1 s";
     advance(0.001);
-    ASSERT_EQ(banner() != nullptr, c.presents) << c.name;
+    ASSERT_EQ(banner() != nullptr, c.presents);
     if (c.presents) {
-      EXPECT_TRUE(banner()->showOptions()) << c.name << ": expanded";
+      EXPECT_TRUE(banner()->showOptions()) << "expanded";
       EXPECT_EQ(platform::describe(banner()->poll()->objectId()), "7");
     }
   }
 }
 
-TEST_F(StartupTest, BecomingActiveFetches) {
-  QuorviaSDK::sharedInstance();
-  const int before = fetches();
-  platform::NotificationCenter::defaultCenter().postNotificationName(
-      platform::UIApplicationDidBecomeActiveNotification);
-  EXPECT_EQ(fetches(), before + 1);
+// The identifiers come back as replies, so they must be these exact code
+// points, in this button order.
+TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
+  const std::vector<std::vector<std::string>> rows = {
+      {"Yes.No", "Yes", "No"},
+      {"No.Yes", "No", "Yes"},
+      {"A.B", "A", "B"},
+      {"emoji1.emoji2", "\u261D\uFE0F", "\u270C\uFE0F"},
+      {"emojiA.emojiB", "\U0001F170\uFE0F", "\U0001F171\uFE0F"},
+      {"thumbsup.thumbsdown", "\U0001F44D", "\U0001F44E"},
+  };
+  const CategorySet set = CategoriesManager().categories();
+  ASSERT_EQ(set.count(), rows.size());
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row[0]);
+    const platform::NotificationCategory* category = set.categoryWithIdentifier(row[0]);
+    ASSERT_NE(category, nullptr);
+    std::vector<std::string> buttons = {row[0]};
+    for (const auto& action :
+         category->actionsForContext(platform::UserNotificationActionContext::kDefault)) {
+      buttons.push_back(action.identifier());
+      EXPECT_EQ(action.title(), action.identifier());
+      EXPECT_EQ(action.activationMode(), platform::UserNotificationActivationMode::kBackground);
+      EXPECT_FALSE(action.isDestructive() || action.isAuthenticationRequired());
+    }
+    EXPECT_EQ(buttons, row);
+    EXPECT_TRUE(
+        category->actionsForContext(platform::UserNotificationActionContext::kMinimal).empty());
+  }
 }
 
-TEST_F(StartupTest, CategoriesMergeOutcomes) {
-  const platform::CategorySet library = CategoriesManager().categories();
-  platform::NotificationCategory hostOwn =
-      CategoriesManager().createCategoryWithActions({"Go"}, "host");
+// Start-up adds the library's categories only when alerts are allowed and they
+// are missing, with no types; asking for permission registers all three types
+// every time, keeping the host's own categories.
+TEST_F(StartupTest, CategoriesReachTheNotificationSettings) {
+  const CategorySet library = CategoriesManager().categories();
+  const auto hostOwn = CategoriesManager().createCategoryWithActions({"Go"}, "host");
+  const CategorySet host{hostOwn};
+  const CategorySet both = host.setByAddingObjectsFromSet(library);
   struct Case {
     const char* name;
+    bool ask;  // askUserForPushPermissions rather than start-up
     platform::NotificationSettings current;
     bool registers;
-    std::optional<platform::CategorySet> expected;
+    unsigned types;
+    std::optional<CategorySet> expected;
+    bool responds = true;
   };
   const std::vector<Case> cases = {
-      {"no alert bit",
-       {platform::kUserNotificationTypeBadge | platform::kUserNotificationTypeSound,
-        platform::CategorySet{hostOwn}},
-       false,
-       std::nullopt},
-      {"already holds the library's",
-       {7, library.setByAddingObjectsFromSet({hostOwn})},
-       false,
-       std::nullopt},
-      {"other categories",
-       {4, platform::CategorySet{hostOwn}},
-       true,
-       platform::CategorySet{hostOwn}.setByAddingObjectsFromSet(library)},
-      {"absent set", {4, std::nullopt}, true, std::nullopt},
+      {"start: badge and sound, no alert", false, {3, host}, false, 0, {}},
+      {"start: already holds the library's", false, {7, both}, false, 0, {}},
+      {"start: other categories", false, {4, host}, true, 0, both},
+      {"start: absent set", false, {4, std::nullopt}, true, 0, std::nullopt},
+      {"ask: other categories", true, {7, host}, true, 7, both},
+      {"ask: nothing changes, registers anyway", true, {7, both}, true, 7, both},
+      {"ask: absent set gives none", true, {7, std::nullopt}, true, 7, std::nullopt},
+      {"ask: a platform without the call", true, {7, both}, false, 0, {}, false},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     app().setCurrentUserNotificationSettings(c.current);
+    app().setRespondsToRegisterUserNotificationSettings(c.responds);
     const auto before = app().registeredUserNotificationSettings().size();
-    QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-    const auto registered = app().registeredUserNotificationSettings();
-    ASSERT_EQ(registered.size() - before, c.registers ? 1u : 0u) << c.name;
-    if (!c.registers) continue;
-    EXPECT_EQ(registered.back().types, 0u) << c.name << ": deliberately no types";
-    ASSERT_EQ(registered.back().categories.has_value(), c.expected.has_value()) << c.name;
-    if (c.expected) {
-      EXPECT_TRUE(registered.back().categories->isEqualToSet(*c.expected)) << c.name;
+    log_.clear();
+    if (c.ask) {
+      QuorviaSDK::askUserForPushPermissions();
+      EXPECT_TRUE(log_.lines().empty());
+    } else {
+      QuorviaSDK::initWithAppToken("A", std::nullopt, false);
     }
+    const auto registered = app().registeredUserNotificationSettings();
+    ASSERT_EQ(registered.size() - before, c.registers ? 1u : 0u);
+    if (!c.registers) continue;
+    EXPECT_EQ(registered.back().types, c.types);
+    ASSERT_EQ(registered.back().categories.has_value(), c.expected.has_value());
+    if (c.expected) {
+      EXPECT_TRUE(registered.back().categories->isEqualToSet(*c.expected));
+    }
+  }
+}
+
+class PollModelTest : public testing::PlatformTest {};
+
+// Missing pieces give a poll (a missing id writes a line); malformed shapes
+// raise, not swallowed: each caller decides whether to write a line.
+TEST_F(PollModelTest, MissingPiecesAreNotErrorsButBadShapesRaise) {
+  struct Case {
+    const char* name;
+    std::optional<Value> dict;
+    bool raises;
+    int nilIdLines = 0;
+    std::size_t options = 0;
+  };
+  const auto withOptions = [&](Value options) { return Value{{"id", 1}, {"options", options}}; };
+  const Case cases[] = {
+      {"no id", Value{{"question", "Q"}, {"options", Value::array()}}, false, 1},
+      {"no options", Value{{"id", "p1"}}, false},
+      {"null id is a value", Value{{"id", nullptr}}, false},
+      {"options dictionary without entries", withOptions(Value::object()), false},
+      {"option without text", withOptions(Value::array({Value::object()})), false, 0, 1},
+      {"nil dictionary", std::nullopt, false, 1},
+      {"a poll that is a string", Value("poll"), true},
+      {"a poll that is an array", Value::array({1, 2}), true},
+      {"a poll that is null", Value(nullptr), true},
+      {"options as a string", withOptions("Yes,No"), true},
+      {"options null", withOptions(nullptr), true},
+      {"an option that is a string", withOptions(Value::array({"Yes"})), true},
+      {"options a single option", withOptions(Value{{"text", "Yes"}}), true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    log_.clear();
+    const Value* dict = c.dict ? &*c.dict : nullptr;
+    if (c.raises) {
+      EXPECT_THROW(QVModelPoll::objectWithDictionary(dict), platform::Exception);
+      continue;
+    }
+    const auto poll = QVModelPoll::objectWithDictionary(dict);
+    ASSERT_NE(poll, nullptr);
+    EXPECT_EQ(log_.count("nil id"), c.nilIdLines);
+    EXPECT_EQ(poll->options().size(), c.options);
   }
 }
 

@@ -1,17 +1,15 @@
-#include <gtest/gtest.h>
+// The SDK as a transparent layer in a host's own window: what it paints into
+// the host's buffer, when it asks for a repaint, which pointer events it takes,
+// and what the window's focus does.
 
 #include <cmath>
 #include <cstdint>
-#include <functional>
 #include <limits>
-#include <string>
-#include <vector>
 
 #include "quorvia/platform/HostWindow.h"
 #include "quorvia/platform/NotificationCenter.h"
-#include "sdk/SDKState.h"
 #include "support/PlatformTest.h"
-#include "ui/BannerTestSupport.h"
+#include "ui/BannerScene.h"
 
 namespace quorvia {
 namespace {
@@ -30,7 +28,7 @@ class HostWindowTest : public testing::PlatformTest {
   void SetUp() override {
     PlatformTest::SetUp();
     host_ = std::make_unique<HostWindow>(platform::Size{375, 667}, 2);
-    pixels_.assign(static_cast<std::size_t>(750) * 1334 * 4, 0);
+    pixels_.assign(std::size_t{750} * 1334 * 4, 0);
   }
   void TearDown() override {
     host_.reset();
@@ -38,19 +36,22 @@ class HostWindowTest : public testing::PlatformTest {
   }
   std::vector<PixelRect> paint() { return host_->paint({pixels_.data(), 750, 1334, 750 * 4}); }
   // B, G, R, A of the pixel under a point.
-  std::array<std::uint8_t, 4> at(double x, double y) const {
+  std::array<int, 4> at(double x, double y) const {
     const auto* p =
         &pixels_[(static_cast<std::size_t>(y * 2) * 750 + static_cast<std::size_t>(x * 2)) * 4];
     return {p[0], p[1], p[2], p[3]};
   }
-  std::shared_ptr<QVNotificationView> present(const std::string& question = "Coffee?") {
-    const auto poll = testing::pollDict(question, {{"Yes", ""}, {"No", ""}});
+  std::shared_ptr<QVNotificationView> present() {
+    const auto poll = testing::pollDict("Coffee?", {{"Yes", ""}, {"No", ""}});
     return sdk::SDKState::shared().banner->presentPollWithPollDict(&poll);
   }
   // The centre of the question row, on screen once the slide is over.
   Point card(QVNotificationView& view) {
-    auto row = testing::cellAt<QVNotificationTextCell>(view, 0, 1);
-    return testing::centerInWindow(*row);
+    return testing::centerInWindow(*testing::cellAt<QVNotificationTextCell>(view, 0, 1));
+  }
+  void hide(const std::shared_ptr<QVNotificationView>& view) {
+    sdk::SDKState::shared().banner->hideNotificationView(view);
+    advance(0.3);
   }
 
   std::unique_ptr<HostWindow> host_;
@@ -68,20 +69,14 @@ TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
   const std::vector<Case> cases = {
       {"nothing changed", [](auto&, auto&) {}, {}},
       {"a colour",
-       [](auto& v, auto&) {
-         v.setBackgroundColor(platform::Color{1, 0, 0, 1});
-       },
+       [](auto& v, auto&) { v.setBackgroundColor(platform::Color::blackColor()); },
        {spot}},
       {"a move: the new place and the old",
        [](auto& v, auto&) { v.setFrame(Rect::make(110, 200, 10, 10)); },
        {{220, 400, 20, 20}, spot}},
       {"a removal", [](auto& v, auto&) { v.removeFromSuperview(); }, {spot}},
       {"a fade", [](auto& v, auto&) { v.setAlpha(0.5); }, {spot}},
-      {"a resize repaints all",
-       [](auto&, auto& h) {
-         h.setSize({375, 667}, 2);
-       },
-       {whole}},
+      {"a resize repaints all", [](auto&, HostWindow& h) { h.setSize(h.size(), 2); }, {whole}},
       {"invalidate repaints all", [](auto&, auto& h) { h.invalidate(); }, {whole}},
   };
   for (const auto& c : cases) {
@@ -103,138 +98,91 @@ TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
   }
 }
 
-TEST_F(HostWindowTest, TransparentWhereTheSdkDrawsNothing) {
-  ASSERT_TRUE(present());
-  advance(0.3);
-  drain();
-  paint();
+// Premultiplied B, G, R, A; all four bytes 0 where the SDK draws nothing.
+TEST_F(HostWindowTest, TransparentWhereTheSdkDrawsNothingAndTintedUnderTheBackdrop) {
+  enum Backdrop { kNone, kBlur, kPlain };
   struct Case {
     const char* name;
+    Backdrop backdrop;
     Point point;
-    std::array<std::uint8_t, 4> bgra;
+    std::array<int, 4> bgra;
   };
   const Case cases[] = {
-      {"above the banner", {187, 10}, {0, 0, 0, 0}},
-      {"the margin beside the card", {5, 100}, {0, 0, 0, 0}},
-      {"a rounded corner", {10.5, 28.5}, {0, 0, 0, 0}},
-      {"inside the card", {30, 40}, {255, 255, 255, 255}},
-      {"below the card, inside the banner's frame", {187, 300}, {0, 0, 0, 0}},
-      {"below the banner", {187, 600}, {0, 0, 0, 0}},
+      {"the margin beside the card", kNone, {5, 100}, {0, 0, 0, 0}},
+      {"a rounded corner", kNone, {10.5, 28.5}, {0, 0, 0, 0}},
+      {"inside the card", kNone, {30, 40}, {255, 255, 255, 255}},
+      {"below the card, inside the banner's frame", kNone, {187, 300}, {0, 0, 0, 0}},
+      {"below the banner", kNone, {187, 600}, {0, 0, 0, 0}},
+      {"the dark blur's tint, 0.07, 0.07, 0.08 at 0.62", kBlur, {187, 600}, {13, 11, 11, 158}},
+      {"reduced transparency: black at 0.5", kPlain, {187, 600}, {0, 0, 0, 128}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    EXPECT_EQ(at(c.point.x, c.point.y), c.bgra);
-  }
-}
-
-TEST_F(HostWindowTest, ExpandedBackdropLetsTheHostShowThroughItsTint) {
-  for (bool reduce : {false, true}) {
-    SCOPED_TRACE(reduce ? "reduce transparency: black at 0.5" : "dark blur: its tint");
-    env_->setReduceTransparency(reduce);
+  for (const Backdrop state : {kNone, kBlur, kPlain}) {
+    env_->setReduceTransparency(state == kPlain);
     auto view = present();
     ASSERT_TRUE(view);
     advance(0.3);
-    sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
-    advance(0.2);
+    if (state != kNone) {
+      sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
+      advance(0.2);
+    }
+    host_->invalidate();  // every pixel anew: what gets repainted is another test's concern
     drain();
     paint();
-    // Premultiplied B, G, R, A: the dark tint (0.07, 0.07, 0.08 at 0.62), or black at 0.5.
-    const std::array<int, 4> expected =
-        reduce ? std::array<int, 4>{0, 0, 0, 128} : std::array<int, 4>{13, 11, 11, 158};
-    const auto pixel = at(187, 600);
-    for (int i = 0; i < 4; ++i) EXPECT_NEAR(pixel[i], expected[i], 1) << i;
-    sdk::SDKState::shared().banner->hideNotificationView(view);
-    advance(0.3);
+    for (const auto& c : cases) {
+      if (c.backdrop != state) continue;
+      SCOPED_TRACE(c.name);
+      const auto pixel = at(c.point.x, c.point.y);
+      for (int i = 0; i < 4; ++i) EXPECT_NEAR(pixel[i], c.bgra[i], 1) << i;
+    }
+    hide(view);
   }
 }
 
-TEST_F(HostWindowTest, HitTestsWhatIsOnScreenDuringTheSlide) {
-  ASSERT_TRUE(present());
-  struct Case {
-    double elapsed;  // seconds since the slide began
-    Point point;
-    PointerAnswer answer;
-  };
-  // Half way the banner is on screen from y -205 to 125; its model frame is 20...350.
-  const Case cases[] = {
-      {0, {187, 100}, kPassed},     // still above the window
-      {0.15, {187, 100}, kTaken},   // on screen, above the model frame's middle
-      {0.15, {187, 300}, kPassed},  // inside the model frame only
-      {0.3, {187, 300}, kTaken},    // arrived: the whole 330-point frame
-      {0.3, {187, 360}, kPassed},   // below it
-  };
-  double now = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.elapsed);
-    advance(c.elapsed - now);
-    now = c.elapsed;
-    EXPECT_EQ(host_->pointerMove(c.point), c.answer);
-  }
-}
-
-TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
+// Hit testing uses what is on screen now, the slide included; a press that
+// began on the banner is the SDK's until it ends.
+TEST_F(HostWindowTest, PointerAnswersComeFromWhatIsOnScreen) {
   const double nan = std::numeric_limits<double>::quiet_NaN();
   struct Step {
     char kind;  // d(own) m(ove) u(p) c(ancel)
     Point point;
     PointerAnswer answer;
   };
-  struct Case {
+  struct Setup {
     const char* name;
-    bool banner;
-    bool onCard;  // then step points are offsets from the question row's centre
-    std::vector<Step> steps;
-    bool expanded;
+    double shown;  // seconds since the banner's slide began; no banner when negative
+    bool onCard;   // step points are offsets from the question row's centre
+    bool expands;
   };
   const Point host{187, 600};
-  const std::vector<Case> cases = {
-      {"before any banner, everything is the host's",
-       false,
-       false,
-       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}},
-       false},
-      {"a click on the host beside a banner",
-       true,
-       false,
-       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}},
-       false},
-      {"a tap on the card expands it",
-       true,
-       true,
-       {{'d', {}, kTaken}, {'m', {0, 500}, kTaken}, {'u', {}, kTaken}},
-       true},
-      {"a press on the card released on the host cancels",
-       true,
-       true,
-       {{'d', {}, kTaken}, {'u', {0, 500}, kTaken}},
-       false},
-      {"released elsewhere on the same row, still a tap",
-       true,
-       true,
-       {{'d', {}, kTaken}, {'u', {165, 0}, kTaken}},  // off the label, on the row
-       true},
-      {"a cancelled press",
-       true,
-       true,
-       {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}},
-       false},
-      {"coordinates that are not numbers",
-       true,
-       false,
-       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}},
-       false},
+  // Half way the banner is on screen from y -205 to 125; its model frame is 20...350.
+  const std::vector<std::pair<Setup, std::vector<Step>>> cases = {
+      {{"no banner: all is the host's", -1, false, false},
+       {{'d', {187, 100}, kPassed}, {'u', {187, 100}, kPassed}, {'c', {}, kPassed}}},
+      {{"the slide begins above the window", 0, false, false}, {{'m', {187, 100}, kPassed}}},
+      {{"half way: what is on screen, not the model frame", 0.15, false, false},
+       {{'m', {187, 100}, kTaken}, {'m', {187, 300}, kPassed}}},
+      {{"arrived: the whole 330-point frame", 0.3, false, false},
+       {{'m', {187, 300}, kTaken}, {'m', {187, 360}, kPassed}}},
+      {{"a click on the host beside a banner", 0.3, false, false},
+       {{'d', host, kPassed}, {'m', host, kPassed}, {'u', host, kPassed}}},
+      {{"a tap on the card expands it", 0.3, true, true},
+       {{'d', {}, kTaken}, {'m', {0, 500}, kTaken}, {'u', {}, kTaken}}},
+      {{"a press on the card released on the host cancels", 0.3, true, false},
+       {{'d', {}, kTaken}, {'u', {0, 500}, kTaken}}},
+      {{"released off the label on the same row, still a tap", 0.3, true, true},
+       {{'d', {}, kTaken}, {'u', {165, 0}, kTaken}}},
+      {{"a cancelled press", 0.3, true, false},
+       {{'d', {}, kTaken}, {'c', {}, kTaken}, {'c', {}, kPassed}}},
+      {{"coordinates that are not numbers", 0.3, false, false},
+       {{'d', {nan, 100}, kPassed}, {'m', {100, nan}, kPassed}, {'u', {nan, nan}, kPassed}}},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    std::shared_ptr<QVNotificationView> view;
-    if (c.banner) {
-      view = present();
-      ASSERT_TRUE(view);
-      advance(0.3);
-    }
-    for (const auto& step : c.steps) {
+  for (const auto& [is, steps] : cases) {
+    SCOPED_TRACE(is.name);
+    const auto view = is.shown < 0 ? nullptr : present();
+    if (view) advance(is.shown);
+    for (const auto& step : steps) {
       Point p = step.point;
-      if (c.onCard) p = {card(*view).x + p.x, card(*view).y + p.y};
+      if (is.onCard) p = {card(*view).x + p.x, card(*view).y + p.y};
       const PointerAnswer answer = step.kind == 'd'   ? host_->pointerDown(p)
                                    : step.kind == 'm' ? host_->pointerMove(p)
                                    : step.kind == 'u' ? host_->pointerUp(p)
@@ -242,9 +190,8 @@ TEST_F(HostWindowTest, PointerAnswersSayWhoTakesTheEvent) {
       EXPECT_EQ(answer, step.answer) << step.kind;
     }
     if (view) {
-      EXPECT_EQ(view->showOptions(), c.expanded);
-      sdk::SDKState::shared().banner->hideNotificationView(view);
-      advance(0.3);
+      EXPECT_EQ(view->showOptions(), is.expands);
+      hide(view);
     }
   }
   EXPECT_TRUE(log_.contains("HostWindow: ignoring a pointer press at a point that is not finite"));
@@ -276,26 +223,21 @@ TEST_F(HostWindowTest, RepaintIsAskedForOnlyWhileSomethingChanges) {
 
 TEST_F(HostWindowTest, FocusPostsTheActivityNotificationsOnChangesOnly) {
   std::vector<std::string> posted;
-  auto& center = platform::NotificationCenter::defaultCenter();
   for (const char* name : {platform::UIApplicationDidBecomeActiveNotification,
                            platform::UIApplicationWillResignActiveNotification}) {
-    center.addObserver(name, [&](std::string_view n) { posted.emplace_back(n); });
+    platform::NotificationCenter::defaultCenter().addObserver(
+        name, [&](std::string_view n) { posted.emplace_back(n); });
   }
-  struct Case {
-    bool focused;
-    std::vector<std::string> posted;
-  };
-  const Case cases[] = {
-      {true, {"UIApplicationDidBecomeActiveNotification"}},   {true, {}},
-      {false, {"UIApplicationWillResignActiveNotification"}}, {false, {}},
-      {true, {"UIApplicationDidBecomeActiveNotification"}},
-  };
-  for (const auto& c : cases) {
+  const std::string active = "UIApplicationDidBecomeActiveNotification";
+  const std::string resign = "UIApplicationWillResignActiveNotification";
+  const std::pair<bool, std::vector<std::string>> cases[] = {
+      {true, {active}}, {true, {}}, {false, {resign}}, {false, {}}, {true, {active}}};
+  for (const auto& [focused, expected] : cases) {
     posted.clear();
-    host_->setFocused(c.focused);
+    host_->setFocused(focused);
     EXPECT_TRUE(posted.empty());  // posted on the main queue, not inside the call
     drain();
-    EXPECT_EQ(posted, c.posted) << c.focused;
+    EXPECT_EQ(posted, expected) << focused;
   }
 }
 
@@ -310,10 +252,12 @@ TEST_F(HostWindowTest, BadSizesAndBuffersAreLoggedAndRefused) {
     EXPECT_EQ(host_->pixelWidth(), 750);
     EXPECT_EQ(host_->pixelHeight(), 1334);
   }
-  EXPECT_TRUE(host_->paint({nullptr, 750, 1334, 3000}).empty());
-  EXPECT_TRUE(host_->paint({pixels_.data(), 750, 1334, 2999}).empty());
-  EXPECT_TRUE(host_->paint({pixels_.data(), 750, 1334, 1000}).empty());
-  EXPECT_TRUE(host_->paint({pixels_.data(), 0, 1334, 3000}).empty());
+  for (const platform::PixelBuffer& bad : {platform::PixelBuffer{nullptr, 750, 1334, 3000},
+                                           {pixels_.data(), 750, 1334, 2999},
+                                           {pixels_.data(), 750, 1334, 1000},
+                                           {pixels_.data(), 0, 1334, 3000}}) {
+    EXPECT_TRUE(host_->paint(bad).empty());
+  }
   EXPECT_GE(log_.lines().size(), 9u);
 }
 

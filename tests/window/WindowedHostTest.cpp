@@ -1,145 +1,187 @@
 // The desktop host in a real X window: Xvfb, a broker, the devserver and the host are started
 // here; xdotool clicks where the host says the banner's rows are, and screenshots show the
 // banner's pixels there.
-#include <cairo.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <string>
-#include <vector>
+#include <regex>
 
-#include "support/PlatformTest.h"
 #include "support/MosquittoBroker.h"
-#include "window/ChildProcess.h"
+#include "support/PlatformTest.h"
+
+extern char** environ;
 
 namespace quorvia {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ChildProcess;
+using Clock = std::chrono::steady_clock;
 
 constexpr const char* kAdminToken = "window-test-admin";
 constexpr const char* kAppToken = "window-test-app";
 constexpr auto kBound = 30s;
+constexpr int kScreenWidth = 375;
 
-struct Box {
-  double x = 0, y = 0, w = 0, h = 0;
-  double cx() const { return x + w / 2; }
-  double cy() const { return y + h / 2; }
-};
-
-// "frames banner=x,y,w,h rows=x,y,w,h;... [backdrop=a]" as the host prints it.
-struct Frames {
-  Box banner;
-  std::vector<Box> rows;
-  double backdrop = -1;
-};
-
-Frames parseFrames(const std::string& line) {
-  Frames frames;
-  auto box = [](const std::string& text) {
-    Box b;
-    std::sscanf(text.c_str(), "%lf,%lf,%lf,%lf", &b.x, &b.y, &b.w, &b.h);
-    return b;
-  };
-  std::istringstream words(line);
-  for (std::string word; words >> word;) {
-    if (word.rfind("banner=", 0) == 0) frames.banner = box(word.substr(7));
-    if (word.rfind("backdrop=", 0) == 0) frames.backdrop = std::atof(word.c_str() + 9);
-    if (word.rfind("rows=", 0) == 0) {
-      std::istringstream rows(word.substr(5));
-      for (std::string row; std::getline(rows, row, ';');) frames.rows.push_back(box(row));
-    }
-  }
-  return frames;
-}
-
-// A screenshot of the whole X screen, read back as Cairo's native 0xAARRGGBB words. The X
-// server may show a client's frame a little after the client presented it, so the screen is
-// captured until two captures in a row agree (at most ten times).
-class Screenshot {
+// A program the test starts, its stdout and stderr read as one stream of lines, and ended by
+// its PID when the test is done (SIGTERM, then SIGKILL after a few seconds).
+class Child final {
  public:
-  Screenshot(const std::string& display, const std::filesystem::path& png) {
-    for (int i = 0; i < 10; ++i) {
-      cairo_surface_t* next = capture(display, png);
-      const bool same = surface_ && next && equal(surface_, next);
-      if (surface_) cairo_surface_destroy(surface_);
-      surface_ = next;
-      if (same || !next) return;
+  explicit Child(std::vector<std::string> argv) {
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+    std::vector<char*> args;
+    for (auto& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    fd_ = out[0];
+  }
+  ~Child() {
+    if (pid_ > 0 && (::kill(pid_, SIGTERM), !ended(5s))) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  // The first line of its output that `match` accepts, waiting for it within kBound; "" if none.
+  std::string waitForLine(const std::function<bool(const std::string&)>& match) {
+    const auto deadline = Clock::now() + kBound;
+    for (std::size_t i = 0;; ++i) {
+      while (i >= lines_.size()) {
+        if (!pump(deadline)) return "";
+      }
+      if (match(lines_[i])) return lines_[i];
     }
   }
-  ~Screenshot() {
-    if (surface_) cairo_surface_destroy(surface_);
-  }
-  Screenshot(const Screenshot&) = delete;
-  Screenshot& operator=(const Screenshot&) = delete;
-  bool ok() const { return surface_ && cairo_surface_status(surface_) == CAIRO_STATUS_SUCCESS; }
-  // Red, green, blue at a point of the window (scale 1, the window at the screen's origin).
-  std::array<int, 3> rgb(double x, double y) const {
-    const auto* row = cairo_image_surface_get_data(surface_) +
-                      static_cast<int>(y) * cairo_image_surface_get_stride(surface_);
-    const std::uint32_t p = reinterpret_cast<const std::uint32_t*>(row)[static_cast<int>(x)];
-    return {static_cast<int>((p >> 16) & 0xff), static_cast<int>((p >> 8) & 0xff),
-            static_cast<int>(p & 0xff)};
+  std::string output() const {
+    std::string all;
+    for (const auto& line : lines_) all += line + "\n";
+    return all;
   }
 
  private:
-  static cairo_surface_t* capture(const std::string& display, const std::filesystem::path& png) {
-    ChildProcess import(
-        {"import", "-display", display, "-window", "root", "PNG24:" + png.string()});
-    if (import.waitExit(kBound) != 0) {
-      ADD_FAILURE() << "imagemagick's import could not capture the screen";
-      return nullptr;
+  // Reaps it if it ends within `bound` (its process descriptor becomes readable then).
+  bool ended(std::chrono::milliseconds bound) {
+    if (const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)); pidfd >= 0) {
+      pollfd fd{pidfd, POLLIN, 0};
+      ::poll(&fd, 1, static_cast<int>(bound.count()));
+      ::close(pidfd);
     }
-    cairo_surface_t* surface = cairo_image_surface_create_from_png(png.c_str());
-    if (cairo_surface_status(surface) == CAIRO_STATUS_SUCCESS) return surface;
-    cairo_surface_destroy(surface);
-    return nullptr;
+    return ::waitpid(pid_, nullptr, WNOHANG) == pid_;
   }
-  static bool equal(cairo_surface_t* a, cairo_surface_t* b) {
-    const int h = cairo_image_surface_get_height(a);
-    const int stride = cairo_image_surface_get_stride(a);
-    return h == cairo_image_surface_get_height(b) && stride == cairo_image_surface_get_stride(b) &&
-           std::memcmp(cairo_image_surface_get_data(a), cairo_image_surface_get_data(b),
-                       static_cast<std::size_t>(h) * stride) == 0;
+  // Reads one chunk into lines_; false at the end of the output or at `deadline`.
+  bool pump(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    pollfd fd{fd_, POLLIN, 0};
+    if (fd_ < 0 || left.count() <= 0) return false;
+    if (const int n = ::poll(&fd, 1, static_cast<int>(left.count())); n <= 0) return errno == EINTR;
+    char chunk[4096];
+    const ssize_t got = ::read(fd_, chunk, sizeof chunk);
+    if (got <= 0) {
+      ::close(fd_);
+      fd_ = -1;
+      return false;
+    }
+    buffer_.append(chunk, static_cast<std::size_t>(got));
+    for (std::size_t nl; (nl = buffer_.find('\n')) != std::string::npos; buffer_.erase(0, nl + 1))
+      lines_.push_back(buffer_.substr(0, nl));
+    return true;
   }
-  cairo_surface_t* surface_ = nullptr;
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  std::string buffer_;
+  std::vector<std::string> lines_;
 };
 
-void keepForDocs(const std::filesystem::path& png, const char* name) {
-  if (const char* dir = std::getenv("QUORVIA_DOC_IMAGES_DIR")) {
-    std::filesystem::copy_file(png, std::filesystem::path(dir) / name,
-                               std::filesystem::copy_options::overwrite_existing);
+struct Box {
+  double x = 0, y = 0, w = 0, h = 0;
+};
+
+// The boxes "x,y,w,h" of a line "frames banner=B rows=R;R;... [backdrop=a]" as the host prints
+// it: the banner's first, then its rows'.
+std::vector<Box> boxesOf(const std::string& line) {
+  static const std::regex box(R"((-?[\d.]+),(-?[\d.]+),([\d.]+),([\d.]+))");
+  std::vector<Box> boxes;
+  if (line.rfind("frames banner=", 0) != 0) return boxes;
+  for (std::sregex_iterator m(line.begin(), line.end(), box), end; m != end; ++m) {
+    boxes.push_back(
+        {std::stod((*m)[1]), std::stod((*m)[2]), std::stod((*m)[3]), std::stod((*m)[4])});
   }
+  return boxes;
 }
 
-bool startsWith(const std::string& line, const char* prefix) { return line.rfind(prefix, 0) == 0; }
+// Runs a short command on `display` (coreutils' timeout ends it after kBound) and returns the
+// first line it printed, or nothing when it failed.
+std::optional<std::string> run(const std::string& display, const std::string& command) {
+  FILE* out = ::popen(("DISPLAY=" + display + " timeout 30 " + command).c_str(), "r");
+  if (!out) return std::nullopt;
+  std::string text;
+  for (int c; (c = std::fgetc(out)) != EOF;) text.push_back(static_cast<char>(c));
+  if (::pclose(out) != 0) return std::nullopt;
+  return text.substr(0, text.find('\n'));
+}
 
-std::string describe(const ChildProcess& child) {
-  std::string all;
-  for (const auto& line : child.output()) all += line + "\n";
-  return all;
+// The X screen as R, G, B bytes. The X server may show a client's frame a little after the
+// client presented it, so the screen is captured until two captures in a row agree.
+std::string screenshot(const std::string& display, const std::filesystem::path& file) {
+  std::string last;
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(run(display, "import -window root -depth 8 RGB:" + file.string()));
+    std::ifstream in(file, std::ios::binary);
+    std::string next((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    if (next == last) break;
+    last = std::move(next);
+  }
+  return last;
+}
+
+std::array<int, 3> rgb(const std::string& shot, double x, double y) {
+  const std::size_t at =
+      (static_cast<std::size_t>(y) * kScreenWidth + static_cast<std::size_t>(x)) * 3;
+  if (at + 3 > shot.size()) return {-1, -1, -1};
+  return {static_cast<unsigned char>(shot[at]), static_cast<unsigned char>(shot[at + 1]),
+          static_cast<unsigned char>(shot[at + 2])};
+}
+
+auto containing(const char* text) {
+  return [text](const std::string& l) { return l.find(text) != std::string::npos; };
 }
 
 TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   const auto dir = testing::makeTempDirectory("quorvia-window");
   std::printf("working in %s\n", dir.c_str());
 
-  // The X server picks a free display number and writes it to descriptor 3 once it is ready.
-  ChildProcess xvfb({"Xvfb", "-displayfd", "3", "-screen", "0", "375x667x24", "-nolisten", "tcp"},
-                    {}, /*fdWriter=*/true);
-  ASSERT_TRUE(xvfb.running()) << "Xvfb is required: scripts/setup.sh installs it";
-  const std::string number = xvfb.readFd3Line(kBound);
-  ASSERT_FALSE(number.empty()) << "Xvfb did not start:\n" << describe(xvfb);
+  // The X server picks a free display number and writes it once it is ready.
+  Child xvfb({"Xvfb", "-displayfd", "1", "-screen", "0", "375x667x24", "-nolisten", "tcp"});
+  const std::string number = xvfb.waitForLine([](const std::string& l) {
+    return !l.empty() && l.find_first_not_of("0123456789") == std::string::npos;
+  });
+  ASSERT_FALSE(number.empty()) << "Xvfb (scripts/setup.sh installs it) did not start:\n"
+                               << xvfb.output();
   const std::string display = ":" + number;
 
   std::filesystem::create_directories(dir / "broker");
@@ -147,13 +189,14 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   std::string brokerError;
   ASSERT_TRUE(broker.start(testing::MosquittoBroker::freePort(), &brokerError)) << brokerError;
 
-  ChildProcess server({QUORVIA_DEVSERVER_BINARY, "--port", "0", "--db",
-                       (dir / "devserver.sqlite3").string(), "--admin-token", kAdminToken,
-                       "--broker", broker.url()});
-  const std::string listening = server.waitForLine(
-      [](const std::string& l) { return startsWith(l, "listening on http://127.0.0.1:"); }, kBound);
-  ASSERT_FALSE(listening.empty()) << describe(server);
-  const int port = std::atoi(listening.c_str() + std::strlen("listening on http://127.0.0.1:"));
+  Child server({QUORVIA_DEVSERVER_BINARY, "--port", "0", "--db",
+                (dir / "devserver.sqlite3").string(), "--admin-token", kAdminToken, "--broker",
+                broker.url()});
+  constexpr std::string_view kListening = "listening on http://127.0.0.1:";
+  const std::string listening =
+      server.waitForLine([&](const std::string& l) { return l.rfind(kListening, 0) == 0; });
+  ASSERT_FALSE(listening.empty()) << server.output();
+  const int port = std::atoi(listening.c_str() + kListening.size());
   httplib::Client admin("127.0.0.1", port);
   admin.set_default_headers({{"X-Quorvia-Admin-Token", kAdminToken}});
   const nlohmann::json poll = {{"app_token", kAppToken},
@@ -163,104 +206,67 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   ASSERT_TRUE(created && created->status == 201);
   const auto pollId = nlohmann::json::parse(created->body)["id"].get<int>();
 
-  ChildProcess host({QUORVIA_DESKTOP_HOST_BINARY, "--print-frames", "--app-token", kAppToken,
-                     "--data-dir", (dir / "host").string()},
-                    // SDL's software renderer has the X server draw each frame before
-                    // the present returns, so a screenshot after a printed frame shows it.
-                    {"DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
-                     "QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" + std::to_string(port),
-                     "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string()});
-  ASSERT_FALSE(
-      host.waitForLine([](const auto& l) { return startsWith(l, "host: ready"); }, kBound).empty())
-      << describe(host);
+  // SDL's software renderer has the X server draw each frame before the present returns, so
+  // a screenshot after a printed frame shows it.
+  Child host({"env", "DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
+              "QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" + std::to_string(port),
+              "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string(),
+              QUORVIA_DESKTOP_HOST_BINARY, "--print-frames", "--app-token", kAppToken, "--data-dir",
+              (dir / "host").string()});
+  ASSERT_FALSE(host.waitForLine(containing("host: ready")).empty()) << host.output();
   // The device registers through the broker before a fetch can be answered.
-  ASSERT_FALSE(host.waitForLine(
-                       [](const auto& l) {
-                         return l.find("Successfully registered device push token.") !=
-                                std::string::npos;
-                       },
-                       kBound, /*fromStderr=*/true)
-                   .empty())
-      << describe(host);
+  ASSERT_FALSE(host.waitForLine(containing("Successfully registered device push token.")).empty())
+      << host.output();
 
-  // The window gains focus: the app becomes active and fetches the poll.
-  ChildProcess search({"xdotool", "search", "--sync", "--name", "Quorvia desktop host"},
-                      {"DISPLAY=" + display});
-  const std::string windowId = search.waitForLine([](const auto&) { return true; }, kBound);
-  ASSERT_FALSE(windowId.empty());
-  // Whether or not the window had focus from its mapping (which may have come before the
-  // device registered), focusing the root window first and then the host's makes one
-  // activation that certainly comes after the registration.
-  ChildProcess root({"xdotool", "search", "--maxdepth", "0", "--name", ""}, {"DISPLAY=" + display});
-  const std::string rootId = root.waitForLine([](const auto&) { return true; }, kBound);
-  ASSERT_FALSE(rootId.empty());
-  for (const std::string& target : {rootId, windowId}) {
-    ChildProcess focus({"xdotool", "windowfocus", "--sync", target}, {"DISPLAY=" + display});
-    EXPECT_EQ(focus.waitExit(kBound), 0);
+  // The window gains focus: the app becomes active and fetches the poll. Whether or not the
+  // window had focus from its mapping (which may have come before the device registered),
+  // focusing the root window first and then the host's makes one activation that certainly
+  // comes after the registration.
+  const auto windowId = run(display, "xdotool search --sync --name 'Quorvia desktop host'");
+  const auto rootId = run(display, "xdotool search --maxdepth 0 --name ''");
+  ASSERT_TRUE(windowId && rootId);
+  for (const std::string& target : {*rootId, *windowId}) {
+    EXPECT_TRUE(run(display, "xdotool windowfocus --sync " + target));
   }
 
-  const auto collapsedLine = host.waitForLine(
-      [](const std::string& l) {
-        const Frames f = parseFrames(l);
-        return startsWith(l, "frames banner=") && f.banner.y == 20 && f.rows.size() == 2;
-      },
-      kBound);
-  ASSERT_FALSE(collapsedLine.empty()) << describe(host);
-  const Frames collapsed = parseFrames(collapsedLine);
-  EXPECT_EQ(collapsed.banner.w, 375);
-  int hostBelow = 0;  // the host's own screen far below the card
-  {
-    Screenshot shot(display, dir / "collapsed.png");
-    ASSERT_TRUE(shot.ok());
-    const Box question = collapsed.rows[1];
-    EXPECT_EQ(shot.rgb(question.x + 20, question.y + 4), (std::array<int, 3>{255, 255, 255}));
-    // Beside the card the SDK's layer is transparent: the host's own screen shows.
-    EXPECT_EQ(shot.rgb(4, question.cy()), (std::array<int, 3>{241, 243, 247}));
-    EXPECT_EQ(shot.rgb(187, 10), (std::array<int, 3>{49, 92, 191}));  // the host's title bar
-    hostBelow = shot.rgb(187, 620)[0];
-    keepForDocs(dir / "collapsed.png", "window-collapsed.png");
-  }
+  const auto collapsed = boxesOf(host.waitForLine([](const std::string& l) {
+    const auto boxes = boxesOf(l);
+    return boxes.size() == 3 && boxes[0].y == 20;
+  }));
+  ASSERT_EQ(collapsed.size(), 3u) << host.output();
+  EXPECT_EQ(collapsed[0].w, 375);
+  constexpr std::size_t kScreenBytes = kScreenWidth * 667 * 3;
+  const std::string before = screenshot(display, dir / "collapsed.rgb");
+  ASSERT_EQ(before.size(), kScreenBytes);
+  const Box question = collapsed[2];
+  EXPECT_EQ(rgb(before, question.x + 20, question.y + 4), (std::array<int, 3>{255, 255, 255}));
+  // Beside the card the SDK's layer is transparent: the host's own screen shows.
+  EXPECT_EQ(rgb(before, 4, question.y + question.h / 2), (std::array<int, 3>{241, 243, 247}));
+  EXPECT_EQ(rgb(before, 187, 10), (std::array<int, 3>{49, 92, 191}));  // the host's title bar
 
-  auto click = [&](const Box& box) {
-    ChildProcess xdotool({"xdotool", "mousemove", "--sync", std::to_string(box.cx()),
-                          std::to_string(box.cy()), "click", "1"},
-                         {"DISPLAY=" + display});
-    EXPECT_EQ(xdotool.waitExit(kBound), 0);
+  const auto click = [&](const Box& box) {
+    EXPECT_TRUE(run(display, "xdotool mousemove --sync " + std::to_string(box.x + box.w / 2) + " " +
+                                 std::to_string(box.y + box.h / 2) + " click 1"));
   };
-  click(collapsed.rows[1]);
-  const auto expandedLine = host.waitForLine(
-      [](const std::string& l) {
-        const Frames f = parseFrames(l);
-        return f.rows.size() == 4 && f.backdrop == 1;
-      },
-      kBound);
-  ASSERT_FALSE(expandedLine.empty()) << describe(host);
-  const Frames expanded = parseFrames(expandedLine);
-  {
-    Screenshot shot(display, dir / "expanded.png");
-    ASSERT_TRUE(shot.ok());
-    EXPECT_EQ(shot.rgb(expanded.rows[2].x + 20, expanded.rows[2].y + 4),
-              (std::array<int, 3>{255, 255, 255}));
-    // The backdrop's dark tint (alpha 0.62 at full fade) over the host's screen below.
-    EXPECT_LT(shot.rgb(187, 620)[0], hostBelow * 0.55);
-    keepForDocs(dir / "expanded.png", "window-expanded.png");
-  }
+  click(question);
+  const auto expanded = boxesOf(host.waitForLine([](const std::string& l) {
+    return boxesOf(l).size() == 5 && l.find(" backdrop=1.000") != std::string::npos;
+  }));
+  ASSERT_EQ(expanded.size(), 5u) << host.output();
+  const std::string after = screenshot(display, dir / "expanded.rgb");
+  ASSERT_EQ(after.size(), kScreenBytes);
+  EXPECT_EQ(rgb(after, expanded[3].x + 20, expanded[3].y + 4), (std::array<int, 3>{255, 255, 255}));
+  // The backdrop's dark tint (alpha 0.62 at full fade) over the host's screen below the card.
+  EXPECT_LT(rgb(after, 187, 620)[0], rgb(before, 187, 620)[0] * 0.55);
 
-  click(expanded.rows[2]);  // "Yes"
-  ASSERT_FALSE(host.waitForLine(
-                       [](const auto& l) {
-                         return l.find("QuorviaSDK: Successfuly sent reply: Yes") !=
-                                std::string::npos;
-                       },
-                       kBound, /*fromStderr=*/true)
-                   .empty())
-      << describe(host);
+  click(expanded[3]);  // "Yes"
+  ASSERT_FALSE(host.waitForLine(containing("QuorviaSDK: Successfuly sent reply: Yes")).empty())
+      << host.output();
   auto replies = admin.Get("/admin/polls/" + std::to_string(pollId) + "/replies");
   ASSERT_TRUE(replies && replies->status == 200);
   const auto list = nlohmann::json::parse(replies->body)["replies"];
   ASSERT_EQ(list.size(), 1u) << replies->body;
   EXPECT_EQ(list[0]["reply_text"], "Yes");
-  if (std::getenv("QUORVIA_WINDOW_TEST_VERBOSE")) std::printf("%s", describe(host).c_str());
   // A failed run keeps its screenshots and logs for a look.
   if (!::testing::Test::HasFailure()) std::filesystem::remove_all(dir);
 }

@@ -1,0 +1,406 @@
+// The poll banner: how the controller presents, expands, answers and hides it
+// in the key window; its table's rows from the layout files, their deferred
+// corner masks and highlights; the events its model reports; how it is drawn.
+
+#include "platform/Renderer.h"
+#include "platform/ui/TextLayout.h"
+#include "platform/ApplicationRecords.h"
+#include "support/FakeTransport.h"
+#include "support/PlatformTest.h"
+#include "ui/BannerScene.h"
+
+namespace quorvia {
+namespace {
+
+using platform::Rect;
+using platform::RenderedImage;
+using platform::Value;
+using testing::centerInWindow;
+using testing::pollDict;
+
+// The simulator and the desktop host find the backdrop by this tag too.
+constexpr int kBackdropTag = 234555;
+
+class BannerControllerTest : public testing::PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    transport_ = testing::FakeTransport::install();
+  }
+  BannerController& banner() { return *sdk::SDKState::shared().banner; }
+  std::shared_ptr<QVNotificationView> present(const Value& poll) {
+    return banner().presentPollWithPollDict(&poll);
+  }
+  std::shared_ptr<platform::Window> window() { return platform::keyWindow(); }
+  // "path body" of each reply request sent so far.
+  std::vector<std::string> replies() const {
+    std::vector<std::string> sent;
+    const auto lines = transport_->requestLines();
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+      if (lines[i].find("/replies/") != std::string::npos)
+        sent.push_back(lines[i] + " " + transport_->bodyText(i));
+    }
+    return sent;
+  }
+  std::shared_ptr<testing::FakeTransport> transport_;
+};
+
+TEST_F(BannerControllerTest, PresentSlidesTheBannerDownOverThreeTenthsAtTheWindowsWidth) {
+  auto w = platform::View::make<platform::Window>(Rect::make(0, 0, 414, 896));
+  platform::Application::sharedApplication().setKeyWindow(w);
+  auto view = present(pollDict("Coffee?", {{"Yes", ""}, {"No", ""}}));
+  ASSERT_TRUE(view);
+  EXPECT_EQ(view->frame(), Rect::make(0, 20, 414, 330));  // the model value at once
+  EXPECT_EQ(view->presentationFrame().y(), -430);
+  EXPECT_EQ(view->superview(), w);
+  EXPECT_EQ(banner().presentedPollView(), view);
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{"QuorviaSDK: Presenting poll: Coffee?"});
+  advance(0.15);
+  EXPECT_NEAR(view->presentationFrame().y(), (-430 + 20) / 2.0, 1.0);  // ease-in-out midpoint
+  advance(0.15);
+  EXPECT_EQ(view->presentationFrame(), Rect::make(0, 20, 414, 330));
+}
+
+// One banner at a time, until the slide out ends; the hidden banner stays in
+// the window above its top edge, and its backdrop goes with the fade.
+TEST_F(BannerControllerTest, OneBannerAtATimeUntilTheSlideOutEnds) {
+  auto first = present(pollDict("First", {{"A", ""}}));
+  ASSERT_TRUE(first);
+  log_.clear();
+  EXPECT_EQ(present(pollDict("Second", {{"B", ""}})), nullptr);
+  EXPECT_TRUE(log_.lines().empty());
+  advance(0.3);
+  banner().notificationViewDidPressExpand(first);
+  advance(0.2);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  banner().hideNotificationView(first);
+  advance(0.2);
+  EXPECT_EQ(backdrop->superview(), nullptr);
+  advance(0.09);
+  EXPECT_EQ(present(pollDict("Third", {{"C", ""}})), nullptr);
+  EXPECT_EQ(banner().presentedPollView(), first);
+  advance(0.01);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
+  EXPECT_EQ(first->superview(), window());
+  EXPECT_EQ(first->presentationFrame(), Rect::make(0, -330, 375, 330));
+  auto next = present(pollDict("Fourth", {{"D", ""}}));
+  ASSERT_TRUE(next);
+  EXPECT_NE(next, first);
+}
+
+// A tap on the card expands it once: the backdrop (what it shows is the
+// host-window test's concern) fades in under the banner while the options
+// show at once.
+TEST_F(BannerControllerTest, TappingTheCardLaysABackdropUnderTheBanner) {
+  auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}}));
+  ASSERT_TRUE(view);
+  advance(0.3);
+  log_.clear();
+  window()->tap(centerInWindow(*testing::cellAt<QVNotificationTextCell>(*view, 0, 1)));
+  EXPECT_EQ(log_.count("QuorviaSDK: User expanded poll: Q"), 1);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  EXPECT_EQ(window()->subviews(), (std::vector<std::shared_ptr<platform::View>>{backdrop, view}));
+  EXPECT_EQ(backdrop->frame(), window()->bounds());
+  EXPECT_TRUE(view->showOptions());  // at once, not after the fade
+  EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), 2);
+  EXPECT_EQ(backdrop->presentationAlpha(), 0.0);
+  advance(0.1);
+  EXPECT_GT(backdrop->presentationAlpha(), 0.0);
+  EXPECT_LT(backdrop->presentationAlpha(), 1.0);
+  advance(0.1);
+  EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
+  EXPECT_EQ(view->frame(), Rect::make(0, 20, 375, 330));
+}
+
+TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
+  const std::tuple<const char*, bool, const char*> cases[] = {
+      {"", false, nullptr},
+      {"https://example.com/more", true,
+       "QuorviaSDK: User tapped link. Opening: https://example.com/more"},
+      {"not a link", false, "QuorviaSDK: User tapped link but link is invalid: not a link"},
+      {"ftp://example.com", false,
+       "QuorviaSDK: User tapped link but link is invalid: ftp://example.com"},
+  };
+  auto& app = platform::Application::sharedApplication();
+  for (const auto& [link, opens, linkLine] : cases) {
+    SCOPED_TRACE(link);
+    const std::size_t repliesBefore = replies().size();
+    auto view = present(pollDict("Q", {{"Yes", link}, {"No", ""}}, 7));
+    ASSERT_TRUE(view);
+    advance(0.3);
+    view->setShowOptions(true);
+    log_.clear();
+    const auto openedBefore = platform::ApplicationRecords::openedURLs(app).size();
+    auto cell = testing::cellAt<platform::TableViewCell>(*view, 1, 0);
+    ASSERT_TRUE(cell);
+    window()->tap(centerInWindow(*cell));
+
+    const auto sent = replies();
+    ASSERT_EQ(sent.size(), repliesBefore + 1);
+    EXPECT_EQ(sent.back(), "POST /polls/7/replies/ reply_text=Yes");
+    EXPECT_EQ(view->frame().y(), -330);  // hiding started
+    EXPECT_EQ(platform::ApplicationRecords::openedURLs(app).size() - openedBefore, opens ? 1u : 0u);
+    if (opens) {
+      EXPECT_EQ(platform::ApplicationRecords::openedURLs(app).back(), link);
+    }
+    std::vector<std::string> expected = {"QuorviaSDK: User tapped action: Yes",
+                                         "QuorviaSDK: Missing user access token!"};
+    if (linkLine) expected.push_back(linkLine);
+    EXPECT_EQ(log_.lines(), expected) << "tap, then the reply, then the link";
+    advance(0.3);
+  }
+}
+
+TEST_F(BannerControllerTest, CloseSendsDismissAndHides) {
+  auto view = present(pollDict("Lunch?", {{"Yes", ""}}, 9));
+  ASSERT_TRUE(view);
+  advance(0.3);
+  auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
+  ASSERT_TRUE(header);
+  window()->tap(centerInWindow(*header->closeButton()));
+  EXPECT_TRUE(log_.contains("QuorviaSDK: User dismissed poll: Lunch?"));
+  EXPECT_EQ(replies(), std::vector<std::string>{"POST /polls/9/replies/ reply_text=Dismiss"});
+  EXPECT_FALSE(view->showOptions());  // the close button does not expand
+  advance(0.3);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
+}
+
+TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) {
+  const Value notADictionary = Value::array({1, 2});
+  // Raised to the caller, which decides whether a line is written.
+  EXPECT_ANY_THROW(banner().presentPollWithPollDict(&notADictionary));
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
+
+  auto empty = testing::makeTempDirectory("quorvia-res-");
+  std::filesystem::create_directory(empty / "com.quorvia.sdk.ios");
+  ::setenv("QUORVIA_RESOURCE_DIR", empty.c_str(), 1);
+  EXPECT_EQ(present(pollDict("Q", {{"A", ""}})), nullptr);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
+  EXPECT_TRUE(log_.contains(
+      "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown."));
+  advance(1);  // no deferred work may touch the half-made banner
+  ::unsetenv("QUORVIA_RESOURCE_DIR");
+  std::filesystem::remove_all(empty);
+
+  // A launch poll that found a banner already shown expands nothing: only the
+  // backdrop comes, and stays until a later hide.
+  banner().showOptionsForNotificationView(nullptr);
+  auto backdrop = window()->viewWithTag(kBackdropTag);
+  ASSERT_TRUE(backdrop);
+  EXPECT_EQ(window()->subviews().back(), backdrop);
+  advance(5);
+  EXPECT_EQ(backdrop->superview(), window());
+  EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
+}
+
+class BannerRowsTest : public testing::PlatformTest {
+ protected:
+  // Option 1 of the poll carries a link.
+  std::shared_ptr<QVNotificationView> banner(int options) {
+    std::vector<std::pair<std::string, std::string>> list;
+    for (int i = 0; i < options; ++i)
+      list.emplace_back("Option " + std::to_string(i), i == 1 ? "https://example.com/1" : "");
+    auto view = QVNotificationView::initWithFrame(Rect::make(0, 0, 375, 330));
+    view->setPoll(QVModelPoll::objectWithDictionary(pollDict("Which?", list)));
+    return view;
+  }
+};
+
+// The masks are built on the main queue after the layout pass, from the
+// container's bounds; a single option is rounded at the top only, by design. A
+// second expansion is refused inside the table and dropped; without options
+// nothing is inserted; a poll set again reloads the table.
+TEST_F(BannerRowsTest, RowsFollowTheModelWithDeferredMasks) {
+  struct Case {
+    int options;
+    std::vector<unsigned> corners;
+    std::vector<double> radii;
+  };
+  const Case cases[] = {{0, {}, {}}, {1, {3}, {10}}, {3, {3, 12, 12}, {10, 0, 10}}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.options);
+    auto view = banner(c.options);
+    ASSERT_TRUE(view->isLoaded());
+    view->setShowOptions(true);
+    EXPECT_NO_THROW(view->setShowOptions(true));
+    EXPECT_EQ(view->tableView()->numberOfSections(), c.options ? 2 : 1);
+    EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), c.options);
+    drain();
+    auto header = testing::cellAt<QVNotificationHeaderCell>(*view, 0, 0);
+    auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
+    ASSERT_TRUE(header && question);
+    EXPECT_EQ(header->frame(), Rect::make(0, 8, 375, 50));
+    EXPECT_EQ(question->customLabel()->text(), "Which?");
+    EXPECT_GT(question->frame().height(), 30);
+    double top = question->frame().maxY() + 8;
+    for (int r = 0; r < c.options; ++r) {
+      SCOPED_TRACE(r);
+      auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, r);
+      ASSERT_TRUE(cell);
+      EXPECT_EQ(cell->customLabel()->text(), "Option " + std::to_string(r));
+      EXPECT_EQ(cell->frame().y(), top);
+      top = cell->frame().maxY();
+      drain();
+      const auto& mask = cell->containerView()->layer().mask();
+      ASSERT_TRUE(mask);
+      EXPECT_EQ(mask->path().corners, c.corners[r]);
+      EXPECT_EQ(mask->path().cornerRadii.width, c.radii[r]);
+      EXPECT_EQ(mask->frame(), cell->containerView()->bounds());
+    }
+    const auto& headerMask = header->containerView()->layer().mask();
+    ASSERT_TRUE(headerMask && question->containerView()->layer().mask());
+    EXPECT_EQ(headerMask->path().corners, 3u);
+    EXPECT_EQ(headerMask->frame(), header->containerView()->bounds());
+    EXPECT_EQ(question->containerView()->layer().mask()->path().corners, 12u);
+    view->setShowOptions(false);
+    EXPECT_EQ(view->tableView()->numberOfSections(), 1);
+    view->setShowOptions(true);
+    view->poll()->setOptions({});
+    view->setPoll(view->poll());  // the same poll: the table asks again
+    EXPECT_EQ(view->tableView()->numberOfRowsInSection(1), 0);
+  }
+}
+
+TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
+  auto window = platform::keyWindow();
+  auto view = banner(1);
+  window->addSubview(view);
+  view->setShowOptions(true);
+  auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, 0);
+  ASSERT_TRUE(cell);
+  const auto colour = [&] { return cell->containerView()->backgroundColor(); };
+  EXPECT_EQ(colour(), platform::Color::whiteColor());
+  window->touchDown(centerInWindow(*cell));
+  EXPECT_EQ(colour(), platform::Color::grayColor());
+  window->touchCancel();
+  EXPECT_EQ(colour(), platform::Color::whiteColor());
+  cell->touchesBegan({});
+  cell->touchesEnded({});
+  EXPECT_EQ(colour(), platform::Color::whiteColor());
+}
+
+// Option rows report their text and link; card rows and rows out of range
+// report nothing; the delegate is held weakly.
+TEST(NotificationViewModel, SelectionsReachTheDelegateHeldWeakly) {
+  struct Recorder final : QVNotificationViewDelegate {
+    void notificationViewDidPressExpand(const std::shared_ptr<QVNotificationView>&) override {}
+    void notificationView(const std::shared_ptr<QVNotificationView>&,
+                          const std::optional<std::string>& identifier,
+                          const std::optional<std::string>& link) override {
+      events.push_back(identifier.value_or("nil") + " " + link.value_or("nil"));
+    }
+    void notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>&) override {}
+    std::vector<std::string> events;
+  };
+  auto delegate = std::make_shared<Recorder>();
+  QVNotificationViewModel model;
+  model.setPoll(QVModelPoll::objectWithDictionary(pollDict(
+      "Which?", {{"Option 0", ""}, {"Option 1", "https://example.com/1"}, {"Option 2", ""}})));
+  model.setDelegate(delegate);
+  for (const auto& [section, row] : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 1}, {1, 7}, {1, -1}})
+    model.didSelectRow(section, row);
+  EXPECT_EQ(delegate->events,
+            (std::vector<std::string>{"Option 0 nil", "Option 1 https://example.com/1"}));
+  delegate.reset();
+  EXPECT_EQ(model.delegate(), nullptr);
+  model.didSelectRow(1, 0);  // without a delegate: nothing, and no crash
+  model.notificationTapped();
+  model.closeButtonPressed();
+}
+
+// The pixel at a point of the window (scale 2).
+RenderedImage::Pixel at(const RenderedImage& image, double x, double y) {
+  return image.pixel(static_cast<int>(x * 2), static_cast<int>(y * 2));
+}
+int luminance(RenderedImage::Pixel p) { return (p.r * 3 + p.g * 6 + p.b) / 10; }
+bool isWhite(RenderedImage::Pixel p) { return p.r > 250 && p.g > 250 && p.b > 250 && p.a == 255; }
+
+class RenderTest : public testing::PlatformTest {};
+
+// Outside the card's rounded corners the host shows through, just inside them
+// the card is white; expanded, the backdrop dims the host but not the options.
+TEST_F(RenderTest, CardHasRoundedCornersOverTheHostAndTheBackdropDimsIt) {
+  auto view = testing::makeBannerScene(*loop_, false);
+  ASSERT_TRUE(view);
+  auto window = platform::keyWindow();
+  const RenderedImage image = platform::Renderer::render(*window);
+  ASSERT_EQ(image.width, 750);
+  ASSERT_EQ(image.height, 1334);
+  auto question = testing::cellAt<QVNotificationTextCell>(*view, 0, 1);
+  ASSERT_TRUE(question);
+  const double left = 10, right = 365, top = 20 + 8;
+  const double bottom = 20 + question->frame().maxY();
+  for (auto [x, y] : {std::pair{left + 0.5, top + 0.5},
+                      {right - 0.5, top + 0.5},
+                      {left + 0.5, bottom - 0.5},
+                      {right - 0.5, bottom - 0.5}}) {
+    SCOPED_TRACE(::testing::Message() << x << "," << y);
+    EXPECT_FALSE(isWhite(at(image, x, y)));
+  }
+  EXPECT_TRUE(isWhite(at(image, left + 10, top + 10)));
+  EXPECT_TRUE(isWhite(at(image, right - 10, bottom - 10)));
+  EXPECT_TRUE(isWhite(at(image, 187, top + 45)));  // between header and question: one card
+  const auto host = at(image, 187, 655);           // far below the banner: the host, as it is
+  EXPECT_NEAR(host.r, 238, 2);
+
+  sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
+  advance(0.2);
+  window->layoutIfNeeded();
+  drain();
+  const RenderedImage expanded = platform::Renderer::render(*window);
+  const auto dimmed = at(expanded, 187, 655);
+  EXPECT_LT(luminance(dimmed), luminance(host) * 6 / 10);
+  EXPECT_GT(luminance(dimmed), 20);  // dimmed, not black
+  auto option = testing::cellAt<QVNotificationActionCell>(*view, 1, 0);
+  ASSERT_TRUE(option);
+  EXPECT_TRUE(isWhite(at(expanded, 30, 20 + option->frame().y() + option->frame().height() / 2)));
+}
+
+// A question of one long word once took Pango time quadratic in its length
+// (26 s for 100,000 letters). At most 2000 characters are laid out, and a
+// long unbroken run gets a break between its characters.
+TEST_F(RenderTest, LabelTextIsBoundedAndLongWordsWrapByCharacter) {
+  const std::string zwsp = "\u200B";
+  const auto broken = [&](const std::string& run) {
+    std::string out;
+    for (char c : run) out += (out.empty() ? "" : zwsp) + std::string(1, c);
+    return out;
+  };
+  const std::string thirtyTwo(32, 'a');
+  const std::string accented = "e\u0301";  // a letter and its combining accent
+  std::string accentedRun, accentedBroken;
+  for (int i = 0; i < 40; ++i) {
+    accentedRun += accented;
+    accentedBroken += (i ? zwsp : "") + accented;
+  }
+  struct Case {
+    const char* name;
+    std::string text;
+    std::string laidOut;
+  };
+  const Case cases[] = {
+      {"words are left alone", "Do you like polls? Yes", "Do you like polls? Yes"},
+      {"a run of 32 is a word", thirtyTwo + " b", thirtyTwo + " b"},
+      {"a run of 33 breaks everywhere", thirtyTwo + "a b", broken(thirtyTwo + "a") + " b"},
+      {"never inside a character", accentedRun, accentedBroken},
+      {"cut at 2000 characters", std::string(1500, 'x').append(" ").append(600, 'y'),
+       broken(std::string(1500, 'x'))
+           .append(" ")
+           .append(broken(std::string(499, 'y')))
+           .append("\u2026")},
+      {"bytes that are not UTF-8", "a\xff b", "a\uFFFD b"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(platform::detail::layoutText(c.text), c.laidOut) << c.name;
+
+  const auto height = [](std::size_t letters) {
+    return platform::measureTextHeight(std::string(letters, 'w'), "DejaVu Sans 17", 300);
+  };
+  const double line = height(1);
+  EXPECT_NEAR(height(100), 6 * line, line) << "wrapped by character into full lines";
+  EXPECT_EQ(height(100000), height(2000)) << "only what can be shown is laid out";
+}
+
+}  // namespace
+}  // namespace quorvia
