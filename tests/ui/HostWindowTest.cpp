@@ -79,6 +79,11 @@ TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
       {"a resize repaints all", [](auto&, HostWindow& h) { h.setSize(h.size(), 2); }, {whole}},
       {"invalidate repaints all", [](auto&, auto& h) { h.invalidate(); }, {whole}},
   };
+  // A view with a subview of its own comes first, as a hidden banner does
+  // before the next one: the views after it must still be placed right.
+  auto earlier = platform::View::make(Rect::make(300, 600, 20, 20));
+  earlier->addSubview(platform::View::make(Rect::make(5, 5, 5, 5)));
+  host_->window()->addSubview(earlier);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     auto view = platform::View::make(Rect::make(100, 200, 10, 10));

@@ -58,8 +58,11 @@ class Collector {
       item.alignment = static_cast<int>(label->textAlignment());
     }
     below_ = &view;
+    // Subviews sit in this view's coordinates; once the first subtree is
+    // collected, the last item is no longer this view.
+    const Point subviewOrigin = item.rect.origin;
     out_.items.push_back(std::move(item));
-    for (const auto& sub : view.subviews()) visit(*sub, out_.items.back().rect.origin, alpha);
+    for (const auto& sub : view.subviews()) visit(*sub, subviewOrigin, alpha);
   }
 
  private:
