@@ -64,13 +64,9 @@ class ToolProcess final {
   ToolProcess(const ToolProcess&) = delete;
   ToolProcess& operator=(const ToolProcess&) = delete;
 
+  // Lines are short enough for one write to a pipe to take them whole.
   bool write(const std::string& data) {
-    for (size_t done = 0; done < data.size();) {
-      ssize_t n = ::write(input_, data.data() + done, data.size() - done);
-      if (n <= 0) return false;
-      done += static_cast<size_t>(n);
-    }
-    return true;
+    return ::write(input_, data.data(), data.size()) == static_cast<ssize_t>(data.size());
   }
   void send(const Json& command) { EXPECT_TRUE(write(command.dump() + "\n")) << "input closed"; }
 
@@ -119,54 +115,44 @@ class ToolProcess final {
   int finish() {
     if (input_ >= 0) close(input_);
     input_ = -1;
-    if (pid_ <= 0) return status_;
+    if (pid_ <= 0) return -1;
     const auto deadline = Clock::now() + kTimeout;
     int status = 0;
     while (waitpid(pid_, &status, WNOHANG) == 0) {
-      if (Clock::now() >= deadline) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, &status, 0);
-      } else {
-        readLine(std::min(deadline, Clock::now() + std::chrono::milliseconds(100)));
-      }
+      if (Clock::now() >= deadline) kill(pid_, SIGKILL);
+      readLine(std::min(deadline, Clock::now() + std::chrono::milliseconds(100)));
     }
     pid_ = -1;
     while (readLine(Clock::now())) {
     }
-    return status_ = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  int quit() {
-    send({{"cmd", "quit"}});
-    return finish();
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 
  private:
   // Reads one more line into events_; false at the deadline or the end of the output.
   bool readLine(Clock::time_point deadline) {
     size_t newline;
-    while ((newline = buffer_.find('\n')) == std::string::npos) {
+    while ((newline = output_text_.find('\n', parsed_)) == std::string::npos) {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
       pollfd fd{output_, POLLIN, 0};
       char chunk[4096];
       if (poll(&fd, 1, static_cast<int>(std::max<int64_t>(left.count(), 0))) <= 0) return false;
       ssize_t n = read(output_, chunk, sizeof chunk);
       if (n <= 0) return false;
-      buffer_.append(chunk, static_cast<size_t>(n));
       output_text_.append(chunk, static_cast<size_t>(n));
     }
-    Json event = Json::parse(buffer_.substr(0, newline), nullptr, false);
+    Json event = Json::parse(output_text_.substr(parsed_, newline - parsed_), nullptr, false);
     events_.push_back(event.is_discarded() ? Json{{"event", "unparsable"}} : event);
     consumed_.push_back(false);
-    buffer_.erase(0, newline + 1);
+    parsed_ = newline + 1;
     return true;
   }
 
   pid_t pid_ = -1;
-  int status_ = -1;
   int input_ = -1;
   int output_ = -1;
-  std::string buffer_;
   std::string output_text_;
+  size_t parsed_ = 0;  // into output_text_
   std::vector<Json> events_;
   std::vector<bool> consumed_;  // events already returned by waitFor
 };

@@ -115,22 +115,17 @@ class DevServerTest : public ::testing::Test {
     return "/polls/" + poll["id"].dump() + "/replies/";
   }
 
-  std::vector<std::string> requestLines() {
-    std::lock_guard lock(linesMutex_);
-    return lines_;
-  }
-
   std::filesystem::path directory_;
   int port_ = 0;
   // Taken by the next startServer().
   std::unique_ptr<PushFanout> push_;
   ConnectionLimits limits_;
+  std::vector<std::string> lines_;  // the request log; complete once the server has stopped
 
  private:
   std::unique_ptr<DevServer> server_;
   std::thread serving_;
   std::mutex linesMutex_;
-  std::vector<std::string> lines_;
 };
 
 }  // namespace quorvia::devserver::testing
