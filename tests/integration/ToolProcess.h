@@ -1,7 +1,6 @@
 #pragma once
-// Runs one of the tools as a child process, writes to its standard input and reads its standard
-// output, one JSON event a line. Every wait is bounded (never a sleep); a child that outlives
-// the bound is killed by its own pid.
+// Runs one of the tools as a child process that reads commands and writes one JSON event a line.
+// Every wait is bounded (never a sleep); a child that outlives the bound is killed by its pid.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -103,8 +103,9 @@ class ToolProcess final {
   const std::vector<Json>& events() const { return events_; }
   std::vector<Json> eventsNamed(const std::string& name) const {
     std::vector<Json> found;
-    std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
-                 [&name](const Json& e) { return e.value("event", "") == name; });
+    for (const Json& e : events_) {
+      if (e.value("event", "") == name) found.push_back(e);
+    }
     return found;
   }
   // Everything the child wrote to its standard output so far.

@@ -25,7 +25,7 @@ TEST(ToolCommandLine, HelpVersionUsageErrorsTakenPortsAndStrictScripts) {
   ASSERT_EQ(getsockname(taken, reinterpret_cast<sockaddr*>(&address), &length), 0);
   const std::string port = std::to_string(ntohs(address.sin_port));
   const std::string refused = "{\"cmd\": \"nonsense\"}\n", simData = (data / "sim").string();
-  const std::string db = (data / "db.sqlite3").string();
+  const std::string db = (data / "db.sqlite3").string(), errors = (data / "stderr").string();
   // The command line ("devserver" and "sim" name the tools), its input, the exit status, text
   // the output holds and how the error output starts.
   const std::tuple<std::string, std::string, int, std::string, std::string> cases[] = {
@@ -55,7 +55,6 @@ TEST(ToolCommandLine, HelpVersionUsageErrorsTakenPortsAndStrictScripts) {
                      : word == "sim"     ? QUORVIA_SIM_BINARY
                                          : word);
     }
-    const std::string errors = (data / "stderr").string();
     quorvia::testing::ToolProcess tool(argv, {}, errors);
     EXPECT_TRUE(tool.write(input));
     EXPECT_EQ(tool.finish(), status) << tool.output();
