@@ -1,193 +1,235 @@
-// The whole flow through the real simulator and the real service: registration, fetch, banner,
-// answer, and what the service recorded.
-#include <gtest/gtest.h>
+// The real simulator (a child process) against the real service (in-process, on loopback): a poll
+// arriving by fetch or push is shown, answered and recorded; and the platform's callbacks go
+// through the SDK's interception: library first, then the host, each completion called once.
+#include <filesystem>
 
-#include "integration/SimFlowTest.h"
+#include "integration/ToolProcess.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "tools/DevServerFixture.h"
 
 namespace quorvia::testing {
 namespace {
 
+using devserver::testing::json;
+using Json = ToolProcess::Json;
 constexpr const char* kTea = "\xF0\x9F\x8D\xB5 Tea";
 constexpr const char* kCoffee = "\xE2\x98\x95 Coffee";
 
-int countLines(const std::vector<std::string>& lines, const std::string& prefix) {
-  int count = 0;
-  for (const auto& line : lines) count += line.starts_with(prefix) ? 1 : 0;
-  return count;
-}
+class SimFlowTest : public devserver::testing::DevServerTest {
+ protected:
+  static constexpr const char* kApp = "sim-app";
+  static constexpr const char* kDevice = "0001abff10";
 
-TEST_F(SimFlowTest, FetchedPollIsShownAnsweredAndRecordedOnceForTheDevice) {
-  const std::string question = "Tea or coffee?";
-  const auto pollId = createPollWithOptions(question, {kTea, kCoffee});
-  ASSERT_GT(pollId, 0);
-  ASSERT_NO_FATAL_FAILURE(launchAndRegister());
-
-  Json state = becomeActiveAndShow(question);
-  ASSERT_TRUE(state["presentedPollView"].get<bool>()) << state.dump();
-  EXPECT_EQ(state["banner"]["question"], question);
-  EXPECT_EQ(state["banner"]["frame"], Json::array({0, 20, 375, 330})) << "slid in to y 20";
-  EXPECT_EQ(state["banner"]["expanded"], false);
-  EXPECT_EQ(state["banner"]["options"], Json::array({kTea, kCoffee}));
-  EXPECT_TRUE(state["backdrop"].is_null());
-
-  sim_->send({{"cmd", "tapCard"}});
-  ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: User expanded poll: " + question));
-  state = sim_->stateAfter(0.4);
-  EXPECT_EQ(state["banner"]["expanded"], true) << state.dump();
-  EXPECT_EQ(state["backdrop"], (Json{{"alpha", 1.0}})) << "the backdrop faded in";
-
-  sim_->send({{"cmd", "tapOption"}, {"index", 1}});
-  ASSERT_TRUE(sim_->waitForLog(std::string("QuorviaSDK: Successfuly sent reply: ") + kCoffee));
-  ASSERT_TRUE(sim_->waitFor(
-      [](const Json& e) { return e["event"] == "backgroundTask" && e["action"] == "end"; }));
-  const auto tasks = sim_->eventsNamed("backgroundTask");
-  ASSERT_EQ(tasks.size(), 2u) << "the reply ran under one background task";
-  EXPECT_EQ(tasks[0]["action"], "begin");
-  EXPECT_EQ(tasks[1]["action"], "end");
-  EXPECT_EQ(tasks[0]["id"], tasks[1]["id"]);
-
-  const Json replies = repliesOf(pollId);
-  ASSERT_EQ(replies.size(), 1u) << replies.dump();
-  EXPECT_EQ(replies[0]["reply_text"], kCoffee);
-  EXPECT_EQ(replies[0]["device"]["push_token"], kPushTokenHex);
-  EXPECT_EQ(replies[0]["device"]["app_token"], kAppToken);
-
-  state = sim_->stateAfter(0.4);
-  EXPECT_FALSE(state["presentedPollView"].get<bool>()) << "the banner slid out";
-
-  // Becoming active again fetches, and the answered poll is not offered again.
-  sim_->send({{"cmd", "becomeActive"}});
-  state = sim_->stateAfter(1.0);
-  EXPECT_FALSE(state["presentedPollView"].get<bool>()) << state.dump();
-  EXPECT_EQ(countLines(requestLines(), "GET /apps/sim-app/polls/ 200"), 2)
-      << "both became-active fetches reached the service with the access token";
-  int presented = 0;
-  for (const auto& e : sim_->eventsNamed("log")) {
-    presented += e["line"].get<std::string>().starts_with("QuorviaSDK: Presenting poll:") ? 1 : 0;
+  void TearDown() override {
+    finishSimulator();
+    DevServerTest::TearDown();
   }
-  EXPECT_EQ(presented, 1);
+
+  // Starts a fresh simulator, with data of its own, in place of any current one.
+  void restartSimulator() {
+    finishSimulator();
+    const auto data = directory_ / ("sim-" + std::to_string(++simulators_));
+    std::filesystem::create_directories(data);
+    sim_ = std::make_unique<ToolProcess>(
+        std::vector<std::string>{QUORVIA_SIM_PATH, "--data-dir", data.string()},
+        std::vector<std::string>{"QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" +
+                                 std::to_string(port_)});
+  }
+  // Quits the simulator, expecting a clean exit and no error events unless some were expected.
+  void finishSimulator() {
+    if (!sim_) return;
+    EXPECT_EQ(sim_->finish(), 0);
+    EXPECT_TRUE(errorsExpected_ || sim_->eventsNamed("error").empty()) << sim_->output();
+    sim_.reset();
+  }
+  void launch(const Json& delegate, bool swizzling = true) {
+    sim_->send({{"cmd", "launch"},
+                {"appToken", kApp},
+                {"launchOptions", nullptr},
+                {"swizzling", swizzling},
+                {"delegate", delegate}});
+  }
+  // Launches with interception on and registers kDevice; expects the access token stored.
+  void launchAndRegister(const Json& delegate = nullptr) {
+    launch(delegate);
+    sim_->send({{"cmd", "deviceToken"}, {"hex", kDevice}});
+    ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfully registered device push token."));
+    ASSERT_TRUE(sim_->state()["accessToken"].is_string());
+  }
+
+  std::unique_ptr<ToolProcess> sim_;
+  bool errorsExpected_ = false;
+  int simulators_ = 0;
+};
+
+// The index of the first event that has all of `fields`, or -1.
+std::ptrdiff_t indexOf(const std::vector<Json>& events, const Json& fields) {
+  auto found = std::find_if(events.begin(), events.end(),
+                            [&](const Json& e) { return ToolProcess::matches(e, fields); });
+  return found == events.end() ? -1 : found - events.begin();
 }
 
-TEST_F(SimFlowTest, ClosingTheBannerRepliesDismissAndEndsTheOffer) {
-  const std::string question = "Keep the dark theme?";
-  const auto pollId = createPollWithOptions(question, {"Yes", "No"});
-  ASSERT_NO_FATAL_FAILURE(launchAndRegister());
-  const Json state = becomeActiveAndShow(question);
-  ASSERT_TRUE(state["presentedPollView"].get<bool>()) << state.dump();
-
-  sim_->send({{"cmd", "tapClose"}});
-  ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: User dismissed poll: " + question));
-  ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfuly sent reply: Dismiss"));
-  const Json replies = repliesOf(pollId);
-  ASSERT_EQ(replies.size(), 1u) << replies.dump();
-  EXPECT_EQ(replies[0]["reply_text"], "Dismiss");
-  EXPECT_EQ(replies[0]["device"]["push_token"], kPushTokenHex);
-  EXPECT_FALSE(sim_->stateAfter(0.4)["presentedPollView"].get<bool>());
+TEST_F(SimFlowTest, PollArrivingByFetchOrPushIsShownAnsweredAndRecordedOnce) {
+  // The question, whether it is pushed (else fetched), the option tapped (-1: the close button)
+  // and the reply that is sent.
+  const std::tuple<std::string, bool, int, std::string> cases[] = {
+      {"Fetched: tea or coffee?", false, 1, kCoffee},
+      {"Pushed: tea or coffee?", true, 0, kTea},
+      {"Pushed: keep the dark theme?", true, -1, "Dismiss"},
+  };
+  for (const auto& [question, pushed, option, reply] : cases) {
+    SCOPED_TRACE(question);
+    restartSimulator();
+    const json poll = createPoll(kApp, question, {{{"text", kTea}}, {{"text", kCoffee}}});
+    ASSERT_NO_FATAL_FAILURE(launchAndRegister());
+    const Json dictionary = {
+        {"id", poll["id"]}, {"question", question}, {"options", poll["options"]}};
+    sim_->send(pushed ? Json{{"cmd", "push"},
+                             {"payload", {{"aps", {{"alert", question}}}, {"poll", dictionary}}}}
+                      : Json{{"cmd", "becomeActive"}});
+    ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Presenting poll: " + question));
+    // The slide takes 0.3 s of the simulator's clock.
+    Json state = sim_->state(0.4);
+    EXPECT_EQ(state["banner"]["question"], question) << state.dump();
+    EXPECT_EQ(state["banner"]["options"], Json::array({kTea, kCoffee}));
+    if (option >= 0) {
+      sim_->send({{"cmd", "tapCard"}});
+      ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: User expanded poll: " + question));
+      EXPECT_EQ(sim_->state(0.4)["backdrop"], (Json{{"alpha", 1.0}})) << "the backdrop faded in";
+      sim_->send({{"cmd", "tapOption"}, {"index", option}});
+    } else {
+      sim_->send({{"cmd", "tapClose"}});
+      ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: User dismissed poll: " + question));
+    }
+    ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfuly sent reply: " + reply));
+    // The reply ran under one background task.
+    std::optional<Json> end = sim_->waitFor({{"event", "backgroundTask"}, {"action", "end"}});
+    ASSERT_TRUE(end);
+    Json begin = *end;
+    begin["action"] = "begin";
+    EXPECT_EQ(sim_->eventsNamed("backgroundTask"), (std::vector<Json>{begin, *end}));
+    const json replies = adminGet("/admin/polls/" + poll["id"].dump() + "/replies")["replies"];
+    ASSERT_EQ(replies.size(), 1u) << replies.dump();
+    EXPECT_EQ(replies[0]["reply_text"], reply);
+    EXPECT_EQ(replies[0]["device"]["push_token"], kDevice);
+    EXPECT_FALSE(sim_->state(0.4)["presentedPollView"].get<bool>()) << "the banner slid out";
+  }
 }
 
 TEST_F(SimFlowTest, BadCommandGetsAnErrorAndTheSimulatorGoesOn) {
   errorsExpected_ = true;
+  restartSimulator();
   const std::vector<std::string> bad = {
       "not json",
       "[1, 2]",
       R"({"no":"cmd"})",
-      R"({"cmd":42})",
       R"({"cmd":"fly"})",
       R"({"cmd":"launch"})",
       R"({"cmd":"launch","appToken":"A","swizzling":"yes"})",
       R"({"cmd":"launch","appToken":"A","delegate":{"implements":["application:fly:"]}})",
       R"({"cmd":"launch","appToken":"A","settings":{"types":-1}})",
-      R"({"cmd":"deviceToken","hex":"0g"})",
       R"({"cmd":"deviceToken","hex":"abc"})",
       R"({"cmd":"push","payload":[1]})",
       R"({"cmd":"tapCard"})",
       R"({"cmd":"tapOption","index":"first"})",
       R"({"cmd":"wait","seconds":-1})",
-      R"({"cmd":"snapshot"})",
-      R"({"cmd":"setDebug"})",
-      R"({"cmd":"expireBackgroundTask"})",
       R"({"cmd":"request","op":"fetchEverything","url":"http://127.0.0.1:1/"})",
-      R"({"cmd":"keychain","op":"steal"})",
-  };
+      R"({"cmd":"keychain","op":"steal"})"};
   for (const auto& line : bad) {
-    sim_->sendLine(line);
+    ASSERT_TRUE(sim_->write(line + "\n"));
     const auto error = sim_->waitForEvent("error");
     ASSERT_TRUE(error) << "no error for " << line;
     EXPECT_FALSE((*error)["message"].get<std::string>().empty()) << line;
   }
   // None of the refused launches started the SDK or changed the host.
-  Json state = sim_->state();
-  EXPECT_EQ(state["addedMethods"], Json::array()) << state.dump();
+  EXPECT_EQ(sim_->state()["addedMethods"], Json::array());
   EXPECT_TRUE(sim_->eventsNamed("log").empty());
-
   // A good command still works afterwards.
   sim_->send({{"cmd", "launch"}, {"appToken", "A"}, {"launchOptions", nullptr}});
   ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Initialized SDK with app token: A"));
   EXPECT_EQ(sim_->eventsNamed("error").size(), bad.size());
 }
 
-}  // namespace
-}  // namespace quorvia::testing
-
-namespace quorvia::testing {
-namespace {
-
-TEST_F(SimFlowTest, KeychainAndRequestCommandsReportWhatTheSdkReturned) {
-  struct Case {
-    Json command;
-    Json result;
-    bool failed;
+TEST_F(SimFlowTest, InterceptedCallbackRunsLibraryThenHostAndCompletesOnce) {
+  const std::string question = "Which colour?";
+  const json poll = createPoll(kApp, question, {{{"text", "Red"}}, {{"text", "Blue"}}});
+  const Json payload = {{"aps", {{"alert", question}}},
+                        {"poll", {{"id", poll["id"]}, {"question", question}}}};
+  const std::string fetch(platform::kDidReceiveRemoteNotificationFetchSelector);
+  const std::string action(platform::kHandleActionSelector);
+  const Json push = {{"cmd", "push"}, {"payload", payload}, {"fetchCompletion", true}};
+  const Json red = {{"cmd", "action"}, {"identifier", "Red"}, {"payload", payload}};
+  const Json blue = {{"cmd", "action"},
+                     {"identifier", "Blue"},
+                     {"payload", payload},
+                     {"responseInfo", {{"UIUserNotificationActionResponseTypedTextKey", "hi"}}}};
+  const std::string withInfo(platform::kHandleActionWithResponseInfoSelector);
+  // The host's delegate, the command delivering a callback, that callback, and whether the host
+  // implements it.
+  const std::tuple<Json, Json, std::string, bool> cases[] = {
+      {{{"implements", {fetch}}}, push, fetch, true},
+      {{{"implements", Json::array()}}, push, fetch, false},
+      {{{"superclassImplements", {fetch}}}, push, fetch, false},
+      {{{"implements", {action}}}, red, action, true},
+      {nullptr, blue, withInfo, false},
   };
-  const std::vector<Case> cases = {
-      {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}},
-       nullptr,
-       true},
-      {{{"cmd", "keychain"},
-        {"op", "setPassword"},
-        {"service", "s"},
-        {"account", "a"},
-        {"password", "p\xC3\xA4ss"}},
-       true,
-       false},
-      {{{"cmd", "keychain"}, {"op", "password"}, {"service", "s"}, {"account", "a"}},
-       "p\xC3\xA4ss",
-       false},
-      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}},
-       true,
-       false},
-      {{{"cmd", "keychain"}, {"op", "deletePassword"}, {"service", "s"}, {"account", "a"}},
-       false,
-       true},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.command.dump());
-    sim_->send(c.command);
-    const auto answer = sim_->waitForEvent("keychain");
-    ASSERT_TRUE(answer);
-    EXPECT_EQ((*answer)["result"], c.result);
-    EXPECT_EQ((*answer)["error"].is_object(), c.failed) << answer->dump();
+  for (const auto& [delegate, command, selector, hostRuns] : cases) {
+    SCOPED_TRACE(selector + " " + delegate.dump());
+    // What the library does first: present the pushed poll, or start sending the chosen answer.
+    const Json libraryWork =
+        selector == fetch
+            ? Json{{"event", "log"}, {"line", "QuorviaSDK: Presenting poll: " + question}}
+            : Json{{"event", "backgroundTask"}, {"action", "begin"}};
+    const Json hostCall = {{"event", "hostCallback"}, {"selector", selector}};
+    restartSimulator();
+    ASSERT_NO_FATAL_FAILURE(launchAndRegister(delegate));
+    sim_->send(command);
+    ASSERT_TRUE(sim_->waitForEvent("completion"));
+    ASSERT_TRUE(sim_->waitFor(libraryWork));
+    if (selector != fetch) {
+      ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfuly sent reply: " +
+                                   command["identifier"].get<std::string>()));
+    }
+    // Time for a second, wrong completion or host call to show up.
+    const Json added = sim_->state(0.5)["addedMethods"];
+    const auto completions = sim_->eventsNamed("completion");
+    ASSERT_EQ(completions.size(), 1u) << "exactly one completion";
+    EXPECT_EQ(completions[0]["selector"], selector);
+    // The host completes a fetch with "no data" (1), the library with "new data" (0).
+    EXPECT_EQ(completions[0]["result"], selector == fetch ? Json(hostRuns ? 1 : 0) : Json());
+    const auto& events = sim_->events();
+    const auto host = indexOf(events, hostCall);
+    EXPECT_EQ(std::count_if(events.begin(), events.end(),
+                            [&](const Json& e) { return ToolProcess::matches(e, hostCall); }),
+              hostRuns ? 1 : 0);
+    EXPECT_TRUE(!hostRuns || indexOf(events, libraryWork) < host)
+        << "the library's work comes before the host's code";
+    EXPECT_EQ(added.dump().find("\"" + selector + "\"") == std::string::npos, hostRuns)
+        << "the library adds the callbacks the host lacks: " << added.dump();
   }
+}
 
-  createPollWithOptions("Listed?", {"Yes"});
-  sim_->send(
-      {{"cmd", "request"},
-       {"op", "getJsonCachelessFromURL"},
-       {"url", baseURL() + "/admin/polls?token=" + kAdminToken}});
-  auto response = sim_->waitForEvent("response");
-  ASSERT_TRUE(response);
-  EXPECT_EQ((*response)["result"]["polls"][0]["question"], "Listed?") << response->dump();
-  EXPECT_TRUE((*response)["error"].is_null());
-  EXPECT_EQ((*response)["synchronous"], false) << "a network answer comes on the main queue";
+TEST_F(SimFlowTest, DeviceTokenReachesTheLibraryBeforeTheHostAndWithoutInterceptionNothing) {
+  const std::string registered(platform::kDidRegisterForRemoteNotificationsSelector);
+  restartSimulator();
+  launch({{"implements", {registered}}}, false);
+  sim_->send({{"cmd", "deviceToken"}, {"hex", kDevice}});
+  ASSERT_TRUE(sim_->waitForEvent("hostCallback"));
+  Json state = sim_->state(0.3);
+  EXPECT_TRUE(state["accessToken"].is_null()) << "with interception off the host must forward";
+  EXPECT_EQ(state["addedMethods"], Json::array());
+  // The host forwarding the token itself registers it.
+  sim_->send({{"cmd", "setDeviceToken"}, {"hex", kDevice}});
+  ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfully registered device push token."));
+  EXPECT_TRUE(sim_->state()["accessToken"].is_string());
 
-  // Nothing listens on port 1 of loopback: a transport error, reported as such.
-  sim_->send({{"cmd", "request"},
-              {"op", "postToURL"},
-              {"url", "http://127.0.0.1:1/x"},
-              {"param", {{"k", "v"}}}});
-  response = sim_->waitForEvent("response");
-  ASSERT_TRUE(response);
-  EXPECT_TRUE((*response)["result"].is_null());
-  EXPECT_TRUE((*response)["error"].is_object()) << response->dump();
+  restartSimulator();
+  ASSERT_NO_FATAL_FAILURE(launchAndRegister({{"implements", {registered}}}));
+  const auto library =
+      indexOf(sim_->events(),
+              {{"event", "log"}, {"line", "QuorviaSDK: Received device push token from iOS."}});
+  ASSERT_GE(library, 0);
+  EXPECT_LT(library, indexOf(sim_->events(), {{"event", "hostCallback"}}));
 }
 
 }  // namespace
