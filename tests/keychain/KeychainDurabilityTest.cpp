@@ -1,14 +1,13 @@
 // The durable store on disk: file modes, refusal of an exposed or corrupt
 // file, and what survives other processes and a kill -9.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
@@ -30,7 +29,8 @@ namespace fs = std::filesystem;
 using platform::Error;
 using platform::OSStatus;
 
-// A running keychain_helper whose stdout the test reads line by line.
+// A running keychain_helper whose stdout the test reads line by line; killed
+// (by its pid) if still running when the test lets go of it.
 class Helper final {
  public:
   explicit Helper(std::vector<std::string> args) {
@@ -52,28 +52,24 @@ class Helper final {
   Helper(const Helper&) = delete;
   Helper& operator=(const Helper&) = delete;
   ~Helper() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      wait();
-    }
+    kill();
+    wait();
     if (out_ >= 0) ::close(out_);
   }
-
   // Blocks until the helper writes a line (or exits).
   std::string readLine() {
     std::string line;
-    char c;
-    while (::read(out_, &c, 1) == 1 && c != '\n') line += c;
+    for (char c; ::read(out_, &c, 1) == 1 && c != '\n';) line += c;
     return line;
   }
-
+  void kill() {
+    if (pid_ > 0) ::kill(pid_, SIGKILL);
+  }
   int wait() {
     int status = 0;
     if (pid_ > 0 && ::waitpid(pid_, &status, 0) == pid_) pid_ = -1;
     return status;
   }
-
-  void killNow() { ::kill(pid_, SIGKILL); }
 
  private:
   pid_t pid_ = -1;
@@ -104,35 +100,17 @@ class KeychainDurabilityTest : public testing::PlatformTest {
   // A fresh store object on the same directory, as a new process would open.
   void reopen() { env_->setKeychainStore(platform::makeSQLiteKeychainStore(dir())); }
 
-  // Every kind of call fails with a non-zero code, none crashes.
+  // Every kind of call fails with `expected`, none crashes nor logs the secret.
   void expectEveryCallFails(OSStatus expected) {
-    Error error;
-    EXPECT_FALSE(LKKeychain::setPassword("s3cr3t-value", "polls", "user_token", &error));
-    EXPECT_EQ(error.code, expected);
-    error = {};
-    EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token", &error), std::nullopt);
-    EXPECT_EQ(error.code, expected);
-    error = {};
-    EXPECT_FALSE(LKKeychain::deletePasswordForService("polls", "user_token", &error));
-    EXPECT_EQ(error.code, expected);
-    error = {};
-    EXPECT_EQ(LKKeychain::allAccounts(&error), std::nullopt);
-    EXPECT_EQ(error.code, expected);
-    for (const auto& line : log_.lines()) {
-      EXPECT_EQ(line.find("s3cr3t"), std::string::npos) << line;
-    }
+    Error errors[4];
+    EXPECT_FALSE(LKKeychain::setPassword("s3cr3t-value", "polls", "user_token", &errors[0]));
+    EXPECT_FALSE(LKKeychain::passwordForService("polls", "user_token", &errors[1]));
+    EXPECT_FALSE(LKKeychain::deletePasswordForService("polls", "user_token", &errors[2]));
+    EXPECT_FALSE(LKKeychain::allAccounts(&errors[3]));
+    for (const auto& error : errors) EXPECT_EQ(error.code, expected);
+    for (const auto& line : log_.lines()) EXPECT_EQ(line.find("s3cr3t"), std::string::npos);
   }
 };
-
-TEST_F(KeychainDurabilityTest, StoreIsPrivateToItsUser) {
-  ASSERT_FALSE(fs::exists(dir()));
-  ::umask(022);
-  ASSERT_TRUE(LKKeychain::setPassword("tok", "polls", "user_token"));
-  EXPECT_EQ(modeOf(dir()), 0700u);
-  for (const auto& entry : fs::directory_iterator(dir())) {
-    EXPECT_EQ(modeOf(entry.path()), 0600u) << entry.path();
-  }
-}
 
 // What a call has committed is in the main file alone (a backup of it is
 // complete), and what was deleted is nowhere on disk.
@@ -156,45 +134,43 @@ TEST_F(KeychainDurabilityTest, CommittedWritesLiveInTheMainFileAndDeletedOnesNow
   EXPECT_EQ(LKKeychain::passwordForService("polls", "old"), std::nullopt);
 }
 
-TEST_F(KeychainDurabilityTest, ExposedStoreIsRefusedAndLeftAlone) {
+// The store is made private to its user whatever the umask; once exposed to
+// others it is refused, and left as it was.
+TEST_F(KeychainDurabilityTest, StoreIsPrivateAndRefusedOnceExposed) {
+  ASSERT_FALSE(fs::exists(dir()));
+  ::umask(022);
   ASSERT_TRUE(LKKeychain::setPassword("s3cr3t-value", "polls", "user_token"));
+  EXPECT_EQ(modeOf(dir()), 0700u);
+  for (const auto& entry : fs::directory_iterator(dir())) {
+    EXPECT_EQ(modeOf(entry.path()), 0600u) << entry.path();
+  }
   env_->setKeychainStore(platform::makeInMemoryKeychainStore());  // closes the file
   const std::string before = fileBytes(file());
   const fs::path journal = file().string() + "-journal";
   const fs::path wal = file().string() + "-wal";
+  const std::string open = "open to group or others; refused";
+  const std::string writable = "writable by group or others; refused";
   struct Case {
-    std::string name;
     fs::path path;  // the file or directory exposed; created empty when absent
     mode_t mode;
-    uid_t owner;  // -1: this user
     std::string expectedLine;
+    uid_t owner = ::geteuid();
   };
-  std::vector<Case> cases;
-  for (mode_t mode : {0640, 0604, 0660, 0666, 0610}) {
-    cases.push_back(
-        {"main file", file(), mode, static_cast<uid_t>(-1), "open to group or others; refused"});
-  }
-  cases.push_back({"journal made in advance", journal, 0644, static_cast<uid_t>(-1),
-                   "open to group or others; refused"});
-  cases.push_back({"log made in advance", wal, 0666, static_cast<uid_t>(-1),
-                   "open to group or others; refused"});
-  cases.push_back({"directory writable by others", dir(), 0777, static_cast<uid_t>(-1),
-                   "writable by group or others; refused"});
-  cases.push_back({"directory writable by its group", dir(), 0770, static_cast<uid_t>(-1),
-                   "writable by group or others; refused"});
+  std::vector<Case> cases = {
+      {file(), 0640, open}, {file(), 0604, open},    {file(), 0660, open},
+      {file(), 0666, open}, {file(), 0610, open},    {journal, 0644, open},
+      {wal, 0666, open},    {dir(), 0777, writable}, {dir(), 0770, writable}};
   if (::geteuid() == 0) {  // only root can give a file away
-    cases.push_back({"journal of another user", journal, 0600, 4242, "belongs to user 4242"});
-    cases.push_back({"main file of another user", file(), 0600, 4242, "belongs to user 4242"});
+    cases.push_back({journal, 0600, "belongs to user 4242", 4242});
+    cases.push_back({file(), 0600, "belongs to user 4242", 4242});
   }
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name + " " + std::to_string(c.mode));
+    SCOPED_TRACE(c.path.string() + " " + std::to_string(c.mode));
     log_.clear();
     const bool made = !fs::exists(c.path);
     if (made) std::ofstream(c.path).close();
     ASSERT_EQ(::chmod(c.path.c_str(), c.mode), 0);
-    if (c.owner != static_cast<uid_t>(-1)) {
-      ASSERT_EQ(::chown(c.path.c_str(), c.owner, -1), 0);
-    }
+    ASSERT_EQ(::chown(c.path.c_str(), c.owner, -1), 0);
     reopen();
     expectEveryCallFails(platform::errSecNotAvailable);
     const auto lines = log_.lines();
@@ -240,18 +216,17 @@ TEST_F(KeychainDurabilityTest, DamagedStoreGivesErrorsAndStaysUntouched) {
   const fs::path wal = file().string() + "-wal";
 
   struct Case {
-    std::string name;
-    std::string contents;
+    std::string name, contents;
     fs::path sidecar;  // empty: none
     std::string sidecarContents;
   };
   const std::vector<Case> cases = {
-      {"garbage", std::string(4096, '\x5A'), {}, {}},
-      {"text", "this is not an item store\n", {}, {}},
-      {"bad header", std::string("SQLite format 3\0", 16) + std::string(2000, '\x01'), {}, {}},
-      {"damaged items page", damaged, {}, {}},
-      {"empty main file", "", {}, {}},
-      {"main file without its table", tableless, {}, {}},
+      {"garbage", std::string(4096, '\x5A')},
+      {"text", "this is not an item store\n"},
+      {"bad header", std::string("SQLite format 3\0", 16) + std::string(2000, '\x01')},
+      {"damaged items page", damaged},
+      {"empty main file", ""},
+      {"main file without its table", tableless},
       {"damaged journal", intact, journal, std::string(600, '\x33')},
       {"damaged log", tableless, wal, std::string(5000, '\x44')},
   };
@@ -286,31 +261,20 @@ TEST_F(KeychainDurabilityTest, UnusableStorePathGivesErrors) {
   EXPECT_TRUE(fs::is_directory(file()));
 }
 
-TEST_F(KeychainDurabilityTest, SavedPasswordIsReadByAnotherProcess) {
-  Helper writer({dir().string(), "save", "polls", "user_token", "from-child"});
-  EXPECT_EQ(writer.readLine(), "saved");
-  EXPECT_EQ(WEXITSTATUS(writer.wait()), 0);
-
-  Helper reader({dir().string(), "read", "polls", "user_token"});
-  EXPECT_EQ(reader.readLine(), "password from-child");
-  reader.wait();
-
-  ASSERT_TRUE(LKKeychain::setPassword("from-parent", "polls", "user_token"));
-  Helper again({dir().string(), "read", "polls", "user_token"});
-  EXPECT_EQ(again.readLine(), "password from-parent");
-}
-
-TEST_F(KeychainDurabilityTest, SaveSurvivesKillRightAfterItReturns) {
-  // The first round adds the item, the later ones update it.
-  for (const char* password : {"first", "second", "third"}) {
+// A save is on disk when the call returns: it survives the saving process
+// being killed right after, and another process reads it.
+TEST_F(KeychainDurabilityTest, SavesSurviveAKillAndAreReadByAnotherProcess) {
+  for (const std::string password : {"first", "second", "third"}) {  // an add, then updates
     SCOPED_TRACE(password);
-    Helper child({dir().string(), "save-and-wait", "polls", "user_token", password});
+    Helper child({dir().string(), "save", "polls", "user_token", password});
     ASSERT_EQ(child.readLine(), "saved");
-    child.killNow();
-    const int status = child.wait();
-    ASSERT_TRUE(WIFSIGNALED(status));
+    child.kill();
+    ASSERT_TRUE(WIFSIGNALED(child.wait()));
     reopen();
     EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), password);
+    ASSERT_TRUE(LKKeychain::setPassword(password + "-parent", "polls", "user_token"));
+    EXPECT_EQ(Helper({dir().string(), "read", "polls", "user_token"}).readLine(),
+              "password " + password + "-parent");
   }
 }
 

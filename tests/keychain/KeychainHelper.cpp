@@ -1,8 +1,7 @@
 // A second process for the keychain tests: saves or reads items in the data
 // directory it is given, reporting each outcome as one line on stdout.
 //
-//   keychain_helper DIR save SERVICE ACCOUNT PASSWORD
-//   keychain_helper DIR save-and-wait SERVICE ACCOUNT PASSWORD  (then blocks)
+//   keychain_helper DIR save SERVICE ACCOUNT PASSWORD  (then waits to be killed)
 //   keychain_helper DIR read SERVICE ACCOUNT
 //   keychain_helper DIR save-many ACCOUNT_PREFIX COUNT
 
@@ -32,15 +31,12 @@ int main(int argc, char** argv) {
       quorvia::platform::makeDesktopEnvironment({"keychain_helper", argv[1]}));
   const std::string command = argv[2];
   quorvia::platform::Error error;
-  if ((command == "save" || command == "save-and-wait") && argc == 6) {
+  if (command == "save" && argc == 6) {
     if (!LKKeychain::setPassword(argv[5], argv[3], argv[4], &error)) {
-      report("failed " + std::to_string(error.code));
-      return 1;
+      return report("failed " + std::to_string(error.code)) + 1;
     }
     report("saved");
-    // Waits to be killed: the parent decides when this process dies.
-    while (command == "save-and-wait") ::pause();
-    return 0;
+    for (;;) ::pause();  // the parent decides when this process dies
   }
   if (command == "read" && argc == 5) {
     auto password = LKKeychain::passwordForService(argv[3], argv[4], &error);

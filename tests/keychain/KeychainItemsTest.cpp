@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -78,32 +78,38 @@ TEST_P(KeychainItemsTest, IdentityIsServiceAccountGroupAndSyncFlag) {
             5u);
 }
 
+// Without a sync key a query matches local items only; delete and update reach
+// only what they match, and absent items are not found.
 TEST_P(KeychainItemsTest, QueryWithoutSyncKeyMatchesOnlyLocalItems) {
+  Value result = "untouched";
+  EXPECT_EQ(SecItemCopyMatching(with(item("s", "a"), kSecReturnData, true), &result),
+            errSecItemNotFound);
+  EXPECT_EQ(result, "untouched");
+  EXPECT_EQ(SecItemUpdate(item("s", "a"), {{kSecValueData, secret("x")}}), errSecItemNotFound);
+  EXPECT_EQ(SecItemDelete(item("s", "a")), errSecItemNotFound);
+
   ASSERT_EQ(SecItemAdd(with(item("s", "a"), kSecValueData, secret("local")), nullptr), 0);
   ASSERT_EQ(SecItemAdd(with(with(item("s", "a"), kSecValueData, secret("synced")),
                             kSecAttrSynchronizable, true),
                        nullptr),
             0);
   struct Case {
-    std::function<Value(Value)> sync;
+    std::optional<Value> sync;  // nullopt: no sync key
     std::size_t count;
     std::string one;
   };
-  const std::vector<Case> cases = {
-      {[](Value q) { return q; }, 1, "local"},
-      {[](Value q) { return with(q, kSecAttrSynchronizable, false); }, 1, "local"},
-      {[](Value q) { return with(q, kSecAttrSynchronizable, true); }, 1, "synced"},
-      {[](Value q) { return with(q, kSecAttrSynchronizable, kSecAttrSynchronizableAny); }, 2, ""},
-  };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE(i);
-    const Value query = cases[i].sync(item("s", "a"));
-    EXPECT_EQ(countOf(query), cases[i].count);
-    if (!cases[i].one.empty()) {
-      EXPECT_EQ(dataOf(query), cases[i].one);
+  const Case cases[] = {{std::nullopt, 1, "local"},
+                        {false, 1, "local"},
+                        {true, 1, "synced"},
+                        {kSecAttrSynchronizableAny, 2, ""}};
+  for (const auto& c : cases) {
+    const Value query =
+        c.sync ? with(item("s", "a"), kSecAttrSynchronizable, *c.sync) : item("s", "a");
+    EXPECT_EQ(countOf(query), c.count) << query.dump();
+    if (!c.one.empty()) {
+      EXPECT_EQ(dataOf(query), c.one) << query.dump();
     }
   }
-  // Delete and update reach only what they match.
   EXPECT_EQ(SecItemUpdate(item("s", "a"), {{kSecValueData, secret("local2")}}), 0);
   EXPECT_EQ(dataOf(with(item("s", "a"), kSecAttrSynchronizable, true)), "synced");
   EXPECT_EQ(SecItemDelete(item("s", "a")), 0);
@@ -113,17 +119,17 @@ TEST_P(KeychainItemsTest, QueryWithoutSyncKeyMatchesOnlyLocalItems) {
 }
 
 TEST_P(KeychainItemsTest, SearchReturnsAttributesByShortCodesWithDates) {
-  Value added = with(with(item("polls", "user_token"), kSecValueData, secret("tok")),
-                     kSecAttrLabel, "label");
+  Value added =
+      with(with(item("polls", "user_token"), kSecValueData, secret("tok")), kSecAttrLabel, "label");
   added[kSecAttrDescription] = "what it is";
   ASSERT_EQ(SecItemAdd(added, nullptr), 0);
   advanceWallClock(30);
   ASSERT_EQ(SecItemUpdate(item("polls", "user_token"), {{kSecValueData, secret("tok2")}}), 0);
 
   Value result;
-  ASSERT_EQ(SecItemCopyMatching(with(item("polls", "user_token"), kSecReturnAttributes, true),
-                                &result),
-            0);
+  ASSERT_EQ(
+      SecItemCopyMatching(with(item("polls", "user_token"), kSecReturnAttributes, true), &result),
+      0);
   EXPECT_EQ(result, (Value{{"class", "genp"},
                            {"svce", "polls"},
                            {"acct", "user_token"},
@@ -138,15 +144,6 @@ TEST_P(KeychainItemsTest, SearchReturnsAttributesByShortCodesWithDates) {
   both[kSecReturnData] = true;
   ASSERT_EQ(SecItemCopyMatching(both, &result), 0);
   EXPECT_EQ(result[kSecValueData], secret("tok2"));
-}
-
-TEST_P(KeychainItemsTest, AbsentItemsAreNotFound) {
-  Value result = "untouched";
-  EXPECT_EQ(SecItemCopyMatching(with(item("s", "a"), kSecReturnData, true), &result),
-            errSecItemNotFound);
-  EXPECT_EQ(result, "untouched");
-  EXPECT_EQ(SecItemUpdate(item("s", "a"), {{kSecValueData, secret("x")}}), errSecItemNotFound);
-  EXPECT_EQ(SecItemDelete(item("s", "a")), errSecItemNotFound);
 }
 
 TEST_P(KeychainItemsTest, MalformedDictionariesAreBadParameters) {
