@@ -1,9 +1,8 @@
 // The durable store on disk: file modes, refusal of an exposed or corrupt
-// file, and what survives other processes and a kill -9.
+// file, and what other processes and a kill -9 see.
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
@@ -20,8 +20,6 @@
 #include "platform/KeychainStore.h"
 #include "support/PlatformTest.h"
 
-extern char** environ;
-
 namespace quorvia {
 namespace {
 
@@ -29,34 +27,39 @@ namespace fs = std::filesystem;
 using platform::Error;
 using platform::OSStatus;
 
-// A running keychain_helper whose stdout the test reads line by line; killed
-// (by its pid) if still running when the test lets go of it.
-class Helper final {
+// Another process: a fork that runs `work` on a store of its own, reporting
+// on a pipe the test reads line by line; killed by its pid if still running
+// when the test lets go of it.
+class Child final {
  public:
-  explicit Helper(std::vector<std::string> args) {
-    args.insert(args.begin(), KEYCHAIN_HELPER_PATH);
+  Child(platform::ConfigurableEnvironment& env, const std::function<void(Child&)>& work) {
     int fds[2];
     if (::pipe(fds) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
+    // The parent's connection is closed first: none is ever shared across a fork.
+    env.setKeychainStore(platform::makeInMemoryKeychainStore());
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::close(fds[0]);
+      out_ = fds[1];
+      env.setKeychainStore(platform::makeSQLiteKeychainStore(platform::dataDirectory()));
+      work(*this);
+      ::_exit(0);
+    }
     ::close(fds[1]);
     out_ = fds[0];
   }
-  Helper(const Helper&) = delete;
-  Helper& operator=(const Helper&) = delete;
-  ~Helper() {
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
     kill();
     wait();
-    if (out_ >= 0) ::close(out_);
+    ::close(out_);
   }
-  // Blocks until the helper writes a line (or exits).
+  void report(const std::string& line) {
+    const std::string text = line + "\n";
+    if (::write(out_, text.data(), text.size()) < 0) ::_exit(1);
+  }
+  // Blocks until the child writes a line (or exits).
   std::string readLine() {
     std::string line;
     for (char c; ::read(out_, &c, 1) == 1 && c != '\n';) line += c;
@@ -266,28 +269,45 @@ TEST_F(KeychainDurabilityTest, UnusableStorePathGivesErrors) {
 TEST_F(KeychainDurabilityTest, SavesSurviveAKillAndAreReadByAnotherProcess) {
   for (const std::string password : {"first", "second", "third"}) {  // an add, then updates
     SCOPED_TRACE(password);
-    Helper child({dir().string(), "save", "polls", "user_token", password});
+    Child child(*env_, [&](Child& self) {
+      self.report(LKKeychain::setPassword(password, "polls", "user_token") ? "saved" : "failed");
+      for (;;) ::pause();
+    });
     ASSERT_EQ(child.readLine(), "saved");
     child.kill();
     ASSERT_TRUE(WIFSIGNALED(child.wait()));
     reopen();
     EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), password);
     ASSERT_TRUE(LKKeychain::setPassword(password + "-parent", "polls", "user_token"));
-    EXPECT_EQ(Helper({dir().string(), "read", "polls", "user_token"}).readLine(),
-              "password " + password + "-parent");
+    Child reader(*env_, [](Child& self) {
+      self.report(LKKeychain::passwordForService("polls", "user_token").value_or("(none)"));
+    });
+    EXPECT_EQ(reader.readLine(), password + "-parent");
+    reopen();
   }
 }
 
 TEST_F(KeychainDurabilityTest, TwoProcessesSavingAtOnceLoseNothing) {
   ASSERT_TRUE(LKKeychain::setPassword("x", "polls", "warmup"));
-  Helper a({dir().string(), "save-many", "a", "40"});
-  Helper b({dir().string(), "save-many", "b", "40"});
+  const auto saveMany = [](const std::string& prefix) {
+    return [prefix](Child& self) {
+      int failures = 0;
+      for (int i = 0; i < 40; ++i) {
+        const std::string account = prefix + std::to_string(i);
+        failures += !LKKeychain::setPassword("pw-" + account, "polls", account);
+        failures += LKKeychain::passwordForService("polls", account) != "pw-" + account;
+      }
+      self.report("failures " + std::to_string(failures));
+    };
+  };
+  Child a(*env_, saveMany("a"));
+  Child b(*env_, saveMany("b"));
   EXPECT_EQ(a.readLine(), "failures 0");
   EXPECT_EQ(b.readLine(), "failures 0");
   a.wait();
   b.wait();
   reopen();
-  auto items = LKKeychain::accountsForService("polls");
+  const auto items = LKKeychain::accountsForService("polls");
   ASSERT_TRUE(items);
   EXPECT_EQ(items->size(), 81u);
 

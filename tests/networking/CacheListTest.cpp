@@ -25,12 +25,12 @@ class CacheListTest : public NetworkingTest {
     NetworkingTest::SetUp();
   }
 
+  static platform::URLCache& cache() { return *platform::URLCache::sharedURLCache(); }
   static platform::URLRequest requestFor(const std::string& url) {
     return platform::URLRequest::requestWithURL(platform::URLWithString(url));
   }
   static std::optional<std::string> cachedBody(const std::string& url) {
-    const auto cached =
-        platform::URLCache::sharedURLCache()->cachedResponseForRequest(requestFor(url));
+    const auto cached = cache().cachedResponseForRequest(requestFor(url));
     if (!cached) return std::nullopt;
     return std::string(cached->data.begin(), cached->data.end());
   }
@@ -38,25 +38,32 @@ class CacheListTest : public NetworkingTest {
     platform::CachedURLResponse cached;
     cached.response.statusCode = 200;
     cached.data.assign(body.begin(), body.end());
-    platform::URLCache::sharedURLCache()->storeCachedResponse(cached, requestFor(url));
+    cache().storeCachedResponse(cached, requestFor(url));
   }
   std::string expiryIn(int seconds) const {
     return SimpleNetworking::shared().getNSStringFromNSDate(
         std::make_shared<const platform::SystemTime>(wallNow_ + std::chrono::seconds(seconds)),
         SimpleNetworking::kExpiryFormat);
   }
+  static Value storedList() { return SimpleNetworking::shared().allNetworkCacheURLs(); }
   static void setStored(const Value& value, const std::string& key) {
     platform::UserDefaults::standardUserDefaults().setObject(value, key);
   }
+  std::shared_ptr<Outcome> cachedGet(const std::string& url, double lifetime,
+                                     std::optional<Value> param = std::nullopt) {
+    return completed(
+        [&](auto r) { SimpleNetworking::getJsonCachedFromURL(url, param, lifetime, r); });
+  }
 };
 
+// Megabytes are multiplied in 32 bits, as the capacities always were.
 TEST_F(CacheListTest, SharedCacheCapacitiesWrapIn32Bits) {
   SimpleNetworking::shared();
-  EXPECT_EQ(platform::URLCache::sharedURLCache()->memoryCapacity(), 335544320u);
-  EXPECT_EQ(platform::URLCache::sharedURLCache()->diskCapacity(), 671088640u);
+  EXPECT_EQ(cache().memoryCapacity(), 335544320u);
+  EXPECT_EQ(cache().diskCapacity(), 671088640u);
   SimpleNetworking::setCacheSizeMemoryCapacityInMB(2048, 4096);
-  EXPECT_EQ(platform::URLCache::sharedURLCache()->memoryCapacity(), 0xFFFFFFFF80000000u);
-  EXPECT_EQ(platform::URLCache::sharedURLCache()->diskCapacity(), 0u);
+  EXPECT_EQ(cache().memoryCapacity(), 0xFFFFFFFF80000000u);
+  EXPECT_EQ(cache().diskCapacity(), 0u);
 }
 
 TEST_F(CacheListTest, FreshEntryIsAnsweredBeforeTheCallReturnsAndStaleOneFromTheNetwork) {
@@ -64,7 +71,7 @@ TEST_F(CacheListTest, FreshEntryIsAnsweredBeforeTheCallReturnsAndStaleOneFromThe
   // An expiry that does not parse (another locale wrote it) counts as past.
   setStored(Value{{server.url("/stale"), "Mär 21 2026 12:00:00:0000"}},
             SimpleNetworking::kStoredCacheLoadKey);
-  SimpleNetworking::shared();
+  SimpleNetworking::shared();  // loads the list, sizes the cache
   storeInCache(server.url("/cached%20path"), "{\"cached\":1}");
   storeInCache(server.url("/stale"), "{\"old\":1}");
 
@@ -73,8 +80,7 @@ TEST_F(CacheListTest, FreshEntryIsAnsweredBeforeTheCallReturnsAndStaleOneFromThe
   EXPECT_EQ(hit->calls, 1);
   EXPECT_EQ(hit->result, (Value{{"cached", 1}}));
   EXPECT_FALSE(hit->error);
-  EXPECT_EQ(SimpleNetworking::shared().allNetworkCacheURLs()[server.url("/cached%20path")],
-            expiryIn(60));
+  EXPECT_EQ(storedList()[server.url("/cached%20path")], expiryIn(60));
 
   auto stale = std::make_shared<Outcome>();
   SimpleNetworking::getJsonCachedFromURL(server.url("/stale"), std::nullopt, 30, record(stale));
@@ -85,16 +91,15 @@ TEST_F(CacheListTest, FreshEntryIsAnsweredBeforeTheCallReturnsAndStaleOneFromThe
   EXPECT_EQ(stale->result, (Value{{"ok", 1}}));
   EXPECT_EQ(server.requestCount(), 1u);
   EXPECT_EQ(cachedBody(server.url("/stale")), "{\"ok\":1}");
-  EXPECT_EQ(SimpleNetworking::shared().allNetworkCacheURLs()[server.url("/stale")], expiryIn(30));
+  EXPECT_EQ(storedList()[server.url("/stale")], expiryIn(30));
 }
 
+// A miss is fetched without its params in the body, and whatever comes back is
+// cached, an error page too.
 TEST_F(CacheListTest, MissStoresTheAnswerEvenWithAnErrorStatus) {
   LoopbackServer server;
   server.setReply({500, "text/html", "<html>down</html>"});
-  auto outcome = std::make_shared<Outcome>();
-  SimpleNetworking::getJsonCachedFromURL(server.url("/miss"), Value{{"ignored", 1}}, 10,
-                                         record(outcome));
-  ASSERT_TRUE(waitFor(outcome));
+  const auto outcome = cachedGet(server.url("/miss"), 10, Value{{"ignored", 1}});
   EXPECT_FALSE(outcome->result);
   EXPECT_FALSE(outcome->error);
   EXPECT_EQ(cachedBody(server.url("/miss")), "<html>down</html>");
@@ -102,9 +107,10 @@ TEST_F(CacheListTest, MissStoresTheAnswerEvenWithAnErrorStatus) {
   EXPECT_EQ(server.requests().at(0).body, "");
 }
 
+// The entry moves forward before the request is sent, even when it fails.
 TEST_F(CacheListTest, ExpiryIsNowPlusTheLifetimeTruncatedAndSaturated) {
   LoopbackServer refusing(LoopbackServer::Behaviour::kRefuse);
-  const std::vector<std::pair<double, int>> cases = {
+  const std::pair<double, int> cases[] = {
       {60, 60},
       {2.9, 2},
       {-5, -5},
@@ -118,8 +124,7 @@ TEST_F(CacheListTest, ExpiryIsNowPlusTheLifetimeTruncatedAndSaturated) {
     const std::string url = refusing.url("/e" + std::to_string(i++));
     auto outcome = std::make_shared<Outcome>();
     SimpleNetworking::getJsonCachedFromURL(url, std::nullopt, lifetime, record(outcome));
-    // The entry moves forward before the request is sent, even when it fails.
-    EXPECT_EQ(SimpleNetworking::shared().allNetworkCacheURLs()[url], expiryIn(seconds)) << lifetime;
+    EXPECT_EQ(storedList()[url], expiryIn(seconds)) << lifetime;
     ASSERT_TRUE(waitFor(outcome));
     EXPECT_TRUE(outcome->error);
   }
@@ -133,9 +138,8 @@ TEST_F(CacheListTest, ExpiryStringsRoundTripToTheMillisecond) {
       std::make_shared<const platform::SystemTime>(wallNow_ + std::chrono::microseconds(123456789));
   const std::string text = client.getNSStringFromNSDate(instant, format);
   EXPECT_EQ(text, "Nov 21 2026 12:02:03:4560");
-  const auto back = client.getNSDateFromNSString(text, format);
-  ASSERT_TRUE(back);
-  EXPECT_EQ(*back, wallNow_ + std::chrono::milliseconds(123456));
+  EXPECT_EQ(client.getNSDateFromNSString(text, format),
+            wallNow_ + std::chrono::milliseconds(123456));
   for (const std::string bad : {"", "Nov 21 2026", "Mär 21 2026 12:00:00:0000", "garbage",
                                 "Nov 21 2026 12:00:00:0000 trailing"}) {
     EXPECT_FALSE(client.getNSDateFromNSString(bad, format)) << bad;
@@ -149,31 +153,28 @@ TEST_F(CacheListTest, ListIsLoadedFromOneKeyAndSavedUnderTheOther) {
   setStored(entry, SimpleNetworking::kStoredCacheLoadKey);
   setStored(Value{{"http://saved/", "Nov 21 2026 12:00:00:0000"}},
             SimpleNetworking::kStoredCacheSaveKey);
-  auto& client = SimpleNetworking::shared();
-  EXPECT_EQ(client.allNetworkCacheURLs(), entry);
+  EXPECT_EQ(storedList(), entry);
 
   LoopbackServer refusing(LoopbackServer::Behaviour::kRefuse);
-  auto outcome = std::make_shared<Outcome>();
-  SimpleNetworking::getJsonCachedFromURL(refusing.url("/n"), std::nullopt, 5, record(outcome));
-  ASSERT_TRUE(waitFor(outcome));
+  cachedGet(refusing.url("/n"), 5);
   Value expected = entry;
   expected[refusing.url("/n")] = expiryIn(5);
+  const auto path = dataDir_ / "data" / "UserDefaults.qvka";
   for (const char* name : {platform::UIApplicationWillResignActiveNotification,
                            platform::UIApplicationDidEnterBackgroundNotification,
                            platform::UIApplicationWillTerminateNotification}) {
     SCOPED_TRACE(name);
-    std::filesystem::remove(dataDir_ / "data" / "UserDefaults.qvka");
+    std::filesystem::remove(path);
     platform::NotificationCenter::defaultCenter().postNotificationName(name);
-    auto reread = platform::makeFileUserDefaults(dataDir_ / "data" / "UserDefaults.qvka");
+    auto reread = platform::makeFileUserDefaults(path);
     EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheSaveKey), expected);
-    EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheLoadKey), entry)
-        << "left as loaded";
+    EXPECT_EQ(reread->objectForKey(SimpleNetworking::kStoredCacheLoadKey), entry);
   }
 }
 
 TEST_F(CacheListTest, NonDictionaryUnderTheLoadKeyGivesAnEmptyList) {
   setStored(Value::array({"http://a/"}), SimpleNetworking::kStoredCacheLoadKey);
-  EXPECT_EQ(SimpleNetworking::shared().allNetworkCacheURLs(), Value::object());
+  EXPECT_EQ(storedList(), Value::object());
 }
 
 TEST_F(CacheListTest, ArchiveRoundTripsThroughTheUserDefaults) {

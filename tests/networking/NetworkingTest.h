@@ -2,6 +2,7 @@
 // Fixture of the networking tests: the real transport with a short time-out,
 // and a recorder of what a completion was called with, and how often.
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -41,6 +42,14 @@ class NetworkingTest : public PlatformTest {
     const bool called = loop_->runUntil([&] { return outcome->calls > 0; }, platform::seconds(20));
     drain();
     return called;
+  }
+
+  /// Starts `call` with a recording completion and waits for it.
+  std::shared_ptr<Outcome> completed(const std::function<void(SimpleNetworking::Returned)>& call) {
+    auto outcome = std::make_shared<Outcome>();
+    call(record(outcome));
+    EXPECT_TRUE(waitFor(outcome)) << "never called back";
+    return outcome;
   }
 
   std::shared_ptr<ShortTimeoutTransport> transport_ = std::make_shared<ShortTimeoutTransport>(10);
