@@ -138,8 +138,9 @@ TEST_F(CacheListTest, ExpiryStringsRoundTripToTheMillisecond) {
       std::make_shared<const platform::SystemTime>(wallNow_ + std::chrono::microseconds(123456789));
   const std::string text = client.getNSStringFromNSDate(instant, format);
   EXPECT_EQ(text, "Nov 21 2026 12:02:03:4560");
-  EXPECT_EQ(client.getNSDateFromNSString(text, format),
-            wallNow_ + std::chrono::milliseconds(123456));
+  const auto back = client.getNSDateFromNSString(text, format);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(*back, wallNow_ + std::chrono::milliseconds(123456));
   for (const std::string bad : {"", "Nov 21 2026", "Mär 21 2026 12:00:00:0000", "garbage",
                                 "Nov 21 2026 12:00:00:0000 trailing"}) {
     EXPECT_FALSE(client.getNSDateFromNSString(bad, format)) << bad;

@@ -220,10 +220,10 @@ TEST_F(SimpleNetworkingTest, TransportFailuresGiveOneErrorEachOnTheMainQueue) {
       {"", platform::NSURLErrorBadURL, "bad URL"},
   };
   transport_->setSeconds(0.3);
-  for (const auto& [url, code] : cases) {
-    SCOPED_TRACE(url);
-    const auto outcome =
-        completed([&](auto r) { SimpleNetworking::getJsonCachelessFromURL(url, std::nullopt, r); });
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.url);
+    const auto outcome = completed(
+        [&](auto r) { SimpleNetworking::getJsonCachelessFromURL(c.url, std::nullopt, r); });
     EXPECT_EQ(outcome->calls, 1);
     EXPECT_TRUE(outcome->onMainThread);
     EXPECT_FALSE(outcome->result);
