@@ -117,32 +117,22 @@ TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
 }
 
-}  // namespace
-}  // namespace quorvia
-
-namespace quorvia {
-namespace {
-
 // Records the thread of every destruction of a copy that still holds its
-// resource; a moved-from copy holds nothing and records nothing.
-class Probe {
- public:
+// record; a moved-from copy holds nothing and records nothing.
+struct Probe {
   struct Record {
     std::mutex mu;
     std::vector<std::thread::id> destroyedOn;
   };
-  explicit Probe(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-  Probe(const Probe& other) : record_(other.record_) {}
-  Probe(Probe&& other) noexcept : record_(std::move(other.record_)) {}
-  Probe& operator=(const Probe&) = delete;
+  std::shared_ptr<Record> record;
+  explicit Probe(std::shared_ptr<Record> r) : record(std::move(r)) {}
+  Probe(const Probe&) = default;
+  Probe(Probe&& other) noexcept : record(std::move(other.record)) {}
   ~Probe() {
-    if (!record_) return;
-    std::lock_guard lock(record_->mu);
-    record_->destroyedOn.push_back(std::this_thread::get_id());
+    if (!record) return;
+    std::lock_guard lock(record->mu);
+    record->destroyedOn.push_back(std::this_thread::get_id());
   }
-
- private:
-  std::shared_ptr<Record> record_;
 };
 
 class CompletionLifetimeTest : public testing::PlatformTest {};

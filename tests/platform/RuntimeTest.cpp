@@ -11,98 +11,72 @@
 namespace quorvia::platform {
 namespace {
 
-// An implementation that appends `tag` to `ran` when it runs.
-IMP tagging(std::shared_ptr<std::vector<std::string>> ran, std::string tag) {
-  return [ran, tag](Object&, const MessageArguments&) { ran->push_back(tag); };
-}
-
+// Base defines "inherited" and "overridden"; Derived overrides "overridden".
 struct Hierarchy {
   std::shared_ptr<std::vector<std::string>> ran = std::make_shared<std::vector<std::string>>();
   std::shared_ptr<Class> base = Class::create("Base");
   std::shared_ptr<Class> derived = Class::create("Derived", base);
 
   Hierarchy() {
-    class_addMethod(base.get(), "inherited", tagging(ran, "base.inherited"), "v16@0:8");
-    class_addMethod(base.get(), "overridden", tagging(ran, "base.overridden"), "v16@0:8");
-    class_addMethod(derived.get(), "overridden", tagging(ran, "derived.overridden"), "v16@0:8");
+    class_addMethod(base.get(), "inherited", tagging("base.inherited"), "v16@0:8");
+    class_addMethod(base.get(), "overridden", tagging("base.overridden"), "v16@0:8");
+    class_addMethod(derived.get(), "overridden", tagging("derived.overridden"), "v16@0:8");
   }
-
-  // What sending `selector` to a Derived object runs; "-" when nothing answers.
-  std::string sendToDerived(const std::string& selector) {
-    Object object(derived);
+  // An implementation that records `tag` when it runs.
+  IMP tagging(std::string tag) {
+    return [ran = ran, tag](Object&, const MessageArguments&) { ran->push_back(tag); };
+  }
+  // What sending `selector` to an object of `cls` runs; "-" when nothing answers.
+  std::string send(const std::shared_ptr<Class>& cls, const std::string& selector) {
+    Object object(cls);
     ran->clear();
     if (!object.send(selector)) return "-";
     return ran->empty() ? "" : ran->back();
   }
 };
 
-TEST(RuntimeTest, LookupSearchesSuperclasses) {
-  Hierarchy h;
+TEST(RuntimeTest, LookupAddAndReplaceActOnTheClassItself) {
   struct Case {
     std::string selector;
-    std::string owner;  // class whose method is found; "" when none
-    std::string runs;
+    std::string found;  // what a Derived object runs at first
+    bool added;         // whether adding to Derived succeeds
   };
-  for (const Case& c : std::vector<Case>{{"inherited", "Base", "base.inherited"},
-                                         {"overridden", "Derived", "derived.overridden"},
-                                         {"missing", "", "-"}}) {
+  const Case cases[] = {{"inherited", "base.inherited", true},
+                        {"overridden", "derived.overridden", false},
+                        {"missing", "-", true}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.selector);
+    Hierarchy h;
+    EXPECT_EQ(h.send(h.derived, c.selector), c.found);
+    EXPECT_EQ(Object(h.derived).respondsToSelector(c.selector), c.found != "-");
     const Method* method = class_getInstanceMethod(h.derived.get(), c.selector);
-    EXPECT_EQ(method != nullptr, !c.owner.empty());
+    ASSERT_EQ(method != nullptr, c.found != "-");
     if (method) {
       EXPECT_EQ(method_getName(method), c.selector);
+      // The method found is its owner's own one.
+      const auto& owner = c.found.starts_with("base") ? h.base : h.derived;
+      EXPECT_EQ(class_getInstanceMethod(owner.get(), c.selector), method);
     }
-    if (!c.owner.empty()) {
-      // The method found is the owner's own one.
-      Class* owner = c.owner == "Base" ? h.base.get() : h.derived.get();
-      EXPECT_EQ(class_getInstanceMethod(owner, c.selector), method);
-    }
-    EXPECT_EQ(h.sendToDerived(c.selector), c.runs);
-    EXPECT_EQ(Object(h.derived).respondsToSelector(c.selector), c.runs != "-");
-  }
-}
 
-TEST(RuntimeTest, AddFailsOnlyWhenTheClassItselfDefinesTheMethod) {
-  struct Case {
-    std::string selector;
-    bool added;
-    std::string runsAfter;
-  };
-  for (const Case& c : std::vector<Case>{{"inherited", true, "added"},
-                                         {"overridden", false, "derived.overridden"},
-                                         {"missing", true, "added"}}) {
-    SCOPED_TRACE(c.selector);
-    Hierarchy h;
-    EXPECT_EQ(class_addMethod(h.derived.get(), c.selector, tagging(h.ran, "added"), "v16@0:8"),
-              c.added);
-    EXPECT_EQ(h.sendToDerived(c.selector), c.runsAfter);
-    // The superclass is never changed.
-    Object base(h.base);
-    h.ran->clear();
-    base.send(c.selector);
-    EXPECT_EQ(h.ran->empty() ? "-" : h.ran->back(),
-              c.selector == "missing" ? "-" : "base." + c.selector);
-  }
-}
+    EXPECT_EQ(class_addMethod(h.derived.get(), c.selector, h.tagging("added"), "v16@0:8"), c.added);
+    EXPECT_EQ(h.send(h.derived, c.selector), c.added ? "added" : c.found);
 
-TEST(RuntimeTest, ReplaceAlwaysSucceedsOnTheClassItself) {
-  struct Case {
-    std::string selector;
-    bool hadOwnMethod;
-  };
-  for (const Case& c :
-       std::vector<Case>{{"inherited", false}, {"overridden", true}, {"missing", false}}) {
-    SCOPED_TRACE(c.selector);
-    Hierarchy h;
-    IMP previous = class_replaceMethod(h.derived.get(), c.selector, tagging(h.ran, "replaced"),
-                                       "v32@0:8@16@24");
-    EXPECT_EQ(static_cast<bool>(previous), c.hadOwnMethod);
-    EXPECT_EQ(h.sendToDerived(c.selector), "replaced");
+    Hierarchy r;
+    const IMP previous =
+        class_replaceMethod(r.derived.get(), c.selector, r.tagging("replaced"), "v32@0:8@16@24");
+    EXPECT_EQ(static_cast<bool>(previous), !c.added);
+    EXPECT_EQ(r.send(r.derived, c.selector), "replaced");
     // A replaced method keeps its encoding; an added one takes the given one.
-    EXPECT_EQ(method_getTypeEncoding(class_getInstanceMethod(h.derived.get(), c.selector)),
-              c.hadOwnMethod ? "v16@0:8" : "v32@0:8@16@24");
-    EXPECT_EQ(class_copyMethodList(h.base.get()),
-              (std::vector<std::string>{"inherited", "overridden"}));
+    EXPECT_EQ(method_getTypeEncoding(class_getInstanceMethod(r.derived.get(), c.selector)),
+              c.added ? "v32@0:8@16@24" : "v16@0:8");
+
+    // The superclass never changes.
+    for (Hierarchy* changed : {&h, &r}) {
+      EXPECT_EQ(class_copyMethodList(changed->base.get()),
+                (std::vector<std::string>{"inherited", "overridden"}));
+      EXPECT_EQ(changed->send(changed->base, c.selector),
+                c.selector == "missing" ? "-" : "base." + c.selector);
+    }
   }
 }
 

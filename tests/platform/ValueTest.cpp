@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
-#include "quorvia/platform/Error.h"
 #include "platform/KeyedArchiver.h"
 #include "platform/URL.h"
+#include "quorvia/platform/Error.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::platform {
@@ -78,43 +78,22 @@ TEST(DescriptionIsBoundedWhateverTheValue, Cases) {
   EXPECT_EQ(describe(Value(std::string(100000, 'x'))).size(), 100000u) << "a string is itself";
 }
 
-TEST(ParseJsonRefusesWhatThePlatformReaderRefuses, Cases) {
-  struct Case {
-    std::string text;
-    bool decodes;
-  };
-  const Case cases[] = {
-      {R"({"a":1})", true},
-      {"[1,2]", true},
-      {"7", false},                  // top-level fragments refused
-      {"\"s\"", false},
-      {"null", false},
-      {"{\"a\":", false},            // truncated
-      {"<html>500</html>", false},
-      {"{\"a\":\"\xff\"}", false},   // invalid UTF-8
-      {std::string(600, '[') + std::string(600, ']'), false},  // deeper than we walk
-      {std::string(100, '[') + std::string(100, ']'), true},
-      {"", false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(parseJson(c.text).has_value(), c.decodes) << c.text.substr(0, 40);
-  EXPECT_EQ(*parseJson(R"({"b":1,"a":2})")->begin(), 1) << "insertion order kept";
-}
-
 TEST(ErrorDescription, MatchesFoundation) {
   Error plain{"com.lockwell.lkkeychain", -25300};
   EXPECT_EQ(plain.description(), "Error Domain=com.lockwell.lkkeychain Code=-25300 \"(null)\"");
   EXPECT_EQ(plain.localizedDescription(),
             "The operation couldn\u2019t be completed. (com.lockwell.lkkeychain error -25300.)");
-  Error withText{"NSURLErrorDomain", -1004, Value{{kNSLocalizedDescriptionKey, "Could not connect."}}};
+  Error withText{"NSURLErrorDomain", -1004,
+                 Value{{kNSLocalizedDescriptionKey, "Could not connect."}}};
   EXPECT_EQ(withText.description(),
             "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect.\" "
             "UserInfo={NSLocalizedDescription=Could not connect.}");
 }
 
 TEST(KeyedArchiveRoundTripsExactly, EveryKind) {
-  const Value original = {{"s", "x"},   {"i", -3},  {"u", 18446744073709551615ULL},
-                          {"d", 0.25},  {"n", nullptr}, {"b", true},
-                          {"data", dataValue({0, 255})}, {"z", Value::array({1, "a"})}};
+  const Value original = {
+      {"s", "x"},     {"i", -3},   {"u", 18446744073709551615ULL}, {"d", 0.25},
+      {"n", nullptr}, {"b", true}, {"data", dataValue({0, 255})},  {"z", Value::array({1, "a"})}};
   const auto restored = unarchiveObjectWithData(archivedDataWithRootObject(original));
   ASSERT_TRUE(restored);
   EXPECT_EQ(*restored, original);
