@@ -1,4 +1,5 @@
-// The item functions' rules, checked against both stores so they answer alike.
+// The item functions' rules, checked against both stores so they answer alike
+// (how items are matched and listed is checked through LKKeychain).
 
 #include <gtest/gtest.h>
 
@@ -76,74 +77,6 @@ TEST_P(KeychainItemsTest, IdentityIsServiceAccountGroupAndSyncFlag) {
   EXPECT_EQ(countOf(with(Value{{kSecClass, kSecClassGenericPassword}}, kSecAttrSynchronizable,
                          kSecAttrSynchronizableAny)),
             5u);
-}
-
-// Without a sync key a query matches local items only; delete and update reach
-// only what they match, and absent items are not found.
-TEST_P(KeychainItemsTest, QueryWithoutSyncKeyMatchesOnlyLocalItems) {
-  Value result = "untouched";
-  EXPECT_EQ(SecItemCopyMatching(with(item("s", "a"), kSecReturnData, true), &result),
-            errSecItemNotFound);
-  EXPECT_EQ(result, "untouched");
-  EXPECT_EQ(SecItemUpdate(item("s", "a"), {{kSecValueData, secret("x")}}), errSecItemNotFound);
-  EXPECT_EQ(SecItemDelete(item("s", "a")), errSecItemNotFound);
-
-  ASSERT_EQ(SecItemAdd(with(item("s", "a"), kSecValueData, secret("local")), nullptr), 0);
-  ASSERT_EQ(SecItemAdd(with(with(item("s", "a"), kSecValueData, secret("synced")),
-                            kSecAttrSynchronizable, true),
-                       nullptr),
-            0);
-  struct Case {
-    std::optional<Value> sync;  // nullopt: no sync key
-    std::size_t count;
-    std::string one;
-  };
-  const Case cases[] = {{std::nullopt, 1, "local"},
-                        {false, 1, "local"},
-                        {true, 1, "synced"},
-                        {kSecAttrSynchronizableAny, 2, ""}};
-  for (const auto& c : cases) {
-    const Value query =
-        c.sync ? with(item("s", "a"), kSecAttrSynchronizable, *c.sync) : item("s", "a");
-    EXPECT_EQ(countOf(query), c.count) << query.dump();
-    if (!c.one.empty()) {
-      EXPECT_EQ(dataOf(query), c.one) << query.dump();
-    }
-  }
-  EXPECT_EQ(SecItemUpdate(item("s", "a"), {{kSecValueData, secret("local2")}}), 0);
-  EXPECT_EQ(dataOf(with(item("s", "a"), kSecAttrSynchronizable, true)), "synced");
-  EXPECT_EQ(SecItemDelete(item("s", "a")), 0);
-  EXPECT_EQ(SecItemDelete(item("s", "a")), errSecItemNotFound);
-  EXPECT_EQ(dataOf(with(item("s", "a"), kSecAttrSynchronizable, kSecAttrSynchronizableAny)),
-            "synced");
-}
-
-TEST_P(KeychainItemsTest, SearchReturnsAttributesByShortCodesWithDates) {
-  Value added =
-      with(with(item("polls", "user_token"), kSecValueData, secret("tok")), kSecAttrLabel, "label");
-  added[kSecAttrDescription] = "what it is";
-  ASSERT_EQ(SecItemAdd(added, nullptr), 0);
-  advanceWallClock(30);
-  ASSERT_EQ(SecItemUpdate(item("polls", "user_token"), {{kSecValueData, secret("tok2")}}), 0);
-
-  Value result;
-  ASSERT_EQ(
-      SecItemCopyMatching(with(item("polls", "user_token"), kSecReturnAttributes, true), &result),
-      0);
-  EXPECT_EQ(result, (Value{{"class", "genp"},
-                           {"svce", "polls"},
-                           {"acct", "user_token"},
-                           {"agrp", ""},
-                           {"sync", false},
-                           {"pdmn", "ak"},
-                           {"cdat", 1795262400.0},
-                           {"mdat", 1795262430.0},
-                           {"labl", "label"},
-                           {"desc", "what it is"}}));
-  Value both = with(item("polls", "user_token"), kSecReturnAttributes, true);
-  both[kSecReturnData] = true;
-  ASSERT_EQ(SecItemCopyMatching(both, &result), 0);
-  EXPECT_EQ(result[kSecValueData], secret("tok2"));
 }
 
 TEST_P(KeychainItemsTest, MalformedDictionariesAreBadParameters) {

@@ -1,5 +1,5 @@
-// The credential layer over an in-memory store wrapped to record (and fail)
-// every keychain call.
+// The credential layer over each item store (in memory and durable), wrapped
+// to record and fail keychain calls.
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,9 @@
 
 #include "keychain/LKKeychain.h"
 #include "keychain/LKKeychainQuery.h"
+#include "platform/Device.h"
 #include "platform/FaultInjectingKeychainStore.h"
+#include "platform/KeychainStore.h"
 #include "platform/Localization.h"
 #include "support/PlatformTest.h"
 
@@ -21,10 +23,13 @@ using platform::Value;
 using Op = platform::FaultInjectingKeychainStore::Operation;
 using Mode = LKKeychainQuerySynchronizationMode;
 
-class LKKeychainTest : public testing::PlatformTest {
+class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParamInterface<bool> {
  protected:
   void SetUp() override {
     PlatformTest::SetUp();
+    store_ = std::make_shared<platform::FaultInjectingKeychainStore>(
+        GetParam() ? platform::makeSQLiteKeychainStore(platform::dataDirectory())
+                   : platform::makeInMemoryKeychainStore());
     env_->setKeychainStore(store_);
   }
   static LKKeychainQuery tokenQuery(Mode mode = LKKeychainQuerySynchronizationModeAny) {
@@ -35,14 +40,12 @@ class LKKeychainTest : public testing::PlatformTest {
     return query;
   }
 
-  std::shared_ptr<platform::FaultInjectingKeychainStore> store_ =
-      std::make_shared<platform::FaultInjectingKeychainStore>(
-          platform::makeInMemoryKeychainStore());
+  std::shared_ptr<platform::FaultInjectingKeychainStore> store_;
 };
 
 // A second save updates the one item: password and modification date change,
 // the label and creation date stay, and a listing never carries the secret.
-TEST_F(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) {
+TEST_P(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) {
   auto first = tokenQuery();
   first.setLabel("original");
   first.setPassword("one");
@@ -70,7 +73,7 @@ TEST_F(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) 
 
 // Missing arguments are refused before any keychain call; absent items are
 // not found. Every call also takes a nil error slot.
-TEST_F(LKKeychainTest, FailedCallsGiveNilAndTheirCode) {
+TEST_P(LKKeychainTest, FailedCallsGiveNilAndTheirCode) {
   constexpr int kBadArguments = -1001, kNotFound = -25300;
   const std::optional<std::string> nil;
   struct Case {
@@ -113,7 +116,7 @@ TEST_F(LKKeychainTest, FailedCallsGiveNilAndTheirCode) {
 
 // Hosts translate errors by their message keys, from a strings table named
 // "LKKeychain"; a status without a key of its own gets the default one.
-TEST_F(LKKeychainTest, ErrorWithCodeNamesTheStatusByItsMessageKey) {
+TEST_P(LKKeychainTest, ErrorWithCodeNamesTheStatusByItsMessageKey) {
   for (const int code : {-1, 1, -25301}) {
     EXPECT_EQ(LKKeychainQuery::errorWithCode(code)->userInfo,
               (Value{{"NSLocalizedDescription", "errSecDefault"}}));
@@ -124,7 +127,7 @@ TEST_F(LKKeychainTest, ErrorWithCodeNamesTheStatusByItsMessageKey) {
   EXPECT_EQ(LKKeychainQuery::errorWithCode(-50)->localizedDescription(), "errSecParam");
 }
 
-TEST_F(LKKeychainTest, PasswordViewsRoundTripOrGiveNil) {
+TEST_P(LKKeychainTest, PasswordViewsRoundTripOrGiveNil) {
   auto query = tokenQuery();
   const Value object = {{"token", "abc"},
                         {"n", 7},
@@ -154,7 +157,7 @@ TEST_F(LKKeychainTest, PasswordViewsRoundTripOrGiveNil) {
   EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), std::nullopt);
 }
 
-TEST_F(LKKeychainTest, SynchronizationModesMatchTheirItems) {
+TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
   for (const auto& [mode, password] : {std::pair{LKKeychainQuerySynchronizationModeYes, "synced"},
                                        std::pair{LKKeychainQuerySynchronizationModeNo, "local"}}) {
     auto query = tokenQuery(mode);
@@ -184,7 +187,7 @@ TEST_F(LKKeychainTest, SynchronizationModesMatchTheirItems) {
 }
 
 // A locked device fails the lookup that starts a save: nothing is written.
-TEST_F(LKKeychainTest, FailedStepStopsTheSaveWithItsCode) {
+TEST_P(LKKeychainTest, FailedStepStopsTheSaveWithItsCode) {
   ASSERT_TRUE(LKKeychain::setPassword("before", "polls", "user_token"));
   store_->failCall(Op::kCopyMatching, platform::errSecInteractionNotAllowed);
   Error error;
@@ -201,7 +204,7 @@ TEST_F(LKKeychainTest, FailedStepStopsTheSaveWithItsCode) {
 }
 
 // The type is given to added and updated items and narrows listings, never reads.
-TEST_F(LKKeychainTest, AccessibilityTypeIsSavedAndNarrowsListings) {
+TEST_P(LKKeychainTest, AccessibilityTypeIsSavedAndNarrowsListings) {
   EXPECT_EQ(LKKeychain::accessibilityType(), std::nullopt);
   ASSERT_TRUE(LKKeychain::setPassword("one", "polls", "user_token"));
   LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAfterFirstUnlock);
@@ -217,7 +220,7 @@ TEST_F(LKKeychainTest, AccessibilityTypeIsSavedAndNarrowsListings) {
   EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "two");
 }
 
-TEST_F(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
+TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
   env_->setKeychainStore(nullptr);  // the default durable store, shared by both threads
   // Two first saves of "shared" may both find it missing and race to add;
   // the loser's duplicate-item failure is the item store's answer, not a fault.
@@ -240,6 +243,9 @@ TEST_F(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
   EXPECT_TRUE(shared == "one39" || shared == "two39") << platform::describe(shared);
   EXPECT_EQ(LKKeychain::allAccounts()->size(), 3u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, LKKeychainTest, ::testing::Bool(),
+                         [](const auto& info) { return info.param ? "Durable" : "InMemory"; });
 
 }  // namespace
 }  // namespace quorvia

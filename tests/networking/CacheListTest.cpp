@@ -25,12 +25,12 @@ class CacheListTest : public NetworkingTest {
     NetworkingTest::SetUp();
   }
 
-  static platform::URLCache& cache() { return *platform::URLCache::sharedURLCache(); }
   static platform::URLRequest requestFor(const std::string& url) {
     return platform::URLRequest::requestWithURL(platform::URLWithString(url));
   }
   static std::optional<std::string> cachedBody(const std::string& url) {
-    const auto cached = cache().cachedResponseForRequest(requestFor(url));
+    const auto cached =
+        platform::URLCache::sharedURLCache()->cachedResponseForRequest(requestFor(url));
     if (!cached) return std::nullopt;
     return std::string(cached->data.begin(), cached->data.end());
   }
@@ -38,7 +38,7 @@ class CacheListTest : public NetworkingTest {
     platform::CachedURLResponse cached;
     cached.response.statusCode = 200;
     cached.data.assign(body.begin(), body.end());
-    cache().storeCachedResponse(cached, requestFor(url));
+    platform::URLCache::sharedURLCache()->storeCachedResponse(cached, requestFor(url));
   }
   std::string expiryIn(int seconds) const {
     return SimpleNetworking::shared().getNSStringFromNSDate(
@@ -55,16 +55,6 @@ class CacheListTest : public NetworkingTest {
         [&](auto r) { SimpleNetworking::getJsonCachedFromURL(url, param, lifetime, r); });
   }
 };
-
-// Megabytes are multiplied in 32 bits, as the capacities always were.
-TEST_F(CacheListTest, SharedCacheCapacitiesWrapIn32Bits) {
-  SimpleNetworking::shared();
-  EXPECT_EQ(cache().memoryCapacity(), 335544320u);
-  EXPECT_EQ(cache().diskCapacity(), 671088640u);
-  SimpleNetworking::setCacheSizeMemoryCapacityInMB(2048, 4096);
-  EXPECT_EQ(cache().memoryCapacity(), 0xFFFFFFFF80000000u);
-  EXPECT_EQ(cache().diskCapacity(), 0u);
-}
 
 TEST_F(CacheListTest, FreshEntryIsAnsweredBeforeTheCallReturnsAndStaleOneFromTheNetwork) {
   LoopbackServer server;
@@ -176,17 +166,6 @@ TEST_F(CacheListTest, ListIsLoadedFromOneKeyAndSavedUnderTheOther) {
 TEST_F(CacheListTest, NonDictionaryUnderTheLoadKeyGivesAnEmptyList) {
   setStored(Value::array({"http://a/"}), SimpleNetworking::kStoredCacheLoadKey);
   EXPECT_EQ(storedList(), Value::object());
-}
-
-TEST_F(CacheListTest, ArchiveRoundTripsThroughTheUserDefaults) {
-  auto& client = SimpleNetworking::shared();
-  const Value object = {{"list", Value::array({1, "two", nullptr})}, {"n", 2.5}};
-  EXPECT_TRUE(client.archive(object, "archived"));
-  EXPECT_EQ(client.unarchiveForKey("archived"), object);
-  EXPECT_TRUE(client.archive(std::nullopt, "archived"));
-  EXPECT_FALSE(client.unarchiveForKey("archived"));
-  setStored(Value("not data"), "plain");
-  EXPECT_FALSE(client.unarchiveForKey("plain"));
 }
 
 }  // namespace

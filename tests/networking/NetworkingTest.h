@@ -19,6 +19,10 @@ struct Outcome {
   std::optional<platform::Error> error;
 };
 
+/// A width x height grey image as the writer of `format` ("png", "jpg", "tga"
+/// or "bmp") encodes it.
+platform::Bytes encodedImage(const std::string& format, int width, int height);
+
 class NetworkingTest : public PlatformTest {
  protected:
   void SetUp() override {
