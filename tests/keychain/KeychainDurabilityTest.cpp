@@ -27,40 +27,33 @@ namespace fs = std::filesystem;
 using platform::Error;
 using platform::OSStatus;
 
-// Another process: a fork that runs `work` on a store of its own, reporting
-// on a pipe the test reads line by line; killed by its pid if still running
-// when the test lets go of it.
+// Another process: a fork that runs `work` on a store of its own and writes
+// its answer on a pipe, then exits, or stays until killed when asked to. It is
+// killed by its pid if still running when the test lets go of it.
 class Child final {
  public:
-  Child(platform::ConfigurableEnvironment& env, const std::function<void(Child&)>& work) {
+  Child(platform::ConfigurableEnvironment& env, const std::function<std::string()>& work,
+        bool stay = false) {
     int fds[2];
     if (::pipe(fds) != 0) return;
-    // The parent's connection is closed first: none is ever shared across a fork.
-    env.setKeychainStore(platform::makeInMemoryKeychainStore());
+    env.setKeychainStore(platform::makeInMemoryKeychainStore());  // no connection crosses a fork
     pid_ = ::fork();
     if (pid_ == 0) {
-      ::close(fds[0]);
-      out_ = fds[1];
       env.setKeychainStore(platform::makeSQLiteKeychainStore(platform::dataDirectory()));
-      work(*this);
-      ::_exit(0);
+      const std::string line = work() + "\n";
+      if (::write(fds[1], line.data(), line.size()) < 0 || !stay) ::_exit(0);
+      for (;;) ::pause();
     }
     ::close(fds[1]);
     out_ = fds[0];
   }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
   ~Child() {
     kill();
     wait();
     ::close(out_);
   }
-  void report(const std::string& line) {
-    const std::string text = line + "\n";
-    if (::write(out_, text.data(), text.size()) < 0) ::_exit(1);
-  }
-  // Blocks until the child writes a line (or exits).
-  std::string readLine() {
+  // Blocks until the child has answered (or exited).
+  std::string answer() {
     std::string line;
     for (char c; ::read(out_, &c, 1) == 1 && c != '\n';) line += c;
     return line;
@@ -267,22 +260,22 @@ TEST_F(KeychainDurabilityTest, UnusableStorePathGivesErrors) {
 // A save is on disk when the call returns: it survives the saving process
 // being killed right after, and another process reads it.
 TEST_F(KeychainDurabilityTest, SavesSurviveAKillAndAreReadByAnotherProcess) {
+  const auto read = [] {
+    return LKKeychain::passwordForService("polls", "user_token").value_or("");
+  };
   for (const std::string password : {"first", "second", "third"}) {  // an add, then updates
     SCOPED_TRACE(password);
-    Child child(*env_, [&](Child& self) {
-      self.report(LKKeychain::setPassword(password, "polls", "user_token") ? "saved" : "failed");
-      for (;;) ::pause();
-    });
-    ASSERT_EQ(child.readLine(), "saved");
-    child.kill();
-    ASSERT_TRUE(WIFSIGNALED(child.wait()));
+    Child saver(
+        *env_,
+        [&] { return LKKeychain::setPassword(password, "polls", "user_token") ? "saved" : ""; },
+        /*stay=*/true);
+    ASSERT_EQ(saver.answer(), "saved");
+    saver.kill();
+    ASSERT_TRUE(WIFSIGNALED(saver.wait()));
     reopen();
-    EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), password);
+    EXPECT_EQ(read(), password);
     ASSERT_TRUE(LKKeychain::setPassword(password + "-parent", "polls", "user_token"));
-    Child reader(*env_, [](Child& self) {
-      self.report(LKKeychain::passwordForService("polls", "user_token").value_or("(none)"));
-    });
-    EXPECT_EQ(reader.readLine(), password + "-parent");
+    EXPECT_EQ(Child(*env_, read).answer(), password + "-parent");
     reopen();
   }
 }
@@ -290,26 +283,23 @@ TEST_F(KeychainDurabilityTest, SavesSurviveAKillAndAreReadByAnotherProcess) {
 TEST_F(KeychainDurabilityTest, TwoProcessesSavingAtOnceLoseNothing) {
   ASSERT_TRUE(LKKeychain::setPassword("x", "polls", "warmup"));
   const auto saveMany = [](const std::string& prefix) {
-    return [prefix](Child& self) {
+    return [prefix] {
       int failures = 0;
       for (int i = 0; i < 40; ++i) {
         const std::string account = prefix + std::to_string(i);
         failures += !LKKeychain::setPassword("pw-" + account, "polls", account);
         failures += LKKeychain::passwordForService("polls", account) != "pw-" + account;
       }
-      self.report("failures " + std::to_string(failures));
+      return "failures " + std::to_string(failures);
     };
   };
-  Child a(*env_, saveMany("a"));
-  Child b(*env_, saveMany("b"));
-  EXPECT_EQ(a.readLine(), "failures 0");
-  EXPECT_EQ(b.readLine(), "failures 0");
+  Child a(*env_, saveMany("a")), b(*env_, saveMany("b"));
+  EXPECT_EQ(a.answer(), "failures 0");
+  EXPECT_EQ(b.answer(), "failures 0");
   a.wait();
   b.wait();
   reopen();
-  const auto items = LKKeychain::accountsForService("polls");
-  ASSERT_TRUE(items);
-  EXPECT_EQ(items->size(), 81u);
+  EXPECT_EQ(LKKeychain::accountsForService("polls").value_or(platform::Value()).size(), 81u);
 
   sqlite3* db = nullptr;
   ASSERT_EQ(sqlite3_open_v2(file().c_str(), &db, SQLITE_OPEN_READONLY, nullptr), SQLITE_OK);

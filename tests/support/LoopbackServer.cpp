@@ -44,34 +44,6 @@ struct LoopbackServer::Tls {
   ~Tls() { SSL_CTX_free(context); }
 };
 
-// One accepted connection, plain or TLS.
-class LoopbackServer::Connection {
- public:
-  Connection(int fd, Tls* tls) : fd_(fd), ssl_(tls ? SSL_new(tls->context) : nullptr) {
-    failed_ = ssl_ && (SSL_set_fd(ssl_, fd) != 1 || SSL_accept(ssl_) != 1);
-  }
-  ~Connection() { SSL_free(ssl_); }
-  bool failed() const { return failed_; }
-  long receive(char* into, std::size_t size) {
-    return ssl_ ? SSL_read(ssl_, into, static_cast<int>(size)) : ::recv(fd_, into, size, 0);
-  }
-  bool sendAll(const std::string& bytes) {
-    for (std::size_t sent = 0; sent < bytes.size();) {
-      const long n =
-          ssl_ ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(bytes.size() - sent))
-               : ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      sent += static_cast<std::size_t>(n);
-    }
-    return true;
-  }
-
- private:
-  int fd_;
-  SSL* ssl_;
-  bool failed_;
-};
-
 std::string RecordedRequest::header(const std::string& name) const {
   for (const auto& [key, value] : headers) {
     if (::strcasecmp(key.c_str(), name.c_str()) == 0) return value;
@@ -155,15 +127,29 @@ void LoopbackServer::acceptLoop() {
 }
 
 void LoopbackServer::serve(int fd) {
-  Connection connection(fd, tls_.get());
+  // One accepted connection, plain or TLS.
+  const std::unique_ptr<SSL, void (*)(SSL*)> ssl(tls_ ? SSL_new(tls_->context) : nullptr, SSL_free);
+  bool open = !ssl || (SSL_set_fd(ssl.get(), fd) == 1 && SSL_accept(ssl.get()) == 1);
   std::string buffer;
   char chunk[16384];
   const auto readMore = [&] {
-    const long n = connection.receive(chunk, sizeof chunk);
+    const long n =
+        ssl ? SSL_read(ssl.get(), chunk, sizeof chunk) : ::recv(fd, chunk, sizeof chunk, 0);
     if (n > 0) buffer.append(chunk, static_cast<std::size_t>(n));
     return n > 0;
   };
-  for (bool open = !connection.failed(); open;) {
+  const auto sendAll = [&](const std::string& bytes) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
+      const char* from = bytes.data() + sent;
+      const std::size_t left = bytes.size() - sent;
+      const long n = ssl ? SSL_write(ssl.get(), from, static_cast<int>(left))
+                         : ::send(fd, from, left, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      sent += static_cast<std::size_t>(n);
+    }
+    return true;
+  };
+  while (open) {
     // One request: the head, then a body of Content-Length bytes.
     std::size_t headEnd;
     while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos && (open = readMore())) {
@@ -210,7 +196,7 @@ void LoopbackServer::serve(int fd) {
     lock.unlock();
     if (behaviour_ == Behaviour::kStall) continue;  // keeps reading; the client gives up
     if (behaviour_ == Behaviour::kResetMidBody || behaviour_ == Behaviour::kTruncateBody) {
-      connection.sendAll(
+      sendAll(
           "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
           "Content-Length: 100\r\n\r\n{\"partial\":");
       if (behaviour_ == Behaviour::kResetMidBody) {
@@ -222,16 +208,14 @@ void LoopbackServer::serve(int fd) {
     const std::string answerHead = "HTTP/1.1 " + std::to_string(reply.status) + " Reply\r\n" +
                                    extra + "Content-Type: " + reply.contentType + "\r\n";
     if (reply.streamedBytes == 0) {
-      open =
-          connection.sendAll(answerHead + "Content-Length: " + std::to_string(reply.body.size()) +
-                             "\r\n\r\n" + reply.body);
+      open = sendAll(answerHead + "Content-Length: " + std::to_string(reply.body.size()) +
+                     "\r\n\r\n" + reply.body);
       continue;
     }
-    open = connection.sendAll(answerHead +
-                              (reply.announceLength
-                                   ? "Content-Length: " + std::to_string(reply.streamedBytes)
-                                   : std::string("Transfer-Encoding: chunked")) +
-                              "\r\n\r\n");
+    open = sendAll(answerHead +
+                   (reply.announceLength ? "Content-Length: " + std::to_string(reply.streamedBytes)
+                                         : std::string("Transfer-Encoding: chunked")) +
+                   "\r\n\r\n");
     const std::string spaces(64 * 1024, ' ');
     for (std::size_t left = reply.streamedBytes; open && left > 0;) {
       const std::size_t size = std::min(left, spaces.size());
@@ -239,9 +223,9 @@ void LoopbackServer::serve(int fd) {
       std::ostringstream part;
       if (!reply.announceLength) part << std::hex << size << "\r\n";
       part << spaces.substr(0, size) << (reply.announceLength ? "" : "\r\n");
-      open = connection.sendAll(part.str());
+      open = sendAll(part.str());
     }
-    if (open && !reply.announceLength) open = connection.sendAll("0\r\n\r\n");
+    if (open && !reply.announceLength) open = sendAll("0\r\n\r\n");
   }
   std::lock_guard lock(mu_);
   std::erase(connections_, fd);
