@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <tuple>
 
 #include "networking/NetworkingTest.h"
 #include "platform/DateFormatter.h"
@@ -62,7 +63,7 @@ class PlatformNetTest : public PlatformTest {
 
 TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
   const std::vector<std::pair<std::string, platform::Bytes>> cases = {
-      {"garbage", {'n', 'o', 't', ' ', 'a', 'n', ' ', 'a', 'r', 'c', 'h', 'i', 'v', 'e'}},
+      {"garbage", platform::Bytes(64, 0x5a)},
       {"array", platform::archivedDataWithRootObject(Value::array({1, 2}))},
       {"truncated",
        [] {
@@ -146,12 +147,7 @@ TEST_F(PlatformNetTest, OnlyPngJpegAndGifWithinThePixelCapDecode) {
       "GIF89a\x01\x00\x01\x00\x80\x00\x00\xff\xff\xff\x00\x00\x00"
       ",\x00\x00\x00\x00\x01\x00\x01\x00\x00\x02\x02\x44\x01\x00;"s;
   const std::string pnm = "P5\n2 2\n255\n\x01\x02\x03\x04";
-  struct Case {
-    const char* name;
-    platform::Bytes bytes;
-    bool decodes;
-  };
-  const Case cases[] = {
+  const std::tuple<const char*, platform::Bytes, bool> cases[] = {
       {"PNG", encodedImage("png", 3, 2), true},
       {"JPEG", encodedImage("jpg", 3, 2), true},
       {"GIF", platform::Bytes(gif.begin(), gif.end()), true},
@@ -163,9 +159,9 @@ TEST_F(PlatformNetTest, OnlyPngJpegAndGifWithinThePixelCapDecode) {
       {"PNG magic only", {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'}, false},
       {"noise", platform::Bytes(64, 0xff), false},
   };
-  for (const auto& c : cases) {
-    const auto image = platform::imageWithData(c.bytes);
-    EXPECT_EQ(image != nullptr, c.decodes) << c.name;
+  for (const auto& [name, bytes, decodes] : cases) {
+    const auto image = platform::imageWithData(bytes);
+    EXPECT_EQ(image != nullptr, decodes) << name;
     if (image) {
       EXPECT_EQ(image->rgba.size(), static_cast<std::size_t>(image->width) * image->height * 4);
     }
@@ -177,17 +173,13 @@ TEST_F(PlatformNetTest, OnlyPngJpegAndGifWithinThePixelCapDecode) {
 TEST_F(PlatformNetTest, DatesOutsideTheClockRangeAreNil) {
   platform::DateFormatter formatter;
   formatter.setDateFormat("yyyy-MM-dd HH:mm:ss");
-  struct Case {
-    const char* text;
-    bool parses;
-  };
-  const Case cases[] = {
+  const std::pair<const char*, bool> cases[] = {
       {"2026-11-22 12:00:00", true},  {"2261-06-01 00:00:00", true},
       {"2263-01-01 00:00:00", false}, {"9999-12-31 23:59:59", false},
-      {"1677-01-01 00:00:00", false}, {"123456789-01-01 00:00:00", false},
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(formatter.dateFromString(c.text).has_value(), c.parses) << c.text;
+      {"1677-01-01 00:00:00", false}, {"123456789-01-01 00:00:00", false}};
+  for (const auto& [text, parses] : cases) {
+    EXPECT_EQ(formatter.dateFromString(text).has_value(), parses) << text;
+  }
   const auto late = formatter.dateFromString("2261-06-01 00:00:00");
   ASSERT_TRUE(late);
   const auto date = std::make_shared<const platform::SystemTime>(*late);
@@ -235,18 +227,13 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
   });
   const std::string base = server.baseURL();
 
-  struct Case {
-    std::string path;
-    bool cached, exceeds;  // else the whole body arrives
-  };
-  const Case cases[] = {
-      {"/announced", false, true},
-      {"/streamed", false, true},
-      {"/streamed", true, true},
-      {"/at-limit", false, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.path + (c.cached ? " cached" : ""));
+  const std::tuple<std::string, bool, bool> cases[] = {// path, cached, exceeds
+                                                       {"/announced", false, true},
+                                                       {"/streamed", false, true},
+                                                       {"/streamed", true, true},
+                                                       {"/at-limit", false, false}};
+  for (const auto& [path, cached, exceeds] : cases) {
+    SCOPED_TRACE(path + (cached ? " cached" : ""));
     bool called = false;
     std::optional<platform::Bytes> body;
     std::optional<platform::Error> error;
@@ -255,13 +242,13 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
       body = std::move(data);
       error = std::move(e);
     };
-    SimpleNetworking::shared().callNSURLSessionWithType(0, base + c.path, std::nullopt, c.cached,
-                                                        60, false, "", "", std::nullopt, done);
+    SimpleNetworking::shared().callNSURLSessionWithType(0, base + path, std::nullopt, cached, 60,
+                                                        false, "", "", std::nullopt, done);
     ASSERT_TRUE(loop_->runUntil([&] { return called; }, platform::seconds(60)));
-    EXPECT_EQ(body.has_value(), !c.exceeds);
-    EXPECT_EQ(body ? body->size() : 0, c.exceeds ? 0 : kLimit);
-    ASSERT_EQ(error.has_value(), c.exceeds);
-    if (c.exceeds) {
+    EXPECT_EQ(body.has_value(), !exceeds);
+    EXPECT_EQ(body ? body->size() : 0, exceeds ? 0 : kLimit);
+    ASSERT_EQ(error.has_value(), exceeds);
+    if (exceeds) {
       EXPECT_EQ(error->domain, platform::NSURLErrorDomain);
       EXPECT_EQ(error->code, platform::NSURLErrorDataLengthExceedsMaximum);
       EXPECT_EQ(error->localizedDescription(), "data length exceeds maximum");

@@ -1,4 +1,4 @@
-// The main queue: virtual time, posting, waking a host loop, and observers.
+// The main queue: virtual time, posting, and waking a host loop.
 
 #include <poll.h>
 
@@ -7,7 +7,6 @@
 #include <thread>
 #include <vector>
 
-#include "quorvia/platform/NotificationCenter.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::platform {
@@ -44,41 +43,39 @@ TEST(VirtualClockRunsDelayedTasksAtTheirDueTime, InOrder) {
 // a post or stop that the wait missed would hang the test. A virtual clock
 // does not move while it waits for real events.
 TEST(RunLoopWakesForPostsAndStopFromOtherThreads, WhileWaiting) {
+  using Wait = std::function<void(RunLoop&, const bool& delivered)>;
+  const Wait until = [](RunLoop& loop, const bool& delivered) {
+    EXPECT_TRUE(loop.runUntil([&] { return delivered; }, std::chrono::seconds(30)));
+    EXPECT_EQ(loop.now(), Duration::zero());
+  };
   struct Case {
     const char* name;
-    std::function<void(RunLoop&)> fromOtherThread;
-    std::function<bool(RunLoop&)> runOnMain;
-    RunLoop::Clock clock = RunLoop::Clock::kReal;
+    RunLoop::Clock clock;
+    bool stopDirectly;  // else the other thread posts a task that delivers and stops
+    Wait wait;
   };
-  bool delivered = false;
   const Case cases[] = {
-      {"a post ends runUntil on the virtual clock",
-       [&](RunLoop& loop) { loop.post([&] { delivered = true; }); },
-       [&](RunLoop& loop) {
-         return loop.runUntil([&] { return delivered; }, std::chrono::seconds(30)) &&
-                loop.now() == Duration::zero();
-       },
-       RunLoop::Clock::kVirtual},
-      {"a post ends runUntil", [&](RunLoop& loop) { loop.post([&] { delivered = true; }); },
-       [&](RunLoop& loop) {
-         return loop.runUntil([&] { return delivered; }, std::chrono::seconds(30));
+      {"runUntil, virtual clock", RunLoop::Clock::kVirtual, false, until},
+      {"runUntil", RunLoop::Clock::kReal, false,
+       [](RunLoop& loop, const bool& delivered) {
+         EXPECT_TRUE(loop.runUntil([&] { return delivered; }, std::chrono::seconds(30)));
        }},
-      {"stop ends run", [](RunLoop& loop) { loop.stop(); },
-       [](RunLoop& loop) {
-         loop.run();
-         return true;
-       }},
-      {"a post ends runFor's wait", [](RunLoop& loop) { loop.post([&loop] { loop.stop(); }); },
-       [](RunLoop& loop) {
-         loop.runFor(std::chrono::hours(1));
-         return true;
-       }},
+      {"run", RunLoop::Clock::kReal, true, [](RunLoop& loop, const bool&) { loop.run(); }},
+      {"runFor", RunLoop::Clock::kReal, false,
+       [](RunLoop& loop, const bool&) { loop.runFor(std::chrono::hours(1)); }},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     RunLoop loop(c.clock);
-    delivered = false;
-    std::thread other([&] { c.fromOtherThread(loop); });
-    EXPECT_TRUE(c.runOnMain(loop)) << c.name;
+    bool delivered = false;
+    std::thread other([&] {
+      if (c.stopDirectly) return loop.stop();
+      loop.post([&] {
+        delivered = true;
+        loop.stop();
+      });
+    });
+    c.wait(loop, delivered);
     other.join();
   }
 }
@@ -126,21 +123,6 @@ TEST(WakeDescriptorTellsAHostLoopWhenToDrain, ForEveryKindOfPost) {
   loop.post([&] { ++ran; });
   EXPECT_EQ(loop.drainOnce(), 2u) << "a drain reports how many tasks it ran";
   EXPECT_EQ(ran, 6);
-}
-
-TEST(NotificationCenterCallsObserversOfThatName, InRegistrationOrder) {
-  NotificationCenter center;
-  std::string calls;
-  center.addObserver(UIApplicationDidBecomeActiveNotification,
-                     [&](std::string_view) { calls += "a"; });
-  const auto token = center.addObserver(UIApplicationDidBecomeActiveNotification,
-                                        [&](std::string_view) { calls += "b"; });
-  center.addObserver(UIApplicationWillTerminateNotification,
-                     [&](std::string_view) { calls += "x"; });
-  center.postNotificationName(UIApplicationDidBecomeActiveNotification);
-  center.removeObserver(token);
-  center.postNotificationName(UIApplicationDidBecomeActiveNotification);
-  EXPECT_EQ(calls, "aba");
 }
 
 }  // namespace
