@@ -130,7 +130,7 @@ TEST_P(LKKeychainTest, PasswordViewsRoundTripOrGiveNil) {
 }
 
 // A synchronized and a local item of one account are two items; each mode
-// reaches its own, "any" reaches both.
+// reaches its own, "any" reaches both. So is an item of another access group.
 TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
   const std::pair<LKKeychainQuerySynchronizationMode, const char*> items[] = {
       {LKKeychainQuerySynchronizationModeYes, "synced"},
@@ -147,6 +147,11 @@ TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
     EXPECT_EQ(query.fetchAll()->size(), 1u);
   }
   EXPECT_EQ(tokenQuery().fetchAll()->size(), 2u);
+  auto grouped = tokenQuery(LKKeychainQuerySynchronizationModeNo);
+  grouped.setAccessGroup("team.shared");
+  grouped.setPassword("shared");
+  ASSERT_TRUE(grouped.save());
+  EXPECT_EQ(tokenQuery().fetchAll()->size(), 3u) << "another group's item is another item";
 }
 
 // A locked device fails the lookup that starts a save: nothing is written.
