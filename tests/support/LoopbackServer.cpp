@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
@@ -52,9 +51,10 @@ std::string RecordedRequest::header(const std::string& name) const {
 }
 
 bool RecordedRequest::hasHeader(const std::string& name) const {
-  return std::any_of(headers.begin(), headers.end(), [&](const auto& header) {
-    return ::strcasecmp(header.first.c_str(), name.c_str()) == 0;
-  });
+  for (const auto& header : headers) {
+    if (::strcasecmp(header.first.c_str(), name.c_str()) == 0) return true;
+  }
+  return false;
 }
 
 LoopbackServer::LoopbackServer(Behaviour behaviour, bool tls)
