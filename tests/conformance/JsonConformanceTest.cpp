@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -76,11 +75,7 @@ TEST(JsonConformance, EveryCorpusCaseDecodesOrGivesNil) {
 }
 
 TEST(JsonConformance, DecodedValuesAreTheOnesWritten) {
-  struct Case {
-    std::string text;
-    Value expected;
-  };
-  const Case cases[] = {
+  const std::pair<std::string, Value> cases[] = {
       {R"(["\"\\\/\b\f\n\r\t\u0041"])", Value::array({"\"\\/\b\f\n\r\tA"})},
       {R"(["a\u0000b"])", Value::array({std::string("a\0b", 3)})},
       {R"(["\uD83D\uDE00"])", Value::array({"\xF0\x9F\x98\x80"})},
@@ -91,9 +86,7 @@ TEST(JsonConformance, DecodedValuesAreTheOnesWritten) {
       {R"({"a":1,"b":0,"a":2})", Value{{"a", 2}, {"b", 0}}},
       {R"({"":[]})", Value{{"", Value::array()}}},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(platform::parseJson(c.text), c.expected) << c.text;
-  }
+  for (const auto& [text, expected] : cases) EXPECT_EQ(platform::parseJson(text), expected) << text;
   const auto huge = platform::parseJson("[123456789012345678901234567890]");
   ASSERT_TRUE(huge);
   EXPECT_TRUE((*huge)[0].is_number_float());

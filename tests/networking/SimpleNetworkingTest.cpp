@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 #include "networking/NetworkingTest.h"
 
@@ -179,12 +180,8 @@ TEST_F(SimpleNetworkingTest, ImagesDecodeOrGiveNilWithoutError) {
 TEST_F(SimpleNetworkingTest, TransportFailuresGiveOneErrorEachOnTheMainQueue) {
   LoopbackServer refusing(Behaviour::kRefuse), reset(Behaviour::kResetMidBody),
       truncated(Behaviour::kTruncateBody), stalled(Behaviour::kStall);
-  struct Case {
-    std::string url;
-    std::int64_t code;
-    std::string text;
-  };
-  const Case cases[] = {
+  const std::tuple<std::string, std::int64_t, std::string> cases[] = {
+      // url, code, text
       {refusing.url("/gone"), platform::NSURLErrorCannotConnectToHost,
        "Could not connect to the server."},
       {reset.url("/reset"), platform::NSURLErrorNetworkConnectionLost,
@@ -196,17 +193,17 @@ TEST_F(SimpleNetworkingTest, TransportFailuresGiveOneErrorEachOnTheMainQueue) {
       {"", platform::NSURLErrorBadURL, "bad URL"},
   };
   transport_->setSeconds(0.3);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.url);
-    const auto outcome = completed(
-        [&](auto r) { SimpleNetworking::getJsonCachelessFromURL(c.url, std::nullopt, r); });
+  for (const auto& [url, code, text] : cases) {
+    SCOPED_TRACE(url);
+    const auto outcome =
+        completed([&](auto r) { SimpleNetworking::getJsonCachelessFromURL(url, std::nullopt, r); });
     EXPECT_EQ(outcome->calls, 1);
     EXPECT_TRUE(outcome->onMainThread);
     EXPECT_FALSE(outcome->result);
     ASSERT_TRUE(outcome->error);
     EXPECT_EQ(outcome->error->domain, "NSURLErrorDomain");
-    EXPECT_EQ(outcome->error->code, c.code);
-    EXPECT_EQ(outcome->error->localizedDescription(), c.text);
+    EXPECT_EQ(outcome->error->code, code);
+    EXPECT_EQ(outcome->error->localizedDescription(), text);
   }
 }
 
