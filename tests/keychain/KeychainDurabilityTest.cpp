@@ -93,8 +93,13 @@ class KeychainDurabilityTest : public testing::PlatformTest {
   fs::path dir() const { return platform::dataDirectory(); }
   fs::path file() const { return dir() / platform::kKeychainStoreFileName; }
 
+  fs::path journal() const { return file().string() + "-journal"; }
+  fs::path wal() const { return file().string() + "-wal"; }
+
   // A fresh store object on the same directory, as a new process would open.
   void reopen() { env_->setKeychainStore(platform::makeSQLiteKeychainStore(dir())); }
+  // Lets go of the store file.
+  void close() { env_->setKeychainStore(platform::makeInMemoryKeychainStore()); }
 
   // Every kind of call fails with `expected`, none crashes nor logs the secret.
   void expectEveryCallFails(OSStatus expected) {
@@ -133,17 +138,14 @@ TEST_F(KeychainDurabilityTest, CommittedWritesLiveInTheMainFileAndDeletedOnesNow
 // The store is made private to its user whatever the umask; once exposed to
 // others it is refused, and left as it was.
 TEST_F(KeychainDurabilityTest, StoreIsPrivateAndRefusedOnceExposed) {
-  ASSERT_FALSE(fs::exists(dir()));
   ::umask(022);
   ASSERT_TRUE(LKKeychain::setPassword("s3cr3t-value", "polls", "user_token"));
   EXPECT_EQ(modeOf(dir()), 0700u);
   for (const auto& entry : fs::directory_iterator(dir())) {
     EXPECT_EQ(modeOf(entry.path()), 0600u) << entry.path();
   }
-  env_->setKeychainStore(platform::makeInMemoryKeychainStore());  // closes the file
+  close();
   const std::string before = fileBytes(file());
-  const fs::path journal = file().string() + "-journal";
-  const fs::path wal = file().string() + "-wal";
   const std::string open = "open to group or others; refused";
   const std::string writable = "writable by group or others; refused";
   struct Case {
@@ -154,10 +156,10 @@ TEST_F(KeychainDurabilityTest, StoreIsPrivateAndRefusedOnceExposed) {
   };
   std::vector<Case> cases = {
       {file(), 0640, open}, {file(), 0604, open},    {file(), 0660, open},
-      {file(), 0666, open}, {file(), 0610, open},    {journal, 0644, open},
-      {wal, 0666, open},    {dir(), 0777, writable}, {dir(), 0770, writable}};
+      {file(), 0666, open}, {file(), 0610, open},    {journal(), 0644, open},
+      {wal(), 0666, open},  {dir(), 0777, writable}, {dir(), 0770, writable}};
   if (::geteuid() == 0) {  // only root can give a file away
-    cases.push_back({journal, 0600, "belongs to user 4242", 4242});
+    cases.push_back({journal(), 0600, "belongs to user 4242", 4242});
     cases.push_back({file(), 0600, "belongs to user 4242", 4242});
   }
   for (const auto& c : cases) {
@@ -171,45 +173,36 @@ TEST_F(KeychainDurabilityTest, StoreIsPrivateAndRefusedOnceExposed) {
     expectEveryCallFails(platform::errSecNotAvailable);
     const auto lines = log_.lines();
     ASSERT_FALSE(lines.empty());
-    EXPECT_NE(lines.front().find(c.expectedLine), std::string::npos) << lines.front();
+    EXPECT_NE(lines[0].find(c.expectedLine), std::string::npos) << lines[0];
     EXPECT_EQ(modeOf(c.path), c.mode);
     EXPECT_EQ(fileBytes(file()), before);
-    env_->setKeychainStore(platform::makeInMemoryKeychainStore());
-    if (made) {
-      fs::remove(c.path);
-      continue;
-    }
-    ASSERT_EQ(::chown(c.path.c_str(), ::geteuid(), -1), 0);
-    ASSERT_EQ(::chmod(c.path.c_str(), fs::is_directory(c.path) ? 0700 : 0600), 0);
+    close();
+    if (made) fs::remove(c.path);
+    ASSERT_TRUE(made || ::chown(c.path.c_str(), ::geteuid(), -1) == 0);
+    ASSERT_TRUE(made || ::chmod(c.path.c_str(), fs::is_directory(c.path) ? 0700 : 0600) == 0);
   }
   reopen();
   EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "s3cr3t-value");
 }
 
 TEST_F(KeychainDurabilityTest, DamagedStoreGivesErrorsAndStaysUntouched) {
-  ASSERT_TRUE(platform::createPrivateDirectory(dir()));
   // A real store whose items page is overwritten, and files that never were one.
   for (int i = 0; i < 20; ++i) {
     ASSERT_TRUE(LKKeychain::setPassword("pw", "polls", "acct" + std::to_string(i)));
   }
-  env_->setKeychainStore(platform::makeInMemoryKeychainStore());
+  close();
   const std::string intact = fileBytes(file());
+  ASSERT_GE(intact.size(), 3 * 4096u);
   std::string damaged = intact;
-  ASSERT_GE(damaged.size(), 3 * 4096u);
   std::fill(damaged.begin() + 4096, damaged.begin() + 2 * 4096, '\xA5');
   // A store file whose table never reached it (its contents were in a log
   // that is gone): a valid database without the items table.
-  std::string tableless;
-  {
-    const fs::path other = dataDir_ / "tableless.sqlite";
-    sqlite3* db = nullptr;
-    ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=1", nullptr, nullptr, nullptr), SQLITE_OK);
-    sqlite3_close(db);
-    tableless = fileBytes(other);
-  }
-  const fs::path journal = file().string() + "-journal";
-  const fs::path wal = file().string() + "-wal";
+  const fs::path other = dataDir_ / "tableless.sqlite";
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open(other.c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(db, "PRAGMA user_version=1", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(db);
+  const std::string tableless = fileBytes(other);
 
   struct Case {
     std::string name, contents;
@@ -223,17 +216,13 @@ TEST_F(KeychainDurabilityTest, DamagedStoreGivesErrorsAndStaysUntouched) {
       {"damaged items page", damaged},
       {"empty main file", ""},
       {"main file without its table", tableless},
-      {"damaged journal", intact, journal, std::string(600, '\x33')},
-      {"damaged log", tableless, wal, std::string(5000, '\x44')},
+      {"damaged journal", intact, journal(), std::string(600, '\x33')},
+      {"damaged log", tableless, wal(), std::string(5000, '\x44')},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     log_.clear();
-    {
-      std::ofstream out(file(), std::ios::binary | std::ios::trunc);
-      out << c.contents;
-    }
-    ASSERT_EQ(::chmod(file().c_str(), 0600), 0);
+    std::ofstream(file(), std::ios::binary | std::ios::trunc) << c.contents;
     if (!c.sidecar.empty()) {
       std::ofstream(c.sidecar, std::ios::binary | std::ios::trunc) << c.sidecarContents;
       ASSERT_EQ(::chmod(c.sidecar.c_str(), 0600), 0);
@@ -242,11 +231,9 @@ TEST_F(KeychainDurabilityTest, DamagedStoreGivesErrorsAndStaysUntouched) {
     expectEveryCallFails(platform::errSecDecode);
     EXPECT_FALSE(log_.lines().empty());
     EXPECT_EQ(fileBytes(file()), c.contents);
-    if (!c.sidecar.empty()) {
-      EXPECT_EQ(fileBytes(c.sidecar), c.sidecarContents);
-      fs::remove(c.sidecar);
-    }
-    env_->setKeychainStore(platform::makeInMemoryKeychainStore());
+    EXPECT_EQ(c.sidecar.empty() ? "" : fileBytes(c.sidecar), c.sidecarContents);
+    close();
+    if (!c.sidecar.empty()) fs::remove(c.sidecar);
   }
 }
 
