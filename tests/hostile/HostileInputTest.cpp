@@ -4,7 +4,7 @@
 // completion's captures die on.
 #include <gtest/gtest.h>
 
-#include <mutex>
+#include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
@@ -42,11 +42,7 @@ class HostileInputTest : public testing::PlatformTest {
 // neither climb to another endpoint nor add a query or a fragment; ordinary
 // ids, and the "(null)" of a missing one, stay as they are.
 TEST_F(HostileInputTest, IdsAndAppTokensStayOneEscapedPathSegment) {
-  struct Case {
-    std::optional<Value> id;
-    const char* path;
-  };
-  const Case replies[] = {
+  const std::pair<std::optional<Value>, const char*> replies[] = {
       {Value(7), "/polls/7/replies/"},
       {Value("a1-B_2.c~"), "/polls/a1-B_2.c~/replies/"},
       {std::nullopt, "/polls/(null)/replies/"},
@@ -56,11 +52,11 @@ TEST_F(HostileInputTest, IdsAndAppTokensStayOneEscapedPathSegment) {
       {Value("50%"), "/polls/50%25/replies/"},
       {Value("a b\r\n"), "/polls/a%20b%0D%0A/replies/"},
   };
-  for (const auto& c : replies) {
+  for (const auto& [id, path] : replies) {
     Value poll = Value::object();
-    if (c.id) poll["id"] = *c.id;
+    if (id) poll["id"] = *id;
     QuorviaSDK::handleActionWithIdentifier("Yes&user_info=PWNED", Value{{"poll", poll}});
-    EXPECT_EQ(lastURL(), origin() + c.path);
+    EXPECT_EQ(lastURL(), origin() + path);
   }
   const std::pair<const char*, const char*> tokens[] = {
       {"app-1", "/apps/app-1/polls/"},
@@ -117,32 +113,17 @@ TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
 }
 
-}  // namespace
-}  // namespace quorvia
-
-namespace quorvia {
-namespace {
-
-// Records the thread of every destruction of a copy that still holds its
-// resource; a moved-from copy holds nothing and records nothing.
-class Probe {
- public:
-  struct Record {
-    std::mutex mu;
-    std::vector<std::thread::id> destroyedOn;
-  };
-  explicit Probe(std::shared_ptr<Record> record) : record_(std::move(record)) {}
-  Probe(const Probe& other) : record_(other.record_) {}
-  Probe(Probe&& other) noexcept : record_(std::move(other.record_)) {}
-  Probe& operator=(const Probe&) = delete;
+// Counts the destructions, off the main thread, of copies that still hold the
+// counter; a moved-from copy holds nothing.
+struct Probe {
+  std::shared_ptr<std::atomic<int>> offMain;
+  std::thread::id main = std::this_thread::get_id();
+  explicit Probe(std::shared_ptr<std::atomic<int>> counter) : offMain(std::move(counter)) {}
+  Probe(const Probe&) = default;
+  Probe(Probe&&) = default;
   ~Probe() {
-    if (!record_) return;
-    std::lock_guard lock(record_->mu);
-    record_->destroyedOn.push_back(std::this_thread::get_id());
+    if (offMain && std::this_thread::get_id() != main) ++*offMain;
   }
-
- private:
-  std::shared_ptr<Record> record_;
 };
 
 class CompletionLifetimeTest : public testing::PlatformTest {};
@@ -153,20 +134,17 @@ TEST_F(CompletionLifetimeTest, CapturesDieOnTheMainQueue) {
   for (const auto behaviour :
        {testing::LoopbackServer::Behaviour::kAnswer, testing::LoopbackServer::Behaviour::kRefuse}) {
     testing::LoopbackServer server(behaviour);
-    auto record = std::make_shared<Probe::Record>();
+    const auto offMain = std::make_shared<std::atomic<int>>(0);
     constexpr int kRequests = 20;
     int done = 0;
     for (int i = 0; i < kRequests; ++i) {
       SimpleNetworking::getJsonCachelessFromURL(
           server.url("/probe"), std::nullopt,
-          [&done, probe = Probe(record)](auto, auto) { ++done; });
+          [&done, probe = Probe(offMain)](auto, auto) { ++done; });
     }
     ASSERT_TRUE(loop_->runUntil([&] { return done == kRequests; }, platform::seconds(30)));
     drain();
-    std::lock_guard lock(record->mu);
-    for (const auto& thread : record->destroyedOn) {
-      EXPECT_EQ(thread, std::this_thread::get_id()) << "a capture died off the main queue";
-    }
+    EXPECT_EQ(*offMain, 0) << "a capture died off the main queue";
   }
 }
 

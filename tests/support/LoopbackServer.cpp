@@ -34,48 +34,13 @@ struct LoopbackServer::Tls {
                                reinterpret_cast<const unsigned char*>("127.0.0.1"), -1, -1, 0);
     X509_set_issuer_name(cert, name);
     X509_sign(cert, key, EVP_sha256());
-    if (!context || SSL_CTX_use_certificate(context, cert) != 1 ||
-        SSL_CTX_use_PrivateKey(context, key) != 1) {
-      throw std::runtime_error("cannot set up the TLS identity");
-    }
+    const bool ok = context && SSL_CTX_use_certificate(context, cert) == 1 &&
+                    SSL_CTX_use_PrivateKey(context, key) == 1;
     X509_free(cert);
     EVP_PKEY_free(key);
+    if (!ok) throw std::runtime_error("cannot set up the TLS identity");
   }
   ~Tls() { SSL_CTX_free(context); }
-};
-
-// One accepted connection, plain or TLS.
-class LoopbackServer::Connection {
- public:
-  Connection(int fd, Tls* tls) : fd_(fd) {
-    if (!tls) return;
-    ssl_ = SSL_new(tls->context);
-    SSL_set_fd(ssl_, fd);
-    if (SSL_accept(ssl_) != 1) failed_ = true;
-  }
-  ~Connection() {
-    if (ssl_) SSL_free(ssl_);
-  }
-  bool failed() const { return failed_; }
-  long receive(char* into, std::size_t size) {
-    if (ssl_) return SSL_read(ssl_, into, static_cast<int>(size));
-    return ::recv(fd_, into, size, 0);
-  }
-  bool sendAll(const std::string& bytes) {
-    for (std::size_t sent = 0; sent < bytes.size();) {
-      const long n =
-          ssl_ ? SSL_write(ssl_, bytes.data() + sent, static_cast<int>(bytes.size() - sent))
-               : ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-      if (n <= 0) return false;
-      sent += static_cast<std::size_t>(n);
-    }
-    return true;
-  }
-
- private:
-  int fd_;
-  SSL* ssl_ = nullptr;
-  bool failed_ = false;
 };
 
 std::string RecordedRequest::header(const std::string& name) const {
@@ -162,42 +127,50 @@ void LoopbackServer::acceptLoop() {
 }
 
 void LoopbackServer::serve(int fd) {
-  Connection connection(fd, tls_.get());
+  // One accepted connection, plain or TLS.
+  const std::unique_ptr<SSL, void (*)(SSL*)> ssl(tls_ ? SSL_new(tls_->context) : nullptr, SSL_free);
+  bool open = !ssl || (SSL_set_fd(ssl.get(), fd) == 1 && SSL_accept(ssl.get()) == 1);
   std::string buffer;
   char chunk[16384];
   const auto readMore = [&] {
-    const long n = connection.receive(chunk, sizeof chunk);
+    const long n =
+        ssl ? SSL_read(ssl.get(), chunk, sizeof chunk) : ::recv(fd, chunk, sizeof chunk, 0);
     if (n > 0) buffer.append(chunk, static_cast<std::size_t>(n));
     return n > 0;
   };
-  for (bool open = !connection.failed(); open;) {
+  const auto sendAll = [&](const std::string& bytes) {
+    for (std::size_t sent = 0; sent < bytes.size();) {
+      const char* from = bytes.data() + sent;
+      const std::size_t left = bytes.size() - sent;
+      const long n = ssl ? SSL_write(ssl.get(), from, static_cast<int>(left))
+                         : ::send(fd, from, left, MSG_NOSIGNAL);
+      if (n <= 0) return false;
+      sent += static_cast<std::size_t>(n);
+    }
+    return true;
+  };
+  while (open) {
     // One request: the head, then a body of Content-Length bytes.
     std::size_t headEnd;
     while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos && (open = readMore())) {
     }
     if (!open) break;
     RecordedRequest request;
-    const std::string head = buffer.substr(0, headEnd);
-    std::size_t lineEnd = head.find("\r\n");
-    const std::string requestLine = head.substr(0, lineEnd);
-    const auto firstSpace = requestLine.find(' ');
-    const auto secondSpace = requestLine.find(' ', firstSpace + 1);
-    request.method = requestLine.substr(0, firstSpace);
-    request.target = requestLine.substr(firstSpace + 1, secondSpace - firstSpace - 1);
+    std::istringstream head(buffer.substr(0, headEnd));
+    std::string line;
+    std::getline(head, line);
+    std::istringstream(line) >> request.method >> request.target;
     std::size_t contentLength = 0;
-    while (lineEnd != std::string::npos) {
-      const std::size_t start = lineEnd + 2;
-      lineEnd = head.find("\r\n", start);
-      const std::string line =
-          head.substr(start, lineEnd == std::string::npos ? lineEnd : lineEnd - start);
+    while (std::getline(head, line)) {
+      if (line.ends_with('\r')) line.pop_back();
       const auto colon = line.find(':');
       if (colon == std::string::npos) continue;
-      std::string value = line.substr(colon + 1);
+      std::string name = line.substr(0, colon), value = line.substr(colon + 1);
       value.erase(0, value.find_first_not_of(' '));
-      request.headers.emplace_back(line.substr(0, colon), value);
-      if (::strcasecmp(line.substr(0, colon).c_str(), "Content-Length") == 0) {
+      if (::strcasecmp(name.c_str(), "Content-Length") == 0) {
         contentLength = std::strtoul(value.c_str(), nullptr, 10);
       }
+      request.headers.emplace_back(std::move(name), std::move(value));
     }
     buffer.erase(0, headEnd + 4);
     while (buffer.size() < contentLength && (open = readMore())) {
@@ -206,28 +179,24 @@ void LoopbackServer::serve(int fd) {
     request.body = buffer.substr(0, contentLength);
     buffer.erase(0, contentLength);
 
-    Reply reply;
-    std::function<Reply(const RecordedRequest&)> responder;
-    {
-      std::lock_guard lock(mu_);
-      reply = reply_;
-      responder = responder_;
-    }
+    std::unique_lock lock(mu_);
+    Reply reply = reply_;
+    const auto responder = responder_;
+    lock.unlock();
     if (responder) reply = responder(request);
     std::string extra;
     if (behaviour_ == Behaviour::kRedirectToSelf) {
       reply = Reply{302, "text/plain", ""};
       extra = "Location: " + request.target + "\r\n";
     }
-    {
-      // Recorded before the answer leaves, so a client that has its answer
-      // always finds its request here.
-      std::lock_guard lock(mu_);
-      requests_.push_back(std::move(request));
-    }
+    // Recorded before the answer leaves, so a client that has its answer
+    // always finds its request here.
+    lock.lock();
+    requests_.push_back(std::move(request));
+    lock.unlock();
     if (behaviour_ == Behaviour::kStall) continue;  // keeps reading; the client gives up
     if (behaviour_ == Behaviour::kResetMidBody || behaviour_ == Behaviour::kTruncateBody) {
-      connection.sendAll(
+      sendAll(
           "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n"
           "Content-Length: 100\r\n\r\n{\"partial\":");
       if (behaviour_ == Behaviour::kResetMidBody) {
@@ -239,29 +208,24 @@ void LoopbackServer::serve(int fd) {
     const std::string answerHead = "HTTP/1.1 " + std::to_string(reply.status) + " Reply\r\n" +
                                    extra + "Content-Type: " + reply.contentType + "\r\n";
     if (reply.streamedBytes == 0) {
-      open =
-          connection.sendAll(answerHead + "Content-Length: " + std::to_string(reply.body.size()) +
-                             "\r\n\r\n" + reply.body);
+      open = sendAll(answerHead + "Content-Length: " + std::to_string(reply.body.size()) +
+                     "\r\n\r\n" + reply.body);
       continue;
     }
-    open = connection.sendAll(answerHead +
-                              (reply.announceLength
-                                   ? "Content-Length: " + std::to_string(reply.streamedBytes)
-                                   : std::string("Transfer-Encoding: chunked")) +
-                              "\r\n\r\n");
-    const std::string chunk(64 * 1024, ' ');
+    open = sendAll(answerHead +
+                   (reply.announceLength ? "Content-Length: " + std::to_string(reply.streamedBytes)
+                                         : std::string("Transfer-Encoding: chunked")) +
+                   "\r\n\r\n");
+    const std::string spaces(64 * 1024, ' ');
     for (std::size_t left = reply.streamedBytes; open && left > 0;) {
-      const std::string part = chunk.substr(0, std::min(left, chunk.size()));
-      left -= part.size();
-      if (reply.announceLength) {
-        open = connection.sendAll(part);
-      } else {
-        std::ostringstream length;
-        length << std::hex << part.size();
-        open = connection.sendAll(length.str() + "\r\n" + part + "\r\n");
-      }
+      const std::size_t size = std::min(left, spaces.size());
+      left -= size;
+      std::ostringstream part;
+      if (!reply.announceLength) part << std::hex << size << "\r\n";
+      part << spaces.substr(0, size) << (reply.announceLength ? "" : "\r\n");
+      open = sendAll(part.str());
     }
-    if (open && !reply.announceLength) open = connection.sendAll("0\r\n\r\n");
+    if (open && !reply.announceLength) open = sendAll("0\r\n\r\n");
   }
   std::lock_guard lock(mu_);
   std::erase(connections_, fd);

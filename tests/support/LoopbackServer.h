@@ -67,7 +67,6 @@ class LoopbackServer {
 
  private:
   struct Tls;
-  class Connection;
   void acceptLoop();
   void serve(int fd);
 
