@@ -8,6 +8,7 @@
 #include "keychain/LKKeychain.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/LoopbackServer.h"
@@ -19,10 +20,6 @@ namespace {
 
 using platform::Value;
 
-constexpr const char* kResponseInfoSelector =
-    "application:handleActionWithIdentifier:forRemoteNotification:withResponseInfo:"
-    "completionHandler:";
-
 class ServiceClientTest : public PlatformTest {
  protected:
   void SetUp() override {
@@ -33,8 +30,6 @@ class ServiceClientTest : public PlatformTest {
       if (request.target == "/endpoints/" && !accessTokens_.empty()) {
         reply.body = Value{{"access_token", accessTokens_.front()}}.dump();
         accessTokens_.pop_front();
-      } else if (request.target.find("/polls/") != std::string::npos && request.method == "GET") {
-        reply.body = Value{{"results", polls_}}.dump();
       }
       return reply;
     });
@@ -46,11 +41,14 @@ class ServiceClientTest : public PlatformTest {
     std::lock_guard lock(mu_);
     accessTokens_.push_back(std::move(token));
   }
+  bool waitUntil(const std::function<bool()>& done) {
+    return loop_->runUntil(done, platform::seconds(20));
+  }
   bool waitForLog(const std::string& line) {
-    return loop_->runUntil([&] { return log_.contains(line); }, platform::seconds(20));
+    return waitUntil([&] { return log_.contains(line); });
   }
   bool waitForRequests(std::size_t count) {
-    return loop_->runUntil([&] { return server_.requestCount() >= count; }, platform::seconds(20));
+    return waitUntil([&] { return server_.requestCount() >= count; });
   }
   RecordedRequest last() const { return server_.requests().back(); }
   static std::string line(const RecordedRequest& r) { return r.method + " " + r.target; }
@@ -62,7 +60,6 @@ class ServiceClientTest : public PlatformTest {
   LoopbackServer server_;
   std::mutex mu_;
   std::deque<std::string> accessTokens_;
-  Value polls_ = Value::array();
 };
 
 TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
@@ -104,14 +101,13 @@ TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   QuorviaSDK::setDeviceToken(platform::Bytes{0xff});
   ASSERT_TRUE(waitForRequests(6));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
-  ASSERT_TRUE(loop_->runUntil([] { return storedToken() == "tok-2"; }, platform::seconds(20)));
+  ASSERT_TRUE(waitUntil([] { return storedToken() == "tok-2"; }));
   service().fetchPolls();
   ASSERT_TRUE(waitForRequests(7));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-2");
 
   for (const auto& logged : log_.lines()) {
-    EXPECT_EQ(logged.find("tok-"), std::string::npos)
-        << "the access token reached a log line: " << logged;
+    EXPECT_EQ(logged.find("tok-"), std::string::npos) << "a token reached the log: " << logged;
   }
 }
 
@@ -132,17 +128,16 @@ TEST_F(ServiceClientTest, CallsWithoutAppTokenOrPollIdUseTheNilText) {
   ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
   EXPECT_EQ(last().target, "/polls/(null)/replies/");
   EXPECT_FALSE(last().hasHeader("Authorization"));
-  const auto lines = log_.lines();
-  ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ(lines[0], "nil id") << "unprefixed and ungated";
-  EXPECT_EQ(lines[1], "QuorviaSDK: Poll id is nil!");
-  EXPECT_EQ(lines[2], "QuorviaSDK: Missing user access token!");
+  EXPECT_EQ(log_.lines(), (std::vector<std::string>{"nil id", "QuorviaSDK: Poll id is nil!",
+                                                    "QuorviaSDK: Missing user access token!",
+                                                    "QuorviaSDK: Successfuly sent reply: Yes"}));
 }
 
 // The reply's completion calls the handler only when the library supplied the
 // response-info callback itself, and ends the background task once, even
 // when the task expired first.
 TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsItsTaskOnce) {
+  const std::string responseInfo(platform::kHandleActionWithResponseInfoSelector);
   struct Case {
     const char* name;
     std::optional<Value> added;
@@ -160,7 +155,7 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
       [&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    if (c.added) state.interception.mutableAddedMethods()[kResponseInfoSelector] = *c.added;
+    if (c.added) state.interception.mutableAddedMethods()[responseInfo] = *c.added;
     int calls = 0;
     ends = 0;
     log_.clear();
@@ -175,9 +170,8 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
     ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No"));
     drain();
     EXPECT_EQ(calls, c.handlerCalls);
-    EXPECT_EQ(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
-                            kResponseInfoSelector),
-              c.handlerCalls == 1);
+    EXPECT_EQ(log_.count("QuorviaSDK: Calling completionHandler for " + responseInfo),
+              c.handlerCalls);
     EXPECT_EQ(service::PollService::currentReplyBackgroundTask(),
               platform::UIBackgroundTaskInvalid);
     EXPECT_TRUE(app.backgroundTasks().back().ended);
@@ -186,52 +180,53 @@ TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsIt
   app.setBackgroundTaskObserver({});
 }
 
-TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
-  {
-    std::lock_guard lock(mu_);
-    polls_ = Value::array(
-        {{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
-         {{"id", 12}, {"question", "Second?"}}});
-  }
-  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  ASSERT_TRUE(waitForLog("QuorviaSDK: Presenting poll: First?"));
-  ASSERT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView()->poll()->objectId(), Value(11));
-  EXPECT_FALSE(log_.contains("QuorviaSDK: Presenting poll: Second?"));
-}
-
-// On the fake transport each answer is delivered exactly when the test says.
-TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
+// On the fake transport each answer is delivered exactly when the test says:
+// an answer without a usable first poll shows nothing and logs nothing, a
+// transport error is one unprefixed line even without debug, and of a list
+// only the first poll is shown.
+TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOfAUsableAnswerOnly) {
   auto transport = FakeTransport::install();
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  const std::string answers[] = {R"({"results":[]})",
-                                 R"({"results":"not a list"})",
-                                 R"({"count":3})",
-                                 R"({"results":{"a":1}})",
-                                 R"([1,2])",
-                                 "<html>500</html>",
-                                 ""};
-  for (std::size_t i = 0; i < std::size(answers); ++i) {
+  const std::pair<long, std::string> unusable[] = {{200, R"({"results":[]})"},
+                                                   {200, R"({"results":"not a list"})"},
+                                                   {200, R"({"count":3})"},
+                                                   {200, R"({"results":{"a":1}})"},
+                                                   {200, "[1,2]"},
+                                                   {500, "<html>500</html>"},
+                                                   {200, ""}};
+  log_.clear();
+  for (std::size_t i = 0; i < std::size(unusable); ++i) {
+    SCOPED_TRACE(unusable[i].second);
     if (i > 0) service().fetchPolls();
     ASSERT_EQ(transport->requestCount(), i + 1);
-    transport->respond(i, i == 5 ? 500 : 200, answers[i]);
+    transport->respond(i, unusable[i].first, unusable[i].second);
     drain();
+    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+    EXPECT_EQ(log_.lines(), std::vector<std::string>{});
   }
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(log_.lines(),
-            (std::vector<std::string>{
-                "QuorviaSDK: Initialized SDK with app token: A",
-                "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."}));
 
-  // A transport error is written unprefixed and ungated, and nothing is shown.
   QuorviaSDK::setDebug(false);
   service().fetchPolls();
-  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost,
+  transport->fail(transport->requestCount() - 1, platform::NSURLErrorCannotConnectToHost,
                   "Could not connect to the server.");
   drain();
-  EXPECT_EQ(log_.lines().back(),
-            "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the server.\" "
-            "UserInfo={NSLocalizedDescription=Could not connect to the server.}");
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{
+                              "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the "
+                              "server.\" UserInfo={NSLocalizedDescription=Could not connect to "
+                              "the server.}"});
+
+  QuorviaSDK::setDebug(true);
+  service().fetchPolls();
+  transport->respond(transport->requestCount() - 1, 200,
+                     Value{{"results",
+                            {{{"id", 11}, {"question", "First?"}, {"options", {{{"text", "Yes"}}}}},
+                             {{"id", 12}, {"question", "Second?"}}}}}
+                         .dump());
+  drain();
+  ASSERT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView()->poll()->objectId(), Value(11));
+  EXPECT_TRUE(log_.contains("QuorviaSDK: Presenting poll: First?"));
+  EXPECT_FALSE(log_.contains("QuorviaSDK: Presenting poll: Second?"));
 }
 
 // A token that cannot travel as one header line is neither kept nor sent: it
@@ -275,26 +270,24 @@ TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
 
 TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {
   QuorviaSDK::sharedInstance();
-  constexpr int kThreads = 8, kEach = 5;
+  constexpr int kCalls = 40;
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
+  for (int t = 0; t < 8; ++t) {
     threads.emplace_back([t] {
-      for (int i = 0; i < kEach; ++i) QuorviaSDK::setUserInfo(Value{{"thread", t}, {"i", i}});
+      for (int i = 0; i < kCalls / 8; ++i) QuorviaSDK::setUserInfo(Value{{"thread", t}, {"i", i}});
     });
   }
   QuorviaSDK::setUserInfo(std::nullopt);  // nil: no line, no request
-  const bool all = waitForRequests(kThreads * kEach);
+  const bool all = waitForRequests(kCalls);
   for (auto& thread : threads) thread.join();
   ASSERT_TRUE(all);
   const auto answered = [&] {
     int n = 0;
-    for (const auto& l : log_.lines())
-      n += l.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
+    for (const auto& l : log_.lines()) n += l.starts_with("QuorviaSDK: Failed to set user info: ");
     return n;
   };
-  ASSERT_TRUE(
-      loop_->runUntil([&] { return answered() == kThreads * kEach; }, platform::seconds(20)));
-  EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), kThreads * kEach);
+  ASSERT_TRUE(waitUntil([&] { return answered() == kCalls; }));
+  EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), kCalls);
   for (const auto& request : server_.requests()) EXPECT_EQ(request.target, "/me");
 }
 

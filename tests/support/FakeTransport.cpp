@@ -1,6 +1,7 @@
 #include "support/FakeTransport.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "platform/ConfigurableEnvironment.h"
 
@@ -14,7 +15,7 @@ std::shared_ptr<FakeTransport> FakeTransport::install() {
 
 void FakeTransport::start(platform::URLRequest request, platform::ServerTrustPolicy, Done done) {
   std::lock_guard lock(mu_);
-  calls_.push_back({std::move(request), std::move(done)});
+  calls_.emplace_back(std::move(request), std::move(done));
 }
 
 std::size_t FakeTransport::requestCount() const {
@@ -24,24 +25,23 @@ std::size_t FakeTransport::requestCount() const {
 
 platform::URLRequest FakeTransport::request(std::size_t index) const {
   std::lock_guard lock(mu_);
-  return calls_.at(index).request;
+  return calls_.at(index).first;
 }
 
 std::vector<std::string> FakeTransport::requestLines() const {
   std::lock_guard lock(mu_);
   std::vector<std::string> lines;
-  for (const auto& call : calls_) {
-    std::string target = call.request.url ? call.request.url->path : "<no url>";
-    if (call.request.url && !call.request.url->query.empty())
-      target += "?" + call.request.url->query;
-    lines.push_back(call.request.HTTPMethod + " " + target);
+  for (const auto& [request, done] : calls_) {
+    const auto& url = request.url;
+    lines.push_back(request.HTTPMethod + " " + (url ? url->path : "<no url>") +
+                    (url && !url->query.empty() ? "?" + url->query : ""));
   }
   return lines;
 }
 
 std::string FakeTransport::bodyText(std::size_t index) const {
   std::lock_guard lock(mu_);
-  const auto& body = calls_.at(index).request.HTTPBody;
+  const auto& body = calls_.at(index).first.HTTPBody;
   return std::string(body.begin(), body.end());
 }
 
@@ -64,11 +64,9 @@ void FakeTransport::answer(std::size_t index, platform::TransportResult result) 
   Done done;
   {
     std::lock_guard lock(mu_);
-    Call& call = calls_.at(index);
-    if (call.answered) throw std::logic_error("request answered twice");
-    call.answered = true;
-    done = call.done;
+    done = std::exchange(calls_.at(index).second, nullptr);
   }
+  if (!done) throw std::logic_error("request answered twice");
   done(std::move(result));
 }
 

@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <mosquitto.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -21,15 +20,9 @@ extern char** environ;
 namespace quorvia::testing {
 namespace {
 
-constexpr auto kStartTimeout = std::chrono::seconds(10);
-constexpr auto kAckTimeout = std::chrono::seconds(10);
+constexpr auto kBound = std::chrono::seconds(10);
 
 }  // namespace
-
-MosquittoBroker::MosquittoBroker(std::filesystem::path directory)
-    : directory_(std::move(directory)) {}
-
-MosquittoBroker::~MosquittoBroker() { stop(); }
 
 int MosquittoBroker::freePort() {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -50,11 +43,9 @@ bool MosquittoBroker::start(int port, std::string* error) {
   stop();
   port_ = port;
   std::filesystem::create_directories(directory_);
-  const auto config = directory_ / "mosquitto.conf";
-  std::ofstream(config) << "listener " << port << " 127.0.0.1\n"
-                        << "allow_anonymous true\n"
-                        << "persistence true\n"
-                        << "persistence_location " << directory_.string()
+  std::string config = (directory_ / "mosquitto.conf").string();
+  std::ofstream(config) << "listener " << port << " 127.0.0.1\nallow_anonymous true\n"
+                        << "persistence true\npersistence_location " << directory_.string()
                         << "/\n"
                         // As root it would switch users and lose the directory.
                         << "user root\n"
@@ -66,17 +57,15 @@ bool MosquittoBroker::start(int port, std::string* error) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, out[1], 1);
   posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-  std::string program = "/usr/sbin/mosquitto";
-  std::string flag = "-c";
-  std::string path = config.string();
-  char* argv[] = {program.data(), flag.data(), path.data(), nullptr};
+  std::string program = "/usr/sbin/mosquitto", flag = "-c";
+  char* argv[] = {program.data(), flag.data(), config.data(), nullptr};
   const int spawned = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, environ);
   posix_spawn_file_actions_destroy(&actions);
   ::close(out[1]);
   if (spawned != 0) {
     ::close(out[0]);
     pid_ = -1;
-    *error = "cannot start /usr/sbin/mosquitto";
+    *error = "cannot start " + program;
     return false;
   }
   running_ = exited_ = false;
@@ -100,7 +89,7 @@ bool MosquittoBroker::start(int port, std::string* error) {
     changed_.notify_all();
   });
   std::unique_lock lock(mu_);
-  changed_.wait_for(lock, kStartTimeout, [this] { return running_ || exited_; });
+  changed_.wait_for(lock, kBound, [this] { return running_ || exited_; });
   if (running_ && !exited_) return true;
   *error = "mosquitto did not start listening on port " + std::to_string(port);
   return false;
@@ -112,8 +101,7 @@ void MosquittoBroker::stop() {
     // SIGTERM lets it save its sessions, but an idle broker may act on it
     // only when its loop next wakes: after a bounded wait for its exit, kill.
     bool exited = false;
-    const int exitFd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
-    if (exitFd >= 0) {
+    if (const int exitFd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)); exitFd >= 0) {
       pollfd exit{exitFd, POLLIN, 0};
       exited = ::poll(&exit, 1, 10'000) == 1;
       ::close(exitFd);
@@ -147,14 +135,12 @@ Publisher::~Publisher() {
   mosquitto_lib_cleanup();
 }
 
-bool Publisher::publish(const std::string& topic, const std::string& payload, bool waitForAck) {
+bool Publisher::publish(const std::string& topic, const std::string& payload) {
   std::unique_lock lock(mu_);
   const int before = acks_;
-  if (mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                        payload.data(), 1, false) != MOSQ_ERR_SUCCESS) {
-    return false;
-  }
-  return !waitForAck || acked_.wait_for(lock, kAckTimeout, [&] { return acks_ > before; });
+  return mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), 1, false) == MOSQ_ERR_SUCCESS &&
+         acked_.wait_for(lock, kBound, [&] { return acks_ > before; });
 }
 
 std::string deviceTopic(const std::vector<std::uint8_t>& token) {
@@ -169,20 +155,25 @@ DeviceSubscriber::DeviceSubscriber(int port) {
     if (rc == 0) mosquitto_subscribe(mosq, nullptr, "quorvia/devices/#", 1);
   });
   mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
-    static_cast<DeviceSubscriber*>(self)->subscribedNow();
+    auto* subscriber = static_cast<DeviceSubscriber*>(self);
+    std::lock_guard lock(subscriber->mu_);
+    subscriber->subscribed_ = true;
+    subscriber->changed_.notify_all();
   });
-  mosquitto_message_callback_set(
-      client_, [](mosquitto*, void* self, const mosquitto_message* message) {
-        static_cast<DeviceSubscriber*>(self)->received(
-            {message->topic, std::string(static_cast<const char*>(message->payload),
-                                         static_cast<size_t>(message->payloadlen))});
-      });
+  mosquitto_message_callback_set(client_, [](mosquitto*, void* self, const mosquitto_message* m) {
+    auto* subscriber = static_cast<DeviceSubscriber*>(self);
+    std::lock_guard lock(subscriber->mu_);
+    subscriber->deliveries_.push_back(
+        {m->topic, std::string(static_cast<const char*>(m->payload),
+                               static_cast<std::size_t>(m->payloadlen))});
+    subscriber->changed_.notify_all();
+  });
   mosquitto_reconnect_delay_set(client_, 1, 1, false);
   // A refused first attempt is retried by the loop thread after the reconnect delay.
   mosquitto_connect_async(client_, "127.0.0.1", port, 30);
   mosquitto_loop_start(client_);
   std::unique_lock lock(mu_);
-  changed_.wait_for(lock, kStartTimeout, [&] { return subscribed_; });
+  changed_.wait_for(lock, kBound, [&] { return subscribed_; });
 }
 
 DeviceSubscriber::~DeviceSubscriber() {
@@ -195,22 +186,6 @@ DeviceSubscriber::~DeviceSubscriber() {
 bool DeviceSubscriber::ready() {
   std::lock_guard lock(mu_);
   return subscribed_;
-}
-
-void DeviceSubscriber::subscribedNow() {
-  {
-    std::lock_guard lock(mu_);
-    subscribed_ = true;
-  }
-  changed_.notify_all();
-}
-
-void DeviceSubscriber::received(Delivery delivery) {
-  {
-    std::lock_guard lock(mu_);
-    deliveries_.push_back(std::move(delivery));
-  }
-  changed_.notify_all();
 }
 
 std::vector<Delivery> DeviceSubscriber::waitFor(std::size_t count,

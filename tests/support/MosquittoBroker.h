@@ -21,8 +21,8 @@ namespace quorvia::testing {
 class MosquittoBroker final {
  public:
   /// Keeps its configuration and persistence under `directory`; nothing runs yet.
-  explicit MosquittoBroker(std::filesystem::path directory);
-  ~MosquittoBroker();
+  explicit MosquittoBroker(std::filesystem::path directory) : directory_(std::move(directory)) {}
+  ~MosquittoBroker() { stop(); }
   MosquittoBroker(const MosquittoBroker&) = delete;
   MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
@@ -47,7 +47,7 @@ class MosquittoBroker final {
   bool exited_ = false;
 };
 
-/// A client that publishes with QoS 1 and waits for each acknowledgement.
+/// A client that publishes with QoS 1 and waits (bounded) for each PUBACK.
 class Publisher final {
  public:
   explicit Publisher(int port);
@@ -56,9 +56,7 @@ class Publisher final {
   Publisher& operator=(const Publisher&) = delete;
 
   bool connected() const { return connected_; }
-  /// Publishes `payload` on `topic` and, unless told not to, waits (bounded)
-  /// for the broker's PUBACK.
-  bool publish(const std::string& topic, const std::string& payload, bool waitForAck = true);
+  bool publish(const std::string& topic, const std::string& payload);
 
  private:
   mosquitto* client_ = nullptr;
@@ -68,7 +66,6 @@ class Publisher final {
   int acks_ = 0;
 };
 
-/// One received message.
 struct Delivery {
   std::string topic;
   std::string payload;
@@ -89,9 +86,6 @@ class DeviceSubscriber final {
   std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds bound);
 
  private:
-  void received(Delivery delivery);
-  void subscribedNow();
-
   mosquitto* client_ = nullptr;
   std::mutex mu_;
   std::condition_variable changed_;

@@ -1,5 +1,6 @@
 #include "support/PlatformTest.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace quorvia::testing {
@@ -18,9 +19,7 @@ std::vector<std::string> LogCapture::lines() const {
 
 int LogCapture::count(const std::string& line) const {
   std::lock_guard lock(mu_);
-  int n = 0;
-  for (const auto& l : lines_) n += l == line;
-  return n;
+  return static_cast<int>(std::count(lines_.begin(), lines_.end(), line));
 }
 
 void LogCapture::clear() {
@@ -55,12 +54,6 @@ void PlatformTest::TearDown() {
   std::error_code ec;
   std::filesystem::remove_all(dataDir_, ec);
 }
-
-void PlatformTest::advance(double secondsToAdvance) {
-  loop_->advance(platform::seconds(secondsToAdvance));
-}
-
-void PlatformTest::drain() { loop_->drainOnce(); }
 
 void PlatformTest::advanceWallClock(double secondsToAdvance) {
   std::lock_guard lock(*wallMu_);

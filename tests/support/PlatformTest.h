@@ -38,9 +38,9 @@ class PlatformTest : public ::testing::Test {
   void TearDown() override;
 
   /// Moves the virtual main-queue clock, running what falls due.
-  void advance(double secondsToAdvance);
+  void advance(double secondsToAdvance) { loop_->advance(platform::seconds(secondsToAdvance)); }
   /// Runs what is due now without moving the clock.
-  void drain();
+  void drain() { loop_->drainOnce(); }
   /// Moves the fake wall clock.
   void advanceWallClock(double secondsToAdvance);
 
