@@ -1,0 +1,363 @@
+// The push service against a mosquitto broker of the test's own on loopback:
+// the device token, the persistent session, what payloads arrive, and how
+// they reach the application delegate.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <fstream>
+#include <numeric>
+
+#include "platform/push/DeviceTokenFile.h"
+#include "platform/push/RemoteNotifications.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "quorvia/platform/PushService.h"
+#include "quorvia/platform/Runtime.h"
+#include "sdk/SDKState.h"
+#include "support/FakeTransport.h"
+#include "support/MosquittoBroker.h"
+#include "support/PlatformTest.h"
+#include "ui/QVNotificationView.h"
+
+namespace quorvia::testing {
+namespace {
+
+using platform::Bytes;
+using platform::MessageArguments;
+using platform::Value;
+
+Bytes contents(const std::filesystem::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+Value numbered(int n) { return Value{{"aps", {{"alert", "Poll " + std::to_string(n)}}}, {"n", n}}; }
+
+const Value kPollPayload = {
+    {"aps", {{"alert", "Coffee or tea?"}, {"category", "A.B"}}},
+    {"poll",
+     {{"id", 7}, {"question", "Coffee or tea?"}, {"options", {{{"text", "A"}}, {{"text", "B"}}}}}}};
+
+constexpr const char* kNotCalled =
+    "QuorviaSDK: a push's fetch completion handler was not called within 30 seconds";
+
+/// What one set of handlers was given, in order. Main queue only.
+struct Seen {
+  std::vector<Bytes> tokens;
+  std::vector<platform::Error> errors;
+  std::vector<Value> payloads;
+  std::vector<int> numbers() const {
+    std::vector<int> numbers;
+    for (const Value& payload : payloads) numbers.push_back(payload.value("n", -1));
+    return numbers;
+  }
+};
+
+class PushTest : public PlatformTest {
+ protected:
+  void SetUp() override {
+    PlatformTest::SetUp();
+    broker_ = std::make_unique<MosquittoBroker>(dataDir_ / "broker");
+  }
+  void TearDown() override {
+    broker_.reset();
+    PlatformTest::TearDown();
+  }
+
+  [[nodiscard]] bool startBroker() {
+    std::string error;
+    const bool started = broker_->start(port_, &error);
+    if (!started) ADD_FAILURE() << error;
+    return started;
+  }
+  std::string brokerURL() const { return "mqtt://127.0.0.1:" + std::to_string(port_); }
+  std::filesystem::path appData() const { return dataDir_ / "data"; }
+  std::shared_ptr<platform::PushService> makeService(std::string url = "") {
+    return platform::makeMqttPushService({url.empty() ? brokerURL() : url, appData()});
+  }
+  static platform::PushService::Handlers recordInto(const std::shared_ptr<Seen>& seen) {
+    return {[seen](Bytes token) { seen->tokens.push_back(std::move(token)); },
+            [seen](platform::Error error) { seen->errors.push_back(std::move(error)); },
+            [seen](Value payload) { seen->payloads.push_back(std::move(payload)); }};
+  }
+  /// Runs the main queue until `done` or a generous real-time bound.
+  bool waitFor(const std::function<bool()>& done) {
+    return loop_->runUntil(done, std::chrono::seconds(30));
+  }
+  /// Registers `service` and waits for the token.
+  Bytes registerAndWait(platform::PushService& service, const std::shared_ptr<Seen>& seen) {
+    service.registerForRemoteNotifications(recordInto(seen));
+    EXPECT_TRUE(waitFor([&] { return !seen->tokens.empty(); })) << "no token";
+    return seen->tokens.empty() ? Bytes{} : seen->tokens.front();
+  }
+  /// Makes an object of a class implementing `selectors` (each recording its
+  /// call) the application's delegate.
+  void installDelegate(const std::vector<std::string_view>& selectors) {
+    auto cls = platform::Class::create("PushTestDelegate");
+    for (std::string_view selector : selectors) {
+      platform::class_addMethod(
+          cls.get(), selector,
+          [calls = calls_, selector = std::string(selector)](platform::Object&,
+                                                             const MessageArguments& arguments) {
+            calls->emplace_back(selector, arguments);
+          },
+          platform::applicationDelegateTypeEncoding(selector));
+    }
+    platform::Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
+  }
+  const MessageArguments* callOf(std::string_view selector) const {
+    for (const auto& [called, arguments] : *calls_)
+      if (called == selector) return &arguments;
+    return nullptr;
+  }
+
+  std::shared_ptr<std::vector<std::pair<std::string, MessageArguments>>> calls_ =
+      std::make_shared<std::vector<std::pair<std::string, MessageArguments>>>();
+  std::unique_ptr<MosquittoBroker> broker_;
+  int port_ = MosquittoBroker::freePort();
+};
+
+// One token per data directory, kept in a private file; any file that is not
+// a private 32-byte token is logged and replaced, never trusted, never fatal.
+TEST_F(PushTest, OneTokenPerDataDirectoryKeptPrivate) {
+  struct Case {
+    const char* name;
+    std::size_t size;  // of the file there before; 0: none
+    mode_t mode;
+    bool symlink, kept;
+  };
+  const Case cases[] = {{"missing", 0, 0, false, false},
+                        {"stored", 32, 0600, false, true},
+                        {"too short", 31, 0600, false, false},
+                        {"too long", 33, 0600, false, false},
+                        {"readable by others", 32, 0644, false, false},
+                        {"symbolic link", 32, 0600, true, false}};
+  int round = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    log_.clear();
+    const auto directory = dataDir_ / std::to_string(round++) / "app";
+    const auto file = directory / platform::kDeviceTokenFileName;
+    std::filesystem::create_directories(c.size ? directory : directory.parent_path());
+    if (c.size) {
+      ::chmod(directory.c_str(), 0700);
+      const auto written = c.symlink ? directory / "elsewhere" : file;
+      std::ofstream(written, std::ios::binary) << std::string(c.size, '\xab');
+      ::chmod(written.c_str(), c.mode);
+      if (c.symlink) std::filesystem::create_symlink(written, file);
+    }
+
+    const std::optional<Bytes> token = platform::loadOrCreateDeviceToken(directory);
+    ASSERT_TRUE(token);
+    EXPECT_EQ(token->size(), platform::kDeviceTokenBytes);
+    EXPECT_EQ(*token == Bytes(32, 0xab), c.kept);
+    EXPECT_EQ(contents(file), *token);
+    struct stat st {};
+    ASSERT_EQ(::lstat(file.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    ASSERT_EQ(::stat(directory.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0700u);
+    EXPECT_EQ(log_.lines().empty(), c.kept || !c.size);
+    EXPECT_EQ(platform::loadOrCreateDeviceToken(directory), token) << "the same token next time";
+  }
+}
+
+// The device is the data directory's token, reported once per registration
+// and by every instance. Its session outlives the client: what was pushed
+// while the app was away arrives once each, in order. It outlives a broker
+// restart too; QoS 1 lets the broker repeat a push whose acknowledgement the
+// restart cut off, but nothing is lost.
+TEST_F(PushTest, PushesOutliveTheClientAndTheBroker) {
+  ASSERT_TRUE(startBroker());
+  auto seen = std::make_shared<Seen>();
+  auto service = makeService();
+  const Bytes token = registerAndWait(*service, seen);
+  EXPECT_EQ(token, contents(appData() / platform::kDeviceTokenFileName));
+  auto other = std::make_shared<Seen>();
+  EXPECT_EQ(registerAndWait(*service, other), token) << "a later call reports it again";
+  const std::string topic = deviceTopic(token);
+  service.reset();
+  auto publish = [&](int from, int to) {
+    Publisher publisher(port_);
+    for (int n = from; n < to; ++n) ASSERT_TRUE(publisher.publish(topic, numbered(n).dump()));
+  };
+  auto arrived = [&](int n) {
+    return waitFor(
+        [&] { return !seen->payloads.empty() && seen->payloads.back().value("n", -1) == n; });
+  };
+  publish(0, 100);
+  service = makeService();
+  service->registerForRemoteNotifications(recordInto(seen));
+  ASSERT_TRUE(waitFor([&] { return seen->tokens.size() == 2; }));
+  EXPECT_EQ(seen->tokens[1], token) << "a new instance, the same device";
+  publish(100, 101);  // after the reconnect: it comes after every queued one
+  ASSERT_TRUE(arrived(100));
+  std::vector<int> expected(101);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(seen->numbers(), expected) << "none lost, none twice";
+  EXPECT_EQ(seen->payloads.front(), numbered(0));
+
+  broker_->stop();
+  ASSERT_TRUE(startBroker());
+  publish(101, 102);
+  ASSERT_TRUE(arrived(101));
+  const std::vector<int> numbers = seen->numbers();
+  EXPECT_TRUE(std::all_of(numbers.begin() + 101, numbers.end() - 1, [](int n) { return n <= 100; }))
+      << "only repeats of acknowledged-late pushes before the new one";
+  EXPECT_EQ(seen->tokens.size(), 2u) << "a reconnect does not report the token again";
+  EXPECT_EQ(other->tokens.size(), 1u);
+  EXPECT_TRUE(seen->errors.empty());
+}
+
+// A broker that is not there: one failure with the reason, retries, and the
+// token once it is up. A URL that names no broker: one failure, no retries.
+TEST_F(PushTest, RegistrationFailureSaysWhyAndRetries) {
+  struct Case {
+    std::string url;
+    std::int64_t code;
+    std::string reason;
+  };
+  const Case cases[] = {
+      {brokerURL(), platform::kQuorviaPushErrorUnreachable,
+       "cannot be reached: Connection refused"},
+      {"http://127.0.0.1:" + std::to_string(port_), platform::kQuorviaPushErrorBadBrokerURL,
+       "is not valid"},
+      {"mqtt://:1883", platform::kQuorviaPushErrorBadBrokerURL, "is not valid"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.url);
+    auto seen = std::make_shared<Seen>(), later = std::make_shared<Seen>();
+    auto service = makeService(c.url);
+    service->registerForRemoteNotifications(recordInto(seen));
+    ASSERT_TRUE(waitFor([&] { return !seen->errors.empty(); }));
+    const platform::Error& error = seen->errors.front();
+    EXPECT_EQ(error.domain, platform::kQuorviaPushErrorDomain);
+    EXPECT_EQ(error.code, c.code);
+    EXPECT_NE(error.localizedDescription().find(c.reason), std::string::npos)
+        << error.localizedDescription();
+    if (c.code == platform::kQuorviaPushErrorUnreachable) {
+      ASSERT_TRUE(startBroker());
+      EXPECT_TRUE(waitFor([&] { return !seen->tokens.empty(); }));
+      broker_->stop();
+    } else {
+      service->registerForRemoteNotifications(recordInto(later));
+      EXPECT_TRUE(waitFor([&] { return !later->errors.empty(); })) << "told to a later call too";
+    }
+    service.reset();
+    drain();
+    EXPECT_EQ(seen->errors.size(), 1u) << "reported once per registration";
+  }
+}
+
+// Only JSON objects within the size limit reach the handler; everything else
+// is logged with one line and the client carries on.
+TEST_F(PushTest, OnlyJsonObjectsWithinTheLimitArrive) {
+  ASSERT_TRUE(startBroker());
+  auto seen = std::make_shared<Seen>();
+  auto service = makeService();
+  const std::string topic = deviceTopic(registerAndWait(*service, seen));
+  const Value large = {{"aps", {{"alert", "large"}}}, {"blob", std::string(1 << 20, 'x')}};
+  const std::pair<std::string, bool> cases[] = {
+      {"hello", false},
+      {"{\"aps\":", false},
+      {"[1,2]", false},
+      {"42", false},
+      {"", false},
+      {"{\"a\":\"\xff\"}", false},
+      {std::string(600, '[') + std::string(600, ']'), false},
+      {"{\"blob\":\"" + std::string(platform::kMaxPushPayloadBytes, 'y') + "\"}", false},
+      {large.dump(), true},
+  };
+  Publisher publisher(port_);
+  std::vector<Value> expected;
+  for (const auto& [payload, arrives] : cases) {
+    ASSERT_TRUE(publisher.publish(topic, payload)) << payload.substr(0, 20);
+    if (arrives) expected.push_back(*platform::parseJson(payload));
+    ASSERT_TRUE(publisher.publish(topic, numbered(0).dump()));
+    expected.push_back(numbered(0));
+  }
+  ASSERT_TRUE(waitFor([&] { return seen->payloads.size() >= expected.size(); }));
+  EXPECT_EQ(seen->payloads, expected);
+  int dropped = 0;
+  for (const auto& line : log_.lines()) dropped += line.starts_with("QuorviaSDK: push dropped");
+  EXPECT_EQ(dropped, 8);
+}
+
+// Token and payload reach the delegate on the main queue, a payload through
+// the fetch form when the delegate has it, else the plain form.
+TEST_F(PushTest, PushReachesTheDelegateFormItImplements) {
+  const auto registered = platform::kDidRegisterForRemoteNotificationsSelector;
+  const auto plain = platform::kDidReceiveRemoteNotificationSelector;
+  const auto fetch = platform::kDidReceiveRemoteNotificationFetchSelector;
+  ASSERT_TRUE(startBroker());
+  env_->setPushService(makeService());
+  for (const bool withFetch : {true, false}) {
+    SCOPED_TRACE(withFetch);
+    calls_->clear();
+    installDelegate(withFetch ? std::vector{registered, plain, fetch}
+                              : std::vector{registered, plain});
+    platform::Application::sharedApplication().registerForRemoteNotifications();
+    ASSERT_TRUE(waitFor([&] { return callOf(registered); }));
+    Publisher publisher(port_);
+    ASSERT_TRUE(
+        publisher.publish(deviceTopic(*callOf(registered)->deviceToken), kPollPayload.dump()));
+    const auto expected = withFetch ? fetch : plain;
+    ASSERT_TRUE(waitFor([&] { return callOf(expected); }));
+    EXPECT_EQ(callOf(expected)->userInfo, kPollPayload);
+    EXPECT_EQ(callOf(expected)->application, &platform::Application::sharedApplication());
+    EXPECT_EQ(static_cast<bool>(callOf(expected)->fetchCompletionHandler), withFetch);
+    EXPECT_EQ(calls_->size(), 2u) << "one token, one payload, one form";
+  }
+  env_->setPushService(nullptr);
+}
+
+// The fetch completion counts once; one never called is logged when the
+// platform's 30 s for the push are over, not before.
+TEST_F(PushTest, FetchCompletionIsHonouredOnce) {
+  installDelegate({platform::kDidReceiveRemoteNotificationFetchSelector});
+  for (const auto& [calls, notCalled, calledAgain] :
+       std::vector<std::array<int, 3>>{{0, 1, 0}, {1, 0, 0}, {3, 0, 2}}) {
+    SCOPED_TRACE(calls);
+    calls_->clear();
+    log_.clear();
+    platform::deliverRemoteNotification(kPollPayload);
+    ASSERT_EQ(calls_->size(), 1u);
+    for (int i = 0; i < calls; ++i) calls_->front().second.fetchCompletionHandler(0);
+    advance(29.9);
+    EXPECT_EQ(log_.count(kNotCalled), 0);
+    advance(0.2);
+    EXPECT_EQ(log_.count(kNotCalled), notCalled);
+    EXPECT_EQ(log_.count("QuorviaSDK: a push's fetch completion handler was called again; ignored"),
+              calledAgain);
+  }
+}
+
+// A host that lets the SDK intercept its delegate: the SDK registers the
+// device's token, a pushed poll shows the banner collapsed, and the SDK
+// completes the fetch for the host.
+TEST_F(PushTest, PushedPollShowsTheBannerThroughInterception) {
+  ASSERT_TRUE(startBroker());
+  auto transport = FakeTransport::install();
+  env_->setPushService(makeService());
+  installDelegate({});
+  QuorviaSDK::initWithAppToken("push-app", std::nullopt);
+  ASSERT_TRUE(waitFor([&] {
+    return std::ranges::count(transport->requestLines(), std::string("POST /endpoints/")) == 1;
+  })) << "the SDK registered the device's token";
+  const Bytes token = contents(appData() / platform::kDeviceTokenFileName);
+
+  Publisher publisher(port_);
+  ASSERT_TRUE(publisher.publish(deviceTopic(token), kPollPayload.dump()));
+  auto& banner = *sdk::SDKState::shared().banner;
+  ASSERT_TRUE(waitFor([&] { return banner.presentedPollView() != nullptr; }));
+  EXPECT_FALSE(banner.presentedPollView()->showOptions());
+  advance(31);
+  EXPECT_EQ(log_.count(kNotCalled), 0);
+  env_->setPushService(nullptr);
+}
+
+}  // namespace
+}  // namespace quorvia::testing
