@@ -3,39 +3,248 @@
 // choice reaching the application delegate and, through the SDK, the poll
 // service on loopback.
 
+#include <fcntl.h>
 #include <gio/gio.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <condition_variable>
 #include <cstdlib>
+#include <fstream>
+#include <thread>
 
-#include "support/LoopbackServer.h"
-#include "notifications/SessionBus.h"
 #include "platform/push/NotificationActions.h"
 #include "platform/push/RemoteNotifications.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/ApplicationDelegate.h"
-#include "quorvia/platform/NotificationCenter.h"
 #include "quorvia/platform/NotificationPresenter.h"
 #include "quorvia/platform/Runtime.h"
 #include "sdk/BannerController.h"
 #include "sdk/CategoriesManager.h"
 #include "sdk/SDKState.h"
+#include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 #include "ui/QVNotificationView.h"
+
+extern char** environ;
 
 namespace quorvia::testing {
 namespace {
 
 using platform::Application;
-using platform::MessageArguments;
 using platform::NotificationPresenter;
 using platform::Value;
 
-constexpr const char* kNotCalledLine =
-    "QuorviaSDK: a notification action's completion handler was not called within 30 seconds";
-constexpr const char* kCalledAgainLine =
-    "QuorviaSDK: a notification action's completion handler was called again; ignored";
-constexpr const char* kOffSuffix = "; desktop notifications are off";
+constexpr const char* kPath = "/org/freedesktop/Notifications";
+constexpr const char* kInterface = "org.freedesktop.Notifications";
+
+GDBusConnection* connectTo(const std::string& address) {
+  return g_dbus_connection_new_for_address_sync(
+      address.c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+}
+
+/// A private session bus (dbus-daemon) started and ended by the test. It
+/// activates no services, so a notification daemon installed on the machine
+/// never joins the test. `address` is empty when it did not start.
+struct PrivateBus {
+  explicit PrivateBus(const std::filesystem::path& directory) {
+    std::filesystem::create_directories(directory);
+    const std::string config = (directory / "bus.conf").string();
+    std::ofstream(config) << "<busconfig><type>session</type><listen>unix:dir="
+                          << directory.string()
+                          << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                             "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                             "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0) return;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+    std::string program = "/usr/bin/dbus-daemon", configFlag = "--config-file=" + config,
+                nofork = "--nofork", printAddress = "--print-address";
+    char* argv[] = {program.data(), configFlag.data(), nofork.data(), printAddress.data(), nullptr};
+    if (::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    // The daemon prints its address, one line, once it listens.
+    std::string line;
+    char buffer[512];
+    for (pollfd readable{out[0], POLLIN, 0};
+         pid > 0 && line.find('\n') == std::string::npos && ::poll(&readable, 1, 10'000) == 1;) {
+      const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+      if (n <= 0) break;
+      line.append(buffer, static_cast<std::size_t>(n));
+    }
+    ::close(out[0]);
+    if (const auto end = line.find('\n'); end != std::string::npos) address = line.substr(0, end);
+  }
+  ~PrivateBus() {
+    if (pid <= 0) return;
+    ::kill(pid, SIGTERM);
+    ::waitpid(pid, nullptr, 0);
+  }
+
+  pid_t pid = -1;
+  std::string address;
+};
+
+/// One Notify call as the service received it.
+struct NotifyCall {
+  std::uint32_t id = 0;
+  std::string sender;  // the caller's unique bus name
+  std::string appName, body;
+  std::vector<std::string> actions;  // identifier, label, identifier, label...
+};
+
+/// The test's own notification service: on a thread of its own it owns the
+/// service's name, records every Notify and CloseNotification, and emits the
+/// service's signals when told to. `changed` runs after each recorded call.
+class NotificationService {
+ public:
+  NotificationService(const std::string& address, std::function<void()> changed)
+      : changed_(std::move(changed)) {
+    thread_ = std::thread([this, address] {
+      g_main_context_push_thread_default(context_);
+      connection_ = connectTo(address);
+      if (connection_) {
+        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
+            "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
+            "<arg type='s'/><arg type='u'/><arg type='s'/><arg type='s'/><arg type='s'/>"
+            "<arg type='as'/><arg type='a{sv}'/><arg type='i'/><arg type='u' direction='out'/>"
+            "</method><method name='CloseNotification'><arg type='u'/></method></interface>"
+            "</node>",
+            nullptr);
+        static const GDBusInterfaceVTable vtable = {
+            &NotificationService::onCall, nullptr, nullptr, {}};
+        g_dbus_connection_register_object(connection_, kPath, node->interfaces[0], &vtable, this,
+                                          nullptr, nullptr);
+        g_dbus_node_info_unref(node);
+        GVariant* reply = g_dbus_connection_call_sync(
+            connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+            "RequestName", g_variant_new("(su)", kInterface, 4u), G_VARIANT_TYPE("(u)"),
+            G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, nullptr);
+        guint32 result = 0;
+        if (reply) g_variant_get(reply, "(u)", &result);
+        if (reply) g_variant_unref(reply);
+        std::lock_guard lock(mu_);
+        owns_ = result == 1;  // the primary owner
+      }
+      {
+        std::lock_guard lock(mu_);
+        started_ = true;
+      }
+      startedChanged_.notify_all();
+      g_main_loop_run(loop_);
+      if (connection_) g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+      if (connection_) g_object_unref(connection_);
+      g_main_context_pop_thread_default(context_);
+    });
+    std::unique_lock lock(mu_);
+    startedChanged_.wait_for(lock, std::chrono::seconds(10), [this] { return started_; });
+  }
+  ~NotificationService() {
+    g_main_context_invoke(
+        context_,
+        [](gpointer loop) -> gboolean {
+          g_main_loop_quit(static_cast<GMainLoop*>(loop));
+          return G_SOURCE_REMOVE;
+        },
+        loop_);
+    thread_.join();
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+
+  bool owns() const {
+    std::lock_guard lock(mu_);
+    return owns_;
+  }
+  std::vector<NotifyCall> calls() const {
+    std::lock_guard lock(mu_);
+    return calls_;
+  }
+  std::vector<std::uint32_t> closed() const {
+    std::lock_guard lock(mu_);
+    return closed_;
+  }
+  /// Emits one of the service's signals to everyone (`parameters` is consumed if floating).
+  void emit(const char* member, GVariant* parameters) {
+    g_dbus_connection_emit_signal(connection_, nullptr, kPath, kInterface, member, parameters,
+                                  nullptr);
+  }
+
+ private:
+  static void onCall(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
+                     const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,
+                     gpointer data) {
+    auto* self = static_cast<NotificationService*>(data);
+    std::unique_lock lock(self->mu_);
+    if (std::string_view(method) == "CloseNotification") {
+      guint32 id = 0;
+      g_variant_get(parameters, "(u)", &id);
+      self->closed_.push_back(id);
+      g_dbus_method_invocation_return_value(invocation, nullptr);
+    } else {
+      const gchar *appName, *body;
+      GVariantIter* actions = nullptr;
+      g_variant_get(parameters, "(&su&s&s&sasa{sv}i)", &appName, nullptr, nullptr, nullptr, &body,
+                    &actions, nullptr, nullptr);
+      NotifyCall call{self->nextId_++, sender, appName, body, {}};
+      for (const gchar* action; g_variant_iter_next(actions, "&s", &action);)
+        call.actions.emplace_back(action);
+      g_variant_iter_free(actions);
+      // Answered before it is recorded: a signal the test emits once it sees
+      // the call then follows the answer on the bus, as a real server's would.
+      g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", call.id));
+      self->calls_.push_back(std::move(call));
+    }
+    lock.unlock();
+    self->changed_();
+  }
+
+  const std::function<void()> changed_;
+  GMainContext* const context_ = g_main_context_new();
+  GMainLoop* const loop_ = g_main_loop_new(context_, FALSE);
+  GDBusConnection* connection_ = nullptr;
+  std::thread thread_;
+  mutable std::mutex mu_;
+  std::condition_variable startedChanged_;
+  bool started_ = false, owns_ = false;
+  std::vector<NotifyCall> calls_;
+  std::vector<std::uint32_t> closed_;
+  std::uint32_t nextId_ = 1;
+};
+
+/// Another client of the bus that emits the service's signals as if it were the service.
+class Impostor {
+ public:
+  explicit Impostor(const std::string& address) : connection_(connectTo(address)) {}
+  ~Impostor() {
+    if (!connection_) return;
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    g_object_unref(connection_);
+  }
+  /// Emits `member` to `destination`, then waits for a round trip to the bus,
+  /// so that the bus has routed the signal before anything the caller does next.
+  void emit(const char* member, GVariant* parameters, const char* destination) {
+    g_dbus_connection_emit_signal(connection_, destination, kPath, kInterface, member, parameters,
+                                  nullptr);
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, nullptr);
+    if (reply) g_variant_unref(reply);
+  }
+
+ private:
+  GDBusConnection* const connection_;
+};
 
 Value pollPush(const std::string& alert, const std::optional<std::string>& category) {
   Value aps = {{"alert", alert}};
@@ -43,6 +252,12 @@ Value pollPush(const std::string& alert, const std::optional<std::string>& categ
   return {{"aps", aps},
           {"poll",
            {{"id", 7}, {"question", alert}, {"options", {{{"text", "Yes"}}, {{"text", "No"}}}}}}};
+}
+
+void allowAlerts(std::uint32_t types = 7, bool withCategories = true) {
+  Application::sharedApplication().setCurrentUserNotificationSettings(
+      platform::NotificationSettings::settingsForTypes(
+          types, withCategories ? std::optional(CategoriesManager().categories()) : std::nullopt));
 }
 
 class NotificationsTest : public PlatformTest {
@@ -59,11 +274,9 @@ class NotificationsTest : public PlatformTest {
       loop_->post([] {});
     });
     bus_ = std::make_unique<PrivateBus>(dataDir_ / "bus");
-    ASSERT_FALSE(bus_->address().empty()) << "dbus-daemon did not start";
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address().c_str(), 1);
-    // The user allowed alerts and the SDK's six categories are registered.
-    Application::sharedApplication().setCurrentUserNotificationSettings(
-        platform::NotificationSettings::settingsForTypes(7, CategoriesManager().categories()));
+    ASSERT_FALSE(bus_->address.empty()) << "dbus-daemon did not start";
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address.c_str(), 1);
+    allowAlerts();  // with the SDK's six categories
   }
   void TearDown() override {
     env_->setNotificationPresenter(nullptr);
@@ -74,12 +287,12 @@ class NotificationsTest : public PlatformTest {
     PlatformTest::TearDown();
   }
 
-  void startService() {
-    service_ = std::make_unique<NotificationService>(bus_->address(),
-                                                     [loop = loop_] { loop->post([] {}); });
-    ASSERT_TRUE(service_->owns()) << "the test's service does not own the name";
-  }
-  void usePresenter() {
+  void start(bool withService = true) {
+    if (withService) {
+      service_ = std::make_unique<NotificationService>(bus_->address,
+                                                       [loop = loop_] { loop->post([] {}); });
+      ASSERT_TRUE(service_->owns()) << "the test's service does not own the name";
+    }
     presenter_ = platform::makeFreedesktopNotificationPresenter();
     env_->setNotificationPresenter(presenter_);
   }
@@ -101,16 +314,18 @@ class NotificationsTest : public PlatformTest {
     const auto all = lines();
     return static_cast<int>(std::count(all.begin(), all.end(), line));
   }
-  void clearLines() {
-    std::lock_guard lock(linesMu_);
-    lines_.clear();
-  }
-  int offLines() const {
-    int n = 0;
-    for (const auto& line : lines()) {
-      n += line.starts_with("QuorviaSDK: ") && line.ends_with(kOffSuffix);
+  /// A host delegate that implements `selectors` by counting calls, with the SDK started.
+  void startSDKWithHost(std::vector<std::string_view> selectors) {
+    auto cls = platform::Class::create("Host");
+    for (auto selector : selectors) {
+      platform::class_addMethod(
+          cls.get(), selector,
+          [this](platform::Object&, const platform::MessageArguments&) { ++hostCalls_; },
+          platform::applicationDelegateTypeEncoding(selector));
     }
-    return n;
+    Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
+    ::setenv("QUORVIA_SERVICE_BASE_URL", server_.baseURL().c_str(), 1);
+    QuorviaSDK::initWithAppToken("app", std::nullopt);
   }
 
   std::unique_ptr<PrivateBus> bus_;
@@ -118,25 +333,9 @@ class NotificationsTest : public PlatformTest {
   std::shared_ptr<NotificationPresenter> presenter_;
   mutable std::mutex linesMu_;
   std::vector<std::string> lines_;
+  LoopbackServer server_;
+  int hostCalls_ = 0;
 };
-
-// Focus changes post the platform's activity notifications, once per change;
-// a desktop app starts inactive.
-TEST_F(NotificationsTest, ActivityPostsOncePerChange) {
-  std::vector<std::string> posted;
-  auto& center = platform::NotificationCenter::defaultCenter();
-  for (const char* name : {platform::UIApplicationDidBecomeActiveNotification,
-                           platform::UIApplicationWillResignActiveNotification}) {
-    center.addObserver(name, [&posted](std::string_view n) { posted.emplace_back(n); });
-  }
-  auto& app = Application::sharedApplication();
-  EXPECT_FALSE(app.isActive());
-  for (const bool active : {false, true, true, false, false, true}) app.setActive(active);
-  EXPECT_TRUE(app.isActive());
-  EXPECT_EQ(posted, (std::vector<std::string>{platform::UIApplicationDidBecomeActiveNotification,
-                                              platform::UIApplicationWillResignActiveNotification,
-                                              platform::UIApplicationDidBecomeActiveNotification}));
-}
 
 // The bubble carries the app's name, the alert and one button per action of
 // the category the push names, in the category's order, then the bubble's own
@@ -144,38 +343,31 @@ TEST_F(NotificationsTest, ActivityPostsOncePerChange) {
 TEST_F(NotificationsTest, ButtonsAreTheActionsOfThePushsCategory) {
   struct Case {
     std::optional<std::string> category;
+    bool registered;
     std::vector<std::string> actions;
   };
+  const std::vector<std::string> none = {"default", "Open"};
   const Case cases[] = {
-      {"Yes.No", {"Yes", "Yes", "No", "No", "default", "Open"}},
-      {"No.Yes", {"No", "No", "Yes", "Yes", "default", "Open"}},
-      {"A.B", {"A", "A", "B", "B", "default", "Open"}},
-      {"emoji1.emoji2",
-       {"\u261D\uFE0F", "\u261D\uFE0F", "\u270C\uFE0F", "\u270C\uFE0F", "default", "Open"}},
-      {"emojiA.emojiB",
-       {"\U0001F170\uFE0F", "\U0001F170\uFE0F", "\U0001F171\uFE0F", "\U0001F171\uFE0F", "default",
-        "Open"}},
+      {"Yes.No", true, {"Yes", "Yes", "No", "No", "default", "Open"}},
+      {"No.Yes", true, {"No", "No", "Yes", "Yes", "default", "Open"}},
       {"thumbsup.thumbsdown",
+       true,
        {"\U0001F44D", "\U0001F44D", "\U0001F44E", "\U0001F44E", "default", "Open"}},
-      {"Unknown.Category", {"default", "Open"}},
-      {std::nullopt, {"default", "Open"}},
+      {"Unknown.Category", true, none},
+      {std::nullopt, true, none},
+      {"Yes.No", false, none},
   };
-  startService();
-  usePresenter();
+  start();
   std::size_t n = 0;
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.category.value_or("(none)"));
+    SCOPED_TRACE(c.category.value_or("(none)") + (c.registered ? "" : ", unregistered"));
+    allowAlerts(7, c.registered);
     platform::deliverRemoteNotification(pollPush("Coffee or tea?", c.category));
     const NotifyCall call = waitForNotify(++n);
     EXPECT_EQ(call.appName, "quorvia");
     EXPECT_EQ(call.body, "Coffee or tea?");
     EXPECT_EQ(call.actions, c.actions);
   }
-  // Registered settings without the SDK's categories: the bubble, no buttons.
-  Application::sharedApplication().setCurrentUserNotificationSettings(
-      platform::NotificationSettings::settingsForTypes(7, std::nullopt));
-  platform::deliverRemoteNotification(pollPush("Unregistered", "Yes.No"));
-  EXPECT_EQ(waitForNotify(++n).actions, (std::vector<std::string>{"default", "Open"}));
 }
 
 // A bubble shows only while the app is not active and the user allowed
@@ -186,8 +378,7 @@ TEST_F(NotificationsTest, BubbleOnlyWhileInactiveWithAlertPermission) {
     const char* name;
     bool active;
     std::uint32_t types;
-    bool withAlert;
-    bool shown;
+    bool withAlert, shown;
   };
   const Case cases[] = {
       {"inactive, alerts allowed", false, 7, true, true},
@@ -195,26 +386,23 @@ TEST_F(NotificationsTest, BubbleOnlyWhileInactiveWithAlertPermission) {
       {"badge and sound only", false, 3, true, false},
       {"no alert in the push", false, 7, false, false},
   };
-  startService();
-  usePresenter();
+  start();
   auto& app = Application::sharedApplication();
+  EXPECT_FALSE(app.isActive()) << "a desktop app starts inactive";
   std::vector<std::string> expected;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     app.setActive(c.active);
-    app.setCurrentUserNotificationSettings(platform::NotificationSettings::settingsForTypes(
-        c.types, CategoriesManager().categories()));
+    allowAlerts(c.types);
     Value push = pollPush(c.name, "Yes.No");
     if (!c.withAlert) push["aps"].erase("alert");
     platform::deliverRemoteNotification(push);
     if (c.shown) expected.push_back(c.name);
 
     app.setActive(false);
-    app.setCurrentUserNotificationSettings(
-        platform::NotificationSettings::settingsForTypes(7, CategoriesManager().categories()));
-    const std::string sentinel = std::string("after ") + c.name;
-    platform::deliverRemoteNotification(pollPush(sentinel, "Yes.No"));
-    expected.push_back(sentinel);
+    allowAlerts();
+    expected.push_back(std::string("after ") + c.name);
+    platform::deliverRemoteNotification(pollPush(expected.back(), "Yes.No"));
     waitForNotify(expected.size());
   }
   std::vector<std::string> bodies;
@@ -227,94 +415,73 @@ TEST_F(NotificationsTest, BubbleOnlyWhileInactiveWithAlertPermission) {
 // with a genuine press on a second bubble, so everything before it has been
 // handled when that press arrives.
 TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
-  struct Case {
-    const char* name;
-    std::function<void(NotificationService&, Impostor&, const NotifyCall&)> send;
-    std::vector<std::string> delivered;  // identifiers reaching the handler for the bubble
+  using Send = std::function<void(NotificationService&, Impostor&, const NotifyCall&)>;
+  auto press = [](const char* key, std::uint32_t offset = 0) -> Send {
+    return [=](auto& s, auto&, auto& c) {
+      s.emit("ActionInvoked", g_variant_new("(us)", c.id + offset, key));
+    };
   };
   const std::string huge(1 << 20, 'Y');
-  const Case cases[] = {
-      {"genuine press",
-       [](auto& s, auto&, auto& c) { s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes")); },
-       {"Yes"}},
-      {"bubble clicked",
-       [](auto& s, auto&, auto& c) {
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id, "default"));
-       },
-       {"default"}},
-      {"pressed twice",
-       [](auto& s, auto&, auto& c) {
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"));
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id, "No"));
+  const std::vector<std::pair<Send, std::vector<std::string>>> cases = {
+      {press("Yes"), {"Yes"}},
+      {press("default"), {"default"}},  // the bubble clicked
+      {[&](auto& s, auto& i, auto& c) {
+         press("Yes")(s, i, c);
+         press("No")(s, i, c);
        },
        {"Yes"}},
-      {"another sender, sent to the app",
-       [](auto&, auto& i, auto& c) {
+      {[](auto&, auto& i, auto& c) {  // another sender, sent to the app
          i.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"), c.sender.c_str());
        },
        {}},
-      {"another sender, broadcast",
-       [](auto&, auto& i, auto& c) {
+      {[](auto&, auto& i, auto& c) {  // another sender, broadcast
          i.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"), nullptr);
        },
        {}},
-      {"unknown id",
-       [](auto& s, auto&, auto& c) {
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id + 1000, "Yes"));
-       },
-       {}},
-      {"huge unknown action",
-       [&huge](auto& s, auto&, auto& c) {
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id, huge.c_str()));
-       },
-       {}},
-      {"wrong types",
-       [](auto& s, auto&, auto& c) {
+      {press("Yes", 1000), {}},       // an unknown id
+      {press("Maybe"), {}},           // an action the bubble does not have
+      {press(huge.c_str()), {}},      // a huge one
+      {[](auto& s, auto&, auto& c) {  // wrong types
          s.emit("ActionInvoked", g_variant_new("(ss)", std::to_string(c.id).c_str(), "Yes"));
        },
        {}},
-      {"closed first",
-       [](auto& s, auto&, auto& c) {
+      {[&](auto& s, auto& i, auto& c) {  // closed first
          s.emit("NotificationClosed", g_variant_new("(uu)", c.id, 2u));
-         s.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"));
+         press("Yes")(s, i, c);
        },
        {}},
   };
-  startService();
-  usePresenter();
-  Impostor impostor(bus_->address());
+  start();
+  Impostor impostor(bus_->address);
   auto seen = std::make_shared<std::vector<std::pair<std::string, Value>>>();
   presenter_->setActionHandler(
       [seen](std::string identifier, Value payload) { seen->emplace_back(identifier, payload); });
   const std::vector<NotificationPresenter::Button> buttons = {{"Yes", "Yes"}, {"No", "No"}};
   std::size_t n = 0;
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    const Case& c = cases[i];
-    SCOPED_TRACE(c.name);
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(i);
     seen->clear();
     presenter_->present({"quorvia", "Bubble", buttons, Value{{"bubble", i}}});
     const NotifyCall bubble = waitForNotify(++n);
     presenter_->present({"quorvia", "Sentinel", buttons, Value{{"sentinel", i}}});
     const NotifyCall sentinel = waitForNotify(++n);
-    c.send(*service_, impostor, bubble);
+    cases[i].first(*service_, impostor, bubble);
     service_->emit("ActionInvoked", g_variant_new("(us)", sentinel.id, "No"));
     ASSERT_TRUE(waitFor([&] {
       return !seen->empty() && seen->back().second == Value{{"sentinel", i}};
-    })) << ::testing::PrintToString(lines())
-        << seen->size();
+    }));
     std::vector<std::string> delivered;
-    for (const auto& [identifier, payload] : *seen) {
+    for (const auto& [identifier, payload] : *seen)
       if (payload == Value{{"bubble", i}}) delivered.push_back(identifier);
-    }
-    EXPECT_EQ(delivered, c.delivered);
+    EXPECT_EQ(delivered, cases[i].second);
   }
 }
 
 // Whatever the push carries, the bus gets valid UTF-8 of bounded size, and a
-// button whose identifier could not come back intact is left out.
-TEST_F(NotificationsTest, OutgoingTextIsValidAndBounded) {
-  startService();
-  usePresenter();
+// button whose identifier could not come back intact is left out. Only the
+// newest 64 bubbles keep answering; an older one is closed on the desktop.
+TEST_F(NotificationsTest, OutgoingTextAndLiveBubblesAreBounded) {
+  start();
   std::string body(1 << 20, 'x');
   body[10] = '\0';
   body[11] = '\xff';
@@ -326,31 +493,39 @@ TEST_F(NotificationsTest, OutgoingTextIsValidAndBounded) {
   const NotifyCall call = waitForNotify(1);
   EXPECT_LE(call.body.size(), 4096u);
   EXPECT_GT(call.body.size(), 4000u);
-  for (const std::string* text : {&call.appName, &call.body}) {
+  for (const std::string* text : {&call.appName, &call.body})
     EXPECT_TRUE(g_utf8_validate(text->data(), static_cast<gssize>(text->size()), nullptr));
-  }
   ASSERT_EQ(call.actions.size(), 4u);
   EXPECT_EQ(call.actions[0], "Yes");
   EXPECT_EQ(call.actions[2], "default");
+
+  for (int i = 0; i < 64; ++i) presenter_->present({"quorvia", "More", {}, Value::object()});
+  ASSERT_TRUE(waitFor([&] { return !service_->closed().empty(); }));
+  EXPECT_EQ(service_->closed(), std::vector<std::uint32_t>{call.id});
+  EXPECT_EQ(service_->calls().size(), 65u);
 }
 
 // Without a session bus, or without a notification service on it, the
 // presenter says so in one line and shows nothing, however often asked.
 TEST_F(NotificationsTest, WithoutServiceOneLogLine) {
   const std::string nowhere = "unix:path=" + (dataDir_ / "no-bus").string();
-  for (const std::string& address : {nowhere, bus_->address()}) {
+  for (const std::string& address : {nowhere, bus_->address}) {
     SCOPED_TRACE(address);
-    clearLines();
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    usePresenter();
+    {
+      std::lock_guard lock(linesMu_);
+      lines_.clear();
+    }
+    start(/*withService=*/false);
     presenter_->present({"quorvia", "First", {}, Value::object()});
     presenter_->present({"quorvia", "Second", {}, Value::object()});
-    ASSERT_TRUE(waitFor([&] { return offLines() > 0; }));
+    ASSERT_TRUE(waitFor([&] { return !lines().empty(); }));
     presenter_->present({"quorvia", "Third", {}, Value::object()});
     env_->setNotificationPresenter(nullptr);
     presenter_.reset();
-    EXPECT_EQ(offLines(), 1) << ::testing::PrintToString(lines());
-    EXPECT_EQ(lines().size(), 1u) << ::testing::PrintToString(lines());
+    ASSERT_EQ(lines().size(), 1u) << ::testing::PrintToString(lines());
+    EXPECT_TRUE(lines()[0].starts_with("QuorviaSDK: "));
+    EXPECT_TRUE(lines()[0].ends_with("; desktop notifications are off"));
   }
 }
 
@@ -358,60 +533,42 @@ TEST_F(NotificationsTest, WithoutServiceOneLogLine) {
 // pressed on the bubble posts one reply "Yes", and the reply completes the
 // platform's call, once.
 TEST_F(NotificationsTest, PressedButtonPostsOneReply) {
-  LoopbackServer server;
-  ::setenv("QUORVIA_SERVICE_BASE_URL", server.baseURL().c_str(), 1);
-  startService();
-  usePresenter();
-  Application::sharedApplication().setDelegate(
-      std::make_shared<platform::Object>(platform::Class::create("BareHost")));
-  QuorviaSDK::initWithAppToken("app", std::nullopt);
+  start();
+  startSDKWithHost({});
   platform::deliverRemoteNotification(pollPush("Coffee?", "Yes.No"));
-  const NotifyCall call = waitForNotify(1);
-  service_->emit("ActionInvoked", g_variant_new("(us)", call.id, "Yes"));
-  const std::string completed = std::string("QuorviaSDK: Calling completionHandler for ") +
+  service_->emit("ActionInvoked", g_variant_new("(us)", waitForNotify(1).id, "Yes"));
+  const std::string completed = "QuorviaSDK: Calling completionHandler for " +
                                 std::string(platform::kHandleActionWithResponseInfoSelector);
   ASSERT_TRUE(waitFor([&] { return count(completed) > 0; })) << "the reply completed";
   std::vector<std::string> replies;
-  for (const auto& request : server.requests()) {
-    if (request.method == "POST" && request.target == "/polls/7/replies/") {
+  for (const auto& request : server_.requests())
+    if (request.method == "POST" && request.target == "/polls/7/replies/")
       replies.push_back(request.body);
-    }
-  }
   EXPECT_EQ(replies, std::vector<std::string>{"reply_text=Yes"});
   advance(31);
   EXPECT_EQ(count(completed), 1);
-  EXPECT_EQ(count(kNotCalledLine), 0);
-  EXPECT_EQ(count(kCalledAgainLine), 0);
+  for (const auto& line : lines()) EXPECT_FALSE(line.starts_with("QuorviaSDK: a notification"));
 }
 
 // The bubble clicked: the SDK opens the banner expanded; a host with its own
 // action callback is not called, so nobody completes the platform's call and
 // the platform says so after its 30 s.
 TEST_F(NotificationsTest, ClickedBubbleOpensTheBannerExpanded) {
-  LoopbackServer server;
-  ::setenv("QUORVIA_SERVICE_BASE_URL", server.baseURL().c_str(), 1);
-  startService();
-  usePresenter();
-  auto cls = platform::Class::create("HostWithActions");
-  int hostCalls = 0;
-  platform::class_addMethod(
-      cls.get(), platform::kHandleActionWithResponseInfoSelector,
-      [&hostCalls](platform::Object&, const MessageArguments&) { ++hostCalls; },
-      platform::kFourObjectsAndBlockTypeEncoding);
-  Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
-  QuorviaSDK::initWithAppToken("app", std::nullopt);
+  const std::string notCalled =
+      "QuorviaSDK: a notification action's completion handler was not called within 30 seconds";
+  start();
+  startSDKWithHost({platform::kHandleActionWithResponseInfoSelector});
   // Shown as a bubble only, as for a push that arrived while the app was away.
   platform::presentRemoteNotification(pollPush("Coffee?", "Yes.No"));
-  const NotifyCall call = waitForNotify(1);
-  service_->emit("ActionInvoked", g_variant_new("(us)", call.id, "default"));
+  service_->emit("ActionInvoked", g_variant_new("(us)", waitForNotify(1).id, "default"));
   auto& banner = *sdk::SDKState::shared().banner;
   ASSERT_TRUE(waitFor([&] { return banner.presentedPollView() != nullptr; }));
   EXPECT_TRUE(banner.presentedPollView()->showOptions());
-  EXPECT_EQ(hostCalls, 0);
+  EXPECT_EQ(hostCalls_, 0);
   advance(29.9);
-  EXPECT_EQ(count(kNotCalledLine), 0);
+  EXPECT_EQ(count(notCalled), 0);
   advance(0.2);
-  EXPECT_EQ(count(kNotCalledLine), 1);
+  EXPECT_EQ(count(notCalled), 1);
 }
 
 }  // namespace
