@@ -107,11 +107,6 @@ class PushTest : public PlatformTest {
     }
     platform::Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
   }
-  const MessageArguments* callOf(std::string_view selector) const {
-    for (const auto& [called, arguments] : *calls_)
-      if (called == selector) return &arguments;
-    return nullptr;
-  }
 
   std::shared_ptr<std::vector<std::pair<std::string, MessageArguments>>> calls_ =
       std::make_shared<std::vector<std::pair<std::string, MessageArguments>>>();
@@ -286,68 +281,51 @@ TEST_F(PushTest, OnlyJsonObjectsWithinTheLimitArrive) {
   EXPECT_EQ(dropped, 8);
 }
 
-// Token and payload reach the delegate on the main queue, a payload through
-// the fetch form when the delegate has it, else the plain form.
-TEST_F(PushTest, PushReachesTheDelegateFormItImplements) {
-  const auto registered = platform::kDidRegisterForRemoteNotificationsSelector;
-  const auto plain = platform::kDidReceiveRemoteNotificationSelector;
-  const auto fetch = platform::kDidReceiveRemoteNotificationFetchSelector;
-  ASSERT_TRUE(startBroker());
-  env_->setPushService(makeService());
-  for (const bool withFetch : {true, false}) {
-    SCOPED_TRACE(withFetch);
-    calls_->clear();
-    installDelegate(withFetch ? std::vector{registered, plain, fetch}
-                              : std::vector{registered, plain});
-    platform::Application::sharedApplication().registerForRemoteNotifications();
-    ASSERT_TRUE(waitFor([&] { return callOf(registered); }));
-    Publisher publisher(port_);
-    ASSERT_TRUE(
-        publisher.publish(deviceTopic(*callOf(registered)->deviceToken), kPollPayload.dump()));
-    const auto expected = withFetch ? fetch : plain;
-    ASSERT_TRUE(waitFor([&] { return callOf(expected); }));
-    EXPECT_EQ(callOf(expected)->userInfo, kPollPayload);
-    EXPECT_EQ(callOf(expected)->application, &platform::Application::sharedApplication());
-    EXPECT_EQ(static_cast<bool>(callOf(expected)->fetchCompletionHandler), withFetch);
-    EXPECT_EQ(calls_->size(), 2u) << "one token, one payload, one form";
-  }
-  env_->setPushService(nullptr);
-}
-
-// The fetch completion counts once; one never called is logged when the
-// platform's 30 s for the push are over, not before.
-TEST_F(PushTest, FetchCompletionIsHonouredOnce) {
-  installDelegate({platform::kDidReceiveRemoteNotificationFetchSelector});
-  for (const auto& [calls, notCalled, calledAgain] :
-       std::vector<std::array<int, 3>>{{0, 1, 0}, {1, 0, 0}, {3, 0, 2}}) {
-    SCOPED_TRACE(calls);
+// A payload reaches the delegate through the fetch form when the delegate has
+// it, else the plain form. The fetch completion counts once; one never called
+// is logged when the platform's 30 s for the push are over, not before.
+TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnce) {
+  const std::string_view plain = platform::kDidReceiveRemoteNotificationSelector,
+                         fetch = platform::kDidReceiveRemoteNotificationFetchSelector;
+  struct Case {
+    bool withFetch;
+    int completions, notCalledLines, calledAgainLines;
+  };
+  for (const Case& c : {Case{false, 0, 0, 0}, {true, 0, 1, 0}, {true, 1, 0, 0}, {true, 3, 0, 2}}) {
+    SCOPED_TRACE(::testing::Message() << c.withFetch << " " << c.completions);
     calls_->clear();
     log_.clear();
+    installDelegate(c.withFetch ? std::vector{plain, fetch} : std::vector{plain});
     platform::deliverRemoteNotification(kPollPayload);
-    ASSERT_EQ(calls_->size(), 1u);
-    for (int i = 0; i < calls; ++i) calls_->front().second.fetchCompletionHandler(0);
+    ASSERT_EQ(calls_->size(), 1u) << "one payload, one form";
+    const auto& [selector, arguments] = calls_->front();
+    EXPECT_EQ(selector, c.withFetch ? fetch : plain);
+    EXPECT_EQ(arguments.userInfo, kPollPayload);
+    EXPECT_EQ(arguments.application, &platform::Application::sharedApplication());
+    EXPECT_EQ(static_cast<bool>(arguments.fetchCompletionHandler), c.withFetch);
+    for (int i = 0; i < c.completions; ++i) arguments.fetchCompletionHandler(0);
     advance(29.9);
     EXPECT_EQ(log_.count(kNotCalled), 0);
     advance(0.2);
-    EXPECT_EQ(log_.count(kNotCalled), notCalled);
+    EXPECT_EQ(log_.count(kNotCalled), c.notCalledLines);
     EXPECT_EQ(log_.count("QuorviaSDK: a push's fetch completion handler was called again; ignored"),
-              calledAgain);
+              c.calledAgainLines);
   }
 }
 
-// A host that lets the SDK intercept its delegate: the SDK registers the
-// device's token, a pushed poll shows the banner collapsed, and the SDK
-// completes the fetch for the host.
+// A host that lets the SDK intercept its delegate: the service's token reaches
+// the SDK, which registers it; a pushed poll shows the banner collapsed, and
+// the SDK completes the fetch for the host.
 TEST_F(PushTest, PushedPollShowsTheBannerThroughInterception) {
   ASSERT_TRUE(startBroker());
   auto transport = FakeTransport::install();
   env_->setPushService(makeService());
   installDelegate({});
   QuorviaSDK::initWithAppToken("push-app", std::nullopt);
-  ASSERT_TRUE(waitFor([&] {
-    return std::ranges::count(transport->requestLines(), std::string("POST /endpoints/")) == 1;
-  })) << "the SDK registered the device's token";
+  ASSERT_TRUE(waitFor([&] { return transport->requestCount() == 2; }));
   const Bytes token = contents(appData() / platform::kDeviceTokenFileName);
+  EXPECT_EQ(transport->requestLines()[1], "POST /endpoints/");
+  EXPECT_TRUE(transport->bodyText(1).starts_with("push_token=" + platform::hexString(token)));
 
   Publisher publisher(port_);
   ASSERT_TRUE(publisher.publish(deviceTopic(token), kPollPayload.dump()));
