@@ -1,13 +1,13 @@
 #include "support/MosquittoBroker.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <mosquitto.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -46,53 +46,33 @@ bool MosquittoBroker::start(int port, std::string* error) {
   std::string config = (directory_ / "mosquitto.conf").string();
   std::ofstream(config) << "listener " << port << " 127.0.0.1\nallow_anonymous true\n"
                         << "persistence true\npersistence_location " << directory_.string()
-                        << "/\n"
+                        << "/\nlog_dest file " << directory_.string()
+                        << "/mosquitto.log\n"
                         // As root it would switch users and lose the directory.
-                        << "user root\n"
-                        // Unbuffered, unlike a piped stdout.
-                        << "log_dest stderr\n";
-  int out[2];
-  if (::pipe2(out, O_CLOEXEC) != 0) return false;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
+                        << "user root\n";
+  // The broker tells its service manager when it listens: here, the test.
+  const std::string socketPath = (directory_ / "ready").string();
+  sockaddr_un address{AF_UNIX, {}};
+  socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+  const int ready = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  std::filesystem::remove(socketPath);
+  ::bind(ready, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  std::vector<std::string> variables = {"NOTIFY_SOCKET=" + socketPath};
+  for (char** variable = environ; *variable; ++variable) variables.emplace_back(*variable);
+  std::vector<char*> envp;
+  for (auto& variable : variables) envp.push_back(variable.data());
+  envp.push_back(nullptr);
   std::string program = "/usr/sbin/mosquitto", flag = "-c";
   char* argv[] = {program.data(), flag.data(), config.data(), nullptr};
-  const int spawned = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(out[1]);
-  if (spawned != 0) {
-    ::close(out[0]);
-    pid_ = -1;
-    *error = "cannot start " + program;
-    return false;
-  }
-  running_ = exited_ = false;
-  // Reads the broker's log to its end: "running" says it listens, and a pipe
-  // nobody drains would stall it.
-  output_ = std::thread([this, fd = out[0]] {
-    std::string log;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) {
-      log.append(buffer, static_cast<std::size_t>(n));
-      if (log.find(" running") != std::string::npos) {
-        std::lock_guard lock(mu_);
-        running_ = true;
-        changed_.notify_all();
-      }
-      if (log.size() > 65536) log.erase(0, log.size() - 1024);
-    }
-    ::close(fd);
-    std::lock_guard lock(mu_);
-    exited_ = true;
-    changed_.notify_all();
-  });
-  std::unique_lock lock(mu_);
-  changed_.wait_for(lock, kBound, [this] { return running_ || exited_; });
-  if (running_ && !exited_) return true;
-  *error = "mosquitto did not start listening on port " + std::to_string(port);
-  return false;
+  if (::posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, envp.data()) != 0) pid_ = -1;
+  char message[256] = {};
+  pollfd readable{ready, POLLIN, 0};
+  const bool up = pid_ > 0 && ::poll(&readable, 1, 10'000) == 1 &&
+                  ::recv(ready, message, sizeof message - 1, 0) > 0 &&
+                  std::string_view(message).find("READY=1") != std::string_view::npos;
+  ::close(ready);
+  if (!up) *error = "mosquitto did not start listening on port " + std::to_string(port);
+  return up;
 }
 
 void MosquittoBroker::stop() {
@@ -110,7 +90,6 @@ void MosquittoBroker::stop() {
     ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
-  if (output_.joinable()) output_.join();
 }
 
 Publisher::Publisher(int port) {

@@ -40,11 +40,6 @@ class MosquittoBroker final {
   std::filesystem::path directory_;
   int port_ = 0;
   pid_t pid_ = -1;
-  std::thread output_;
-  std::mutex mu_;
-  std::condition_variable changed_;
-  bool running_ = false;
-  bool exited_ = false;
 };
 
 /// A client that publishes with QoS 1 and waits (bounded) for each PUBACK.
