@@ -238,13 +238,7 @@ class NotificationsTest : public PlatformTest {
     PlatformTest::SetUp();
     // Lines come from the presenter's thread: each wakes the main queue, so
     // that a wait for a line ends when it comes.
-    env_->setLogSink([this](std::string_view line) {
-      {
-        std::lock_guard lock(linesMu_);
-        lines_.emplace_back(line);
-      }
-      loop_->post([] {});
-    });
+    log_.onLine = [loop = loop_] { loop->post([] {}); };
     bus_ = std::make_unique<PrivateBus>(dataDir_ / "bus");
     ASSERT_FALSE(bus_->address.empty()) << "dbus-daemon did not start";
     ::setenv("DBUS_SESSION_BUS_ADDRESS", bus_->address.c_str(), 1);
@@ -273,17 +267,9 @@ class NotificationsTest : public PlatformTest {
   /// Waits for the `n`th Notify call and returns it.
   NotifyCall waitForNotify(std::size_t n) {
     EXPECT_TRUE(waitFor([&] { return service_->calls().size() >= n; }))
-        << "no Notify " << n << "; log: " << ::testing::PrintToString(lines());
+        << "no Notify " << n << "; log: " << ::testing::PrintToString(log_.lines());
     const auto calls = service_->calls();
     return calls.size() >= n ? calls[n - 1] : NotifyCall{};
-  }
-  std::vector<std::string> lines() const {
-    std::lock_guard lock(linesMu_);
-    return lines_;
-  }
-  int count(const std::string& line) const {
-    const auto all = lines();
-    return static_cast<int>(std::count(all.begin(), all.end(), line));
   }
   /// A host delegate that implements `selectors` by counting calls, with the SDK started.
   void startSDKWithHost(std::vector<std::string_view> selectors) {
@@ -302,8 +288,6 @@ class NotificationsTest : public PlatformTest {
   std::unique_ptr<PrivateBus> bus_;
   std::unique_ptr<BusPeer> service_;
   std::shared_ptr<NotificationPresenter> presenter_;
-  mutable std::mutex linesMu_;
-  std::vector<std::string> lines_;
   LoopbackServer server_;
   int hostCalls_ = 0;
 };
@@ -478,20 +462,18 @@ TEST_F(NotificationsTest, WithoutServiceOneLogLine) {
   for (const std::string& address : {nowhere, bus_->address}) {
     SCOPED_TRACE(address);
     ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    {
-      std::lock_guard lock(linesMu_);
-      lines_.clear();
-    }
+    log_.clear();
     start(/*withService=*/false);
     presenter_->present({"quorvia", "First", {}, Value::object()});
     presenter_->present({"quorvia", "Second", {}, Value::object()});
-    ASSERT_TRUE(waitFor([&] { return !lines().empty(); }));
+    ASSERT_TRUE(waitFor([&] { return !log_.lines().empty(); }));
     presenter_->present({"quorvia", "Third", {}, Value::object()});
     env_->setNotificationPresenter(nullptr);
     presenter_.reset();
-    ASSERT_EQ(lines().size(), 1u) << ::testing::PrintToString(lines());
-    EXPECT_TRUE(lines()[0].starts_with("QuorviaSDK: "));
-    EXPECT_TRUE(lines()[0].ends_with("; desktop notifications are off"));
+    const auto lines = log_.lines();
+    ASSERT_EQ(lines.size(), 1u) << ::testing::PrintToString(lines);
+    EXPECT_TRUE(lines[0].starts_with("QuorviaSDK: "));
+    EXPECT_TRUE(lines[0].ends_with("; desktop notifications are off"));
   }
 }
 
@@ -505,15 +487,16 @@ TEST_F(NotificationsTest, PressedButtonPostsOneReply) {
   service_->emit("ActionInvoked", g_variant_new("(us)", waitForNotify(1).id, "Yes"));
   const std::string completed = "QuorviaSDK: Calling completionHandler for " +
                                 std::string(platform::kHandleActionWithResponseInfoSelector);
-  ASSERT_TRUE(waitFor([&] { return count(completed) > 0; })) << "the reply completed";
+  ASSERT_TRUE(waitFor([&] { return log_.count(completed) > 0; })) << "the reply completed";
   std::vector<std::string> replies;
   for (const auto& request : server_.requests())
     if (request.method == "POST" && request.target == "/polls/7/replies/")
       replies.push_back(request.body);
   EXPECT_EQ(replies, std::vector<std::string>{"reply_text=Yes"});
   advance(31);
-  EXPECT_EQ(count(completed), 1);
-  for (const auto& line : lines()) EXPECT_FALSE(line.starts_with("QuorviaSDK: a notification"));
+  EXPECT_EQ(log_.count(completed), 1);
+  for (const auto& line : log_.lines())
+    EXPECT_FALSE(line.starts_with("QuorviaSDK: a notification"));
 }
 
 // The bubble clicked: the SDK opens the banner expanded; a host with its own
@@ -532,9 +515,9 @@ TEST_F(NotificationsTest, ClickedBubbleOpensTheBannerExpanded) {
   EXPECT_TRUE(banner.presentedPollView()->showOptions());
   EXPECT_EQ(hostCalls_, 0);
   advance(29.9);
-  EXPECT_EQ(count(notCalled), 0);
+  EXPECT_EQ(log_.count(notCalled), 0);
   advance(0.2);
-  EXPECT_EQ(count(notCalled), 1);
+  EXPECT_EQ(log_.count(notCalled), 1);
 }
 
 }  // namespace

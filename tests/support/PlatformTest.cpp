@@ -7,8 +7,11 @@ namespace quorvia::testing {
 
 void LogCapture::install(platform::ConfigurableEnvironment& env) {
   env.setLogSink([this](std::string_view line) {
-    std::lock_guard lock(mu_);
-    lines_.emplace_back(line);
+    {
+      std::lock_guard lock(mu_);
+      lines_.emplace_back(line);
+    }
+    if (onLine) onLine();
   });
 }
 

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +27,8 @@ class LogCapture {
   int count(const std::string& line) const;
   bool contains(const std::string& line) const { return count(line) > 0; }
   void clear();
+  /// Runs after each captured line, on the thread that wrote it.
+  std::function<void()> onLine;
 
  private:
   mutable std::mutex mu_;
