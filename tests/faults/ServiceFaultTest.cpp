@@ -62,21 +62,19 @@ std::string readFile(const fs::path& path) {
 
 const std::string kJunk = std::string("not a store\0\x01\x02\xff", 16) + std::string(4096, 'q');
 
-using Step = std::function<void()>;
-
 fs::path keychainFile() { return platform::dataDirectory() / platform::kKeychainStoreFileName; }
 
 struct FaultCase {
   std::string name;
   std::function<void()> call = [] { QuorviaSDK::setDeviceToken(platform::Bytes{0xc0, 0xff}); };
   Behaviour server = Behaviour::kAnswer;
-  Reply reply = {};
+  Reply reply = {200, "application/json", "{\"access_token\":\"new\"}"};
   /// The log line (its beginning) that tells the outcome.
   std::string outcome = "QuorviaSDK: Successfully registered device push token.";
   /// The stored token once the fault is gone; nullopt: none readable.
   std::optional<std::string> tokenAfter = "old";
   /// Breaks the store, closed first, before the call; `heal` undoes it afterwards.
-  Step damage = {}, heal = {};
+  std::function<void()> damage = {}, heal = {};
   /// What the failing store logged after "keychain store <file>"; it is left as it was.
   std::optional<std::string> storeLine = {};
   /// Seconds a request may take.
@@ -101,9 +99,6 @@ class ServiceFaultTest : public PlatformTest, public ::testing::WithParamInterfa
   }
 };
 
-Reply token(const std::string& value) {
-  return {200, "application/json", "{\"access_token\":\"" + value + "\"}"};
-}
 const std::string kRegisterFailed =
     "QuorviaSDK: Failed registering device push token: Error Domain=NSURLErrorDomain Code=";
 const std::string kReplyFailed =
@@ -134,7 +129,6 @@ const FaultCase kCases[] = {
      .outcome = "QuorviaSDK: Failed to set user info: {\n    name = Ada;\n}"},
     // Nothing in a damaged store is deleted or overwritten.
     {.name = "CorruptKeychainStore",
-     .reply = token("new"),
      .tokenAfter = std::nullopt,
      .damage =
          [] {
@@ -146,7 +140,6 @@ const FaultCase kCases[] = {
     // The stored token is still read (a rollback journal needs no file to
     // read); the new one cannot be written beside it.
     {.name = "ReadOnlyDataDirectory",
-     .reply = token("new"),
      .damage =
          [] {
            fs::permissions(platform::dataDirectory(),
@@ -160,7 +153,6 @@ const FaultCase kCases[] = {
          },
      .storeLine = " update failed: attempt to write a readonly database"},
     {.name = "DiskFull",
-     .reply = token("new"),
      .damage = [] { limitFileSize(1024); },
      .heal = [] { limitFileSize(0); },
      .storeLine = " update failed: disk I/O error"},
