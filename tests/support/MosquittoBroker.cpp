@@ -92,36 +92,6 @@ void MosquittoBroker::stop() {
   }
 }
 
-Publisher::Publisher(int port) {
-  mosquitto_lib_init();
-  client_ = mosquitto_new(nullptr, true, this);
-  mosquitto_publish_callback_set(client_, [](mosquitto*, void* self, int) {
-    auto* publisher = static_cast<Publisher*>(self);
-    std::lock_guard lock(publisher->mu_);
-    ++publisher->acks_;
-    publisher->acked_.notify_all();
-  });
-  connected_ = mosquitto_connect(client_, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS &&
-               mosquitto_loop_start(client_) == MOSQ_ERR_SUCCESS;
-}
-
-Publisher::~Publisher() {
-  if (connected_) {
-    mosquitto_disconnect(client_);
-    mosquitto_loop_stop(client_, false);
-  }
-  mosquitto_destroy(client_);
-  mosquitto_lib_cleanup();
-}
-
-bool Publisher::publish(const std::string& topic, const std::string& payload) {
-  std::unique_lock lock(mu_);
-  const int before = acks_;
-  return mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                           payload.data(), 1, false) == MOSQ_ERR_SUCCESS &&
-         acked_.wait_for(lock, kBound, [&] { return acks_ > before; });
-}
-
 std::string deviceTopic(const std::vector<std::uint8_t>& token) {
   return "quorvia/devices/" + platform::hexString(token);
 }
@@ -145,6 +115,12 @@ DeviceSubscriber::DeviceSubscriber(int port) {
     subscriber->deliveries_.push_back(
         {m->topic, std::string(static_cast<const char*>(m->payload),
                                static_cast<std::size_t>(m->payloadlen))});
+    subscriber->changed_.notify_all();
+  });
+  mosquitto_publish_callback_set(client_, [](mosquitto*, void* self, int) {
+    auto* subscriber = static_cast<DeviceSubscriber*>(self);
+    std::lock_guard lock(subscriber->mu_);
+    ++subscriber->acks_;
     subscriber->changed_.notify_all();
   });
   mosquitto_reconnect_delay_set(client_, 1, 1, false);
@@ -172,6 +148,14 @@ std::vector<Delivery> DeviceSubscriber::waitFor(std::size_t count,
   std::unique_lock lock(mu_);
   changed_.wait_for(lock, bound, [&] { return deliveries_.size() >= count; });
   return deliveries_;
+}
+
+bool DeviceSubscriber::publish(const std::string& topic, const std::string& payload) {
+  std::unique_lock lock(mu_);
+  const int before = acks_;
+  return mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), 1, false) == MOSQ_ERR_SUCCESS &&
+         changed_.wait_for(lock, kBound, [&] { return acks_ > before; });
 }
 
 }  // namespace quorvia::testing

@@ -1,7 +1,6 @@
 #pragma once
 // A mosquitto broker on a loopback port, started and stopped by the test that
-// owns it; a publisher that waits for the broker's acknowledgements; and a
-// subscriber that records what devices would receive.
+// owns it, and a client that records what devices would receive.
 
 #include <sys/types.h>
 
@@ -42,31 +41,13 @@ class MosquittoBroker final {
   pid_t pid_ = -1;
 };
 
-/// A client that publishes with QoS 1 and waits (bounded) for each PUBACK.
-class Publisher final {
- public:
-  explicit Publisher(int port);
-  ~Publisher();
-  Publisher(const Publisher&) = delete;
-  Publisher& operator=(const Publisher&) = delete;
-
-  bool connected() const { return connected_; }
-  bool publish(const std::string& topic, const std::string& payload);
-
- private:
-  mosquitto* client_ = nullptr;
-  bool connected_ = false;
-  std::mutex mu_;
-  std::condition_variable acked_;
-  int acks_ = 0;
-};
-
 struct Delivery {
   std::string topic;
   std::string payload;
 };
 
-/// Subscribes to every device topic with QoS 1 and keeps what arrives.
+/// Subscribes to every device topic with QoS 1 and keeps what arrives; it
+/// publishes too, as the poll service does.
 class DeviceSubscriber final {
  public:
   /// Connects and waits (bounded) until the subscription is in place.
@@ -79,12 +60,15 @@ class DeviceSubscriber final {
   bool ready();
   /// Waits until at least `count` messages arrived or `bound` passed; returns them all.
   std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds bound);
+  /// Publishes with QoS 1 and waits (bounded) for the broker's acknowledgement.
+  bool publish(const std::string& topic, const std::string& payload);
 
  private:
   mosquitto* client_ = nullptr;
   std::mutex mu_;
   std::condition_variable changed_;
   bool subscribed_ = false;
+  int acks_ = 0;
   std::vector<Delivery> deliveries_;
 };
 
