@@ -11,7 +11,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
 #include <thread>
@@ -95,59 +94,53 @@ struct NotifyCall {
   std::vector<std::string> actions;  // identifier, label, identifier, label...
 };
 
-/// A client of the bus on a thread of its own. As the test's notification
-/// service (`own`) it owns the service's name and records every Notify and
+/// A client of the bus. As the test's notification service (`own`) it owns
+/// the service's name and, on a thread of its own, records every Notify and
 /// CloseNotification, running `changed` after each; otherwise it is an
 /// impostor that only emits the service's signals.
 class BusPeer {
  public:
-  BusPeer(
-      const std::string& address, bool own, std::function<void()> changed = [] {})
-      : changed_(std::move(changed)) {
-    thread_ = std::thread([this, address, own] {
-      g_main_context_push_thread_default(context_);
-      connection_ = g_dbus_connection_new_for_address_sync(
-          address.c_str(),
-          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-          nullptr, nullptr, nullptr);
-      if (connection_ && own) {
-        GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
-            "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
-            "<arg type='s'/><arg type='u'/><arg type='s'/><arg type='s'/><arg type='s'/>"
-            "<arg type='as'/><arg type='a{sv}'/><arg type='i'/><arg type='u' direction='out'/>"
-            "</method><method name='CloseNotification'><arg type='u'/></method></interface>"
-            "</node>",
-            nullptr);
-        static const GDBusInterfaceVTable vtable = {&BusPeer::onCall, nullptr, nullptr, {}};
-        g_dbus_connection_register_object(connection_, kPath, node->interfaces[0], &vtable, this,
-                                          nullptr, nullptr);
-        g_dbus_node_info_unref(node);
-        callBus("RequestName", g_variant_new("(su)", kInterface, 4u));
-      }
-      {
-        std::lock_guard lock(mu_);
-        started_ = true;
-      }
-      startedChanged_.notify_all();
-      g_main_loop_run(loop_);
-      if (connection_) g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-      if (connection_) g_object_unref(connection_);
-      g_main_context_pop_thread_default(context_);
-    });
-    std::unique_lock lock(mu_);
-    startedChanged_.wait_for(lock, std::chrono::seconds(10), [this] { return started_; });
+  BusPeer(const std::string& address, bool own, std::function<void()> changed = {})
+      : changed_(std::move(changed)),
+        connection_(g_dbus_connection_new_for_address_sync(
+            address.c_str(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr)) {
+    if (!connection_ || !own) return;
+    GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
+        "<node><interface name='org.freedesktop.Notifications'><method name='Notify'>"
+        "<arg type='s'/><arg type='u'/><arg type='s'/><arg type='s'/><arg type='s'/>"
+        "<arg type='as'/><arg type='a{sv}'/><arg type='i'/><arg type='u' direction='out'/>"
+        "</method><method name='CloseNotification'><arg type='u'/></method></interface></node>",
+        nullptr);
+    static const GDBusInterfaceVTable vtable = {&BusPeer::onCall, nullptr, nullptr, {}};
+    // Calls go to the context that is the thread's default at registration.
+    g_main_context_push_thread_default(context_);
+    g_dbus_connection_register_object(connection_, kPath, node->interfaces[0], &vtable, this,
+                                      nullptr, nullptr);
+    g_main_context_pop_thread_default(context_);
+    g_dbus_node_info_unref(node);
+    callBus("RequestName", g_variant_new("(su)", kInterface, 4u));
+    thread_ = std::thread([this] { g_main_loop_run(loop_); });
   }
   ~BusPeer() {
-    // The thread holds the context from its start, so this runs there.
-    g_main_context_invoke(
-        context_,
-        [](gpointer loop) -> gboolean {
-          g_main_loop_quit(static_cast<GMainLoop*>(loop));
-          return G_SOURCE_REMOVE;
-        },
-        loop_);
-    thread_.join();
+    if (thread_.joinable()) {
+      // A source, not g_main_loop_quit(): a quit before the loop runs is lost.
+      GSource* quit = g_idle_source_new();
+      g_source_set_callback(
+          quit,
+          [](gpointer loop) -> gboolean {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return G_SOURCE_REMOVE;
+          },
+          loop_, nullptr);
+      g_source_attach(quit, context_);
+      g_source_unref(quit);
+      thread_.join();
+    }
+    if (connection_) g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    if (connection_) g_object_unref(connection_);
     g_main_loop_unref(loop_);
     g_main_context_unref(context_);
   }
@@ -208,11 +201,9 @@ class BusPeer {
   const std::function<void()> changed_;
   GMainContext* const context_ = g_main_context_new();
   GMainLoop* const loop_ = g_main_loop_new(context_, FALSE);
-  GDBusConnection* connection_ = nullptr;
+  GDBusConnection* const connection_;
   std::thread thread_;
   mutable std::mutex mu_;
-  std::condition_variable startedChanged_;
-  bool started_ = false;
   std::vector<NotifyCall> calls_;
   std::vector<std::uint32_t> closed_;
   std::uint32_t nextId_ = 1;
@@ -304,9 +295,6 @@ TEST_F(NotificationsTest, ButtonsAreTheActionsOfThePushsCategory) {
   const std::vector<std::string> none = {"default", "Open"};
   const Case cases[] = {
       {"Yes.No", true, {"Yes", "Yes", "No", "No", "default", "Open"}},
-      {"thumbsup.thumbsdown",
-       true,
-       {"\U0001F44D", "\U0001F44D", "\U0001F44E", "\U0001F44E", "default", "Open"}},
       {"Unknown.Category", true, none},
       {std::nullopt, true, none},
       {"Yes.No", false, none},
