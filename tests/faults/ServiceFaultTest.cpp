@@ -113,16 +113,6 @@ const FaultCase kCases[] = {
      .call = reply,
      .server = Behaviour::kRedirectToSelf,
      .outcome = kReplyFailed + "-1007"},
-    // A complete answer whose JSON breaks off decodes to nothing: no token.
-    {.name = "TruncatedJson", .reply = {200, "application/json", "{\"access_token\":\"new"}},
-    // Status codes are never examined; the swapped message is deliberate.
-    {.name = "ServerErrorWithHtml",
-     .call =
-         [] {
-           QuorviaSDK::setUserInfo(Value{{"name", "Ada"}});
-         },
-     .reply = {500, "text/html", "<html><body>Oops</body></html>"},
-     .outcome = "QuorviaSDK: Failed to set user info: {\n    name = Ada;\n}"},
     // The stored token is still read (a rollback journal needs no file to
     // read); the new one cannot be written beside it.
     {.name = "ReadOnlyDataDirectory",

@@ -283,67 +283,50 @@ class NotificationsTest : public PlatformTest {
   int hostCalls_ = 0;
 };
 
-// The bubble carries the app's name, the alert and one button per action of
-// the category the push names, in the category's order, then the bubble's own
-// click; a category that is not registered gives no buttons.
-TEST_F(NotificationsTest, ButtonsAreTheActionsOfThePushsCategory) {
+// A push shows a bubble only while the app is not active and the user allowed
+// alerts, and only with an alert. The bubble carries the app's name, the
+// alert and one button per action of the category the push names, in the
+// category's order, then the bubble's own click; a category that is not
+// registered gives no buttons. The last push shows, so the service has seen
+// every call before it by then.
+TEST_F(NotificationsTest, BubbleOfAnInactiveAppWithTheButtonsOfThePushsCategory) {
   struct Case {
+    const char* alert;  // nullptr: none
     std::optional<std::string> category;
-    bool registered;
-    std::vector<std::string> actions;
-  };
-  const std::vector<std::string> none = {"default", "Open"};
-  const Case cases[] = {
-      {"Yes.No", true, {"Yes", "Yes", "No", "No", "default", "Open"}},
-      {"Unknown.Category", true, none},
-      {std::nullopt, true, none},
-      {"Yes.No", false, none},
-  };
-  start();
-  std::size_t n = 0;
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.category.value_or("(none)") + (c.registered ? "" : ", unregistered"));
-    allowAlerts(7, c.registered);
-    platform::deliverRemoteNotification(pollPush("Coffee or tea?", c.category));
-    const NotifyCall call = waitForNotify(++n);
-    EXPECT_EQ(call.appName, "quorvia");
-    EXPECT_EQ(call.body, "Coffee or tea?");
-    EXPECT_EQ(call.actions, c.actions);
-  }
-}
-
-// A bubble shows only while the app is not active and the user allowed
-// alerts, and only for a push with an alert. A last push that does show
-// follows, so the service has seen every call before it by then.
-TEST_F(NotificationsTest, BubbleOnlyWhileInactiveWithAlertPermission) {
-  struct Case {
-    const char* name;
-    bool active;
-    std::uint32_t types;
-    bool withAlert, shown;
+    bool active = false, registered = true;
+    std::uint32_t types = 7;
+    std::vector<std::string> actions = {"default", "Open"};
   };
   const Case cases[] = {
-      {"inactive, alerts allowed", false, 7, true, true},
-      {"active", true, 7, true, false},
-      {"badge and sound only", false, 3, true, false},
-      {"no alert in the push", false, 7, false, false},
-      {"last", false, 7, true, true},
+      {"Yes or no?", "Yes.No", false, true, 7, {"Yes", "Yes", "No", "No", "default", "Open"}},
+      {"No or yes?", "No.Yes", false, true, 7, {"No", "No", "Yes", "Yes", "default", "Open"}},
+      {"Unknown category", "Unknown.Category"},
+      {"No category", std::nullopt},
+      {"Unregistered", "Yes.No", false, false},
+      {"Active", "Yes.No", true},
+      {"Badge and sound only", "Yes.No", false, true, 3},
+      {nullptr, "Yes.No"},
+      {"Last", std::nullopt},
   };
   start();
   auto& app = Application::sharedApplication();
   EXPECT_FALSE(app.isActive()) << "a desktop app starts inactive";
-  std::vector<std::string> expected, bodies;
+  std::vector<std::pair<std::string, std::vector<std::string>>> expected, shown;
   for (const Case& c : cases) {
     app.setActive(c.active);
-    allowAlerts(c.types);
-    Value push = pollPush(c.name, "Yes.No");
-    if (!c.withAlert) push["aps"].erase("alert");
+    allowAlerts(c.types, c.registered);
+    Value push = pollPush(c.alert ? c.alert : "", c.category);
+    if (!c.alert) push["aps"].erase("alert");
     platform::deliverRemoteNotification(push);
-    if (c.shown) expected.push_back(c.name);
+    const bool shows = c.alert && !c.active && c.types == 7;
+    if (shows) expected.emplace_back(c.alert, c.actions);
   }
   waitForNotify(expected.size());
-  for (const auto& call : service_->calls()) bodies.push_back(call.body);
-  EXPECT_EQ(bodies, expected);
+  for (const auto& call : service_->calls()) {
+    EXPECT_EQ(call.appName, "quorvia");
+    shown.emplace_back(call.body, call.actions);
+  }
+  EXPECT_EQ(shown, expected);
 }
 
 // What the bus sends back is trusted only from the service's owner, for a
