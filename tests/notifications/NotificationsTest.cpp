@@ -3,11 +3,9 @@
 // choice reaching the application delegate and, through the SDK, the poll
 // service on loopback.
 
-#include <fcntl.h>
 #include <gio/gio.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,8 +26,6 @@
 #include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 #include "ui/QVNotificationView.h"
-
-extern char** environ;
 
 namespace quorvia::testing {
 namespace {
@@ -53,27 +49,25 @@ struct PrivateBus {
                           << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
                              "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
                              "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    std::string program = "/usr/bin/dbus-daemon", configFlag = "--config-file=" + config,
-                nofork = "--nofork", printAddress = "--print-address";
-    char* argv[] = {program.data(), configFlag.data(), nofork.data(), printAddress.data(), nullptr};
-    if (::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv, environ) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
+    const std::string configFlag = "--config-file=" + config;
+    const char* argv[] = {"dbus-daemon", configFlag.c_str(), "--nofork", "--print-address",
+                          nullptr};
+    int out = -1;
+    if (!g_spawn_async_with_pipes(nullptr, const_cast<char**>(argv), nullptr,
+                                  GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
+                                  nullptr, nullptr, &pid, nullptr, &out, nullptr, nullptr)) {
+      return;
+    }
     // The daemon prints its address, one line, once it listens.
     std::string line;
     char buffer[512];
-    for (pollfd readable{out[0], POLLIN, 0};
-         pid > 0 && line.find('\n') == std::string::npos && ::poll(&readable, 1, 10'000) == 1;) {
-      const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+    for (pollfd readable{out, POLLIN, 0};
+         line.find('\n') == std::string::npos && ::poll(&readable, 1, 10'000) == 1;) {
+      const ssize_t n = ::read(out, buffer, sizeof buffer);
       if (n <= 0) break;
       line.append(buffer, static_cast<std::size_t>(n));
     }
-    ::close(out[0]);
+    ::close(out);
     if (const auto end = line.find('\n'); end != std::string::npos) address = line.substr(0, end);
   }
   ~PrivateBus() {
@@ -82,7 +76,7 @@ struct PrivateBus {
     ::waitpid(pid, nullptr, 0);
   }
 
-  pid_t pid = -1;
+  GPid pid = -1;
   std::string address;
 };
 

@@ -222,31 +222,24 @@ TEST_F(PushTest, OnlyJsonObjectsWithinTheLimitArrive) {
   auto seen = std::make_shared<Seen>();
   auto service = makeService();
   const std::string topic = deviceTopic(registerAndWait(*service, seen));
+  const std::string dropped[] = {
+      "hello",
+      "{\"aps\":",
+      "[1,2]",
+      "42",
+      "",
+      "{\"a\":\"\xff\"}",
+      std::string(600, '[') + std::string(600, ']'),
+      "{\"blob\":\"" + std::string(platform::kMaxPushPayloadBytes, 'y') + "\"}"};
   const Value large = {{"aps", {{"alert", "large"}}}, {"blob", std::string(1 << 20, 'x')}};
-  const std::pair<std::string, bool> cases[] = {
-      {"hello", false},
-      {"{\"aps\":", false},
-      {"[1,2]", false},
-      {"42", false},
-      {"", false},
-      {"{\"a\":\"\xff\"}", false},
-      {std::string(600, '[') + std::string(600, ']'), false},
-      {"{\"blob\":\"" + std::string(platform::kMaxPushPayloadBytes, 'y') + "\"}", false},
-      {large.dump(), true},
-  };
   DeviceSubscriber publisher(port_);
-  std::vector<Value> expected;
-  for (const auto& [payload, arrives] : cases) {
-    ASSERT_TRUE(publisher.publish(topic, payload)) << payload.substr(0, 20);
-    if (arrives) expected.push_back(*platform::parseJson(payload));
-    ASSERT_TRUE(publisher.publish(topic, numbered(0).dump()));
-    expected.push_back(numbered(0));
-  }
-  ASSERT_TRUE(waitFor([&] { return seen->payloads.size() >= expected.size(); }));
-  EXPECT_EQ(seen->payloads, expected);
-  int dropped = 0;
-  for (const auto& line : log_.lines()) dropped += line.starts_with("QuorviaSDK: push dropped");
-  EXPECT_EQ(dropped, 8);
+  for (const auto& payload : dropped) ASSERT_TRUE(publisher.publish(topic, payload));
+  ASSERT_TRUE(publisher.publish(topic, large.dump()));
+  ASSERT_TRUE(waitFor([&] { return !seen->payloads.empty(); }));
+  EXPECT_EQ(seen->payloads, std::vector<Value>{large}) << "what came before was dropped";
+  int lines = 0;
+  for (const auto& line : log_.lines()) lines += line.starts_with("QuorviaSDK: push dropped");
+  EXPECT_EQ(lines, 8);
 }
 
 // A payload reaches the delegate through the fetch form when the delegate has
