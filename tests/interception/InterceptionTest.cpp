@@ -129,40 +129,6 @@ class InterceptionTest : public PlatformTest {
   int expansions_ = 0;
 };
 
-// Only the class's own implementation counts: a callback it inherits is
-// added too, and the superclass's implementation never runs. What the library
-// added, it completes itself: the fetch at once, a reply once it is answered.
-TEST_F(InterceptionTest, CallbacksTheClassLacksAreAddedAndRunOnlyTheLibrarysWork) {
-  auto base = hostClass("HostBaseDelegate", {kToken, kFetch});
-  install(hostClass("HostAppDelegate", {kFail}, base));
-  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
-  Value expected = Value::object();
-  for (auto selector : {kToken, kReceive, kFetch, kAction, kResponseInfo})
-    expected[std::string(selector)] = true;
-  EXPECT_EQ(added(), expected);
-  EXPECT_EQ(platform::class_copyMethodList(base.get()),
-            (std::vector<std::string>{std::string(kFetch), std::string(kToken)}));
-
-  for (auto selector : kAll) EXPECT_TRUE(deliver(selector)) << selector;
-  ASSERT_EQ(hostCalls_.size(), 1u);
-  EXPECT_EQ(hostCalls_[0].selector, kFail);
-  EXPECT_EQ(requestsTo("/endpoints/"), 1u);
-  EXPECT_EQ(requestsTo("/replies/"), 2u);
-  EXPECT_EQ(presentations_, 2);
-  EXPECT_EQ(log_.count(kTokenLine), 1);
-  EXPECT_EQ(log_.count(kRegistrationFailedLine), 1);
-  EXPECT_EQ(fetchCompletions_, std::vector<int>{platform::UIBackgroundFetchResultNewData});
-  EXPECT_EQ(actionCompletions_, 1) << "the response-info completion waits for the reply";
-  answerAll();
-  EXPECT_EQ(actionCompletions_, 2);
-
-  // The notification itself opened: the poll expanded, no reply, completed.
-  EXPECT_TRUE(deliver(kResponseInfo, argumentsFor(kResponseInfo, kDefaultAction)));
-  EXPECT_EQ(expansions_, 1);
-  EXPECT_EQ(requestsTo("/replies/"), 2u);
-  EXPECT_EQ(actionCompletions_, 3);
-}
-
 TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments) {
   install(hostClass("HostAppDelegate", kAll));
   QuorviaSDK::initWithAppToken("app-token", std::nullopt);
@@ -232,31 +198,47 @@ TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments
   EXPECT_EQ(actionCompletions_, 0);
 }
 
-// A start-up intercepts the delegate of that moment, a second one installs
-// nothing twice, and a delegate set later is left alone. A class that lacked
-// the callbacks was intercepted first, then one that implements and completes
-// them: the first one's entries stay, so the library completes as well, yet
-// the platform's completions run once only, however often they are called.
+// What a delegate class lacks is added, and the library does its work and
+// completes on its own: the fetch at once, a reply once it is answered. Only
+// the class's own implementation counts: a callback it inherits is added too,
+// and the superclass's implementation never runs. A second start-up installs
+// nothing twice. Then a class that implements and completes every callback
+// becomes the delegate: the first one's entries stay, so the library
+// completes as well, yet the platform's completions run once only, however
+// often they are called. A delegate set after start-up is left alone.
 TEST_F(InterceptionTest, StartUpInterceptsItsDelegateOnceAndNothingCompletesTwice) {
-  for (const auto& [name, implemented] : std::vector<std::pair<std::string, Selectors>>{
-           {"HostWithNone", {}}, {"HostWithAll", kAll}}) {
-    SCOPED_TRACE(name);
-    auto cls = hostClass(name, implemented, nullptr, /*completes=*/true);
+  auto base = hostClass("HostBaseDelegate", {kToken, kFetch});
+  for (const bool lacking : {true, false}) {
+    SCOPED_TRACE(lacking ? "lacking" : "implementing");
+    const Selectors implemented = lacking ? Selectors{kFail} : kAll;
+    auto cls = hostClass("HostAppDelegate", implemented, lacking ? base : nullptr, true);
     install(cls);
     hostCalls_.clear();
     fetchCompletions_.clear();
     actionCompletions_ = 0;
     log_.clear();
     const std::size_t requestsBefore = transport_->requestCount();
+    const int presentedBefore = presentations_;
     QuorviaSDK::initWithAppToken("app-token", std::nullopt);
     const auto methodsAfterFirst = platform::class_copyMethodList(cls.get());
     QuorviaSDK::initWithAppToken("app-token", std::nullopt);
     EXPECT_EQ(platform::class_copyMethodList(cls.get()), methodsAfterFirst);
+    Value expected = Value::object();
+    for (auto selector : {kToken, kReceive, kFetch, kAction, kResponseInfo})
+      expected[std::string(selector)] = true;
+    EXPECT_EQ(added(), expected);
+    EXPECT_EQ(platform::class_copyMethodList(base.get()),
+              (std::vector<std::string>{std::string(kFetch), std::string(kToken)}));
 
-    for (auto selector : kAll) deliver(selector);
-    EXPECT_EQ(hostCalls_.size(), implemented.size()) << "each host method once";
+    for (auto selector : kAll) EXPECT_TRUE(deliver(selector)) << selector;
+    ASSERT_EQ(hostCalls_.size(), implemented.size()) << "each of the class's own methods once";
+    EXPECT_EQ(hostCalls_[0].selector, implemented[0]);
     // Two start-up fetches, one registration, two replies.
     EXPECT_EQ(transport_->requestCount() - requestsBefore, 5u);
+    EXPECT_EQ(log_.count(kTokenLine), 1);
+    EXPECT_EQ(log_.count(kRegistrationFailedLine), 1);
+    EXPECT_EQ(fetchCompletions_.size(), 1u);
+    EXPECT_EQ(actionCompletions_, lacking ? 1 : 2) << "the response info's waits for the reply";
     answerAll();
     EXPECT_EQ(log_.count("QuorviaSDK: Calling completionHandler for " + std::string(kResponseInfo)),
               1);
@@ -265,9 +247,16 @@ TEST_F(InterceptionTest, StartUpInterceptsItsDelegateOnceAndNothingCompletesTwic
       if (host.arguments.fetchCompletionHandler) host.arguments.fetchCompletionHandler(2);
     }
     EXPECT_EQ(fetchCompletions_,
-              std::vector<int>{implemented.empty() ? platform::UIBackgroundFetchResultNewData : 1})
+              std::vector<int>{lacking ? platform::UIBackgroundFetchResultNewData : 1})
         << "the host's own result, if it has one";
     EXPECT_EQ(actionCompletions_, 2) << "the two action callbacks' completions, once each";
+    EXPECT_EQ(presentations_ - presentedBefore, 2);
+    if (lacking) {  // The notification itself opened: the poll expanded, no reply, completed.
+      EXPECT_TRUE(deliver(kResponseInfo, argumentsFor(kResponseInfo, kDefaultAction)));
+      EXPECT_EQ(expansions_, 1);
+      EXPECT_EQ(transport_->requestCount() - requestsBefore, 5u);
+      EXPECT_EQ(actionCompletions_, 3);
+    }
   }
 
   // Only the delegate at start-up is intercepted, not one set later.
