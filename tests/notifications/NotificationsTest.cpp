@@ -257,8 +257,8 @@ class NotificationsTest : public PlatformTest {
     return calls.size() >= n ? calls[n - 1] : NotifyCall{};
   }
   /// A host delegate that implements `selectors` by counting calls, with the SDK started.
-  void startSDKWithHost(std::vector<std::string_view> selectors) {
-    auto cls = platform::Class::create("Host");
+  void startSDKWithHost(const std::string& name, std::vector<std::string_view> selectors) {
+    auto cls = platform::Class::create(name);
     for (auto selector : selectors) {
       platform::class_addMethod(
           cls.get(), selector,
@@ -386,10 +386,25 @@ TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
   }
 }
 
-// Whatever the push carries, the bus gets valid UTF-8 of bounded size, and a
-// button whose identifier could not come back intact is left out. Only the
-// newest 64 bubbles keep answering; an older one is closed on the desktop.
-TEST_F(NotificationsTest, OutgoingTextAndLiveBubblesAreBounded) {
+// Without a session bus, or without a notification service on it, one line
+// says so, however often asked. Whatever the push carries, the bus gets valid
+// UTF-8 of bounded size, and a button whose identifier could not come back
+// intact is left out. Only the newest 64 bubbles keep answering; an older one
+// is closed on the desktop.
+TEST_F(NotificationsTest, LinesTextsAndLiveBubblesAreBounded) {
+  const std::string nowhere = "unix:path=" + (dataDir_ / "no-bus").string();
+  for (const std::string& address : {nowhere, bus_->address}) {
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    log_.clear();
+    start(/*withService=*/false);
+    for (int i = 0; i < 3; ++i) presenter_->present({"quorvia", "Nobody", {}, Value::object()});
+    ASSERT_TRUE(waitFor([&] { return !log_.lines().empty(); }));
+    presenter_->present({"quorvia", "Nobody", {}, Value::object()});
+    env_->setNotificationPresenter(nullptr);
+    presenter_.reset();  // joins its thread
+    ASSERT_EQ(log_.lines().size(), 1u) << address;
+    EXPECT_TRUE(log_.lines()[0].ends_with("; desktop notifications are off"));
+  }
   start();
   std::string body(1 << 20, 'x');
   body[10] = '\0';
@@ -414,59 +429,19 @@ TEST_F(NotificationsTest, OutgoingTextAndLiveBubblesAreBounded) {
   EXPECT_EQ(service_->calls().size(), 65u);
 }
 
-// Without a session bus, or without a notification service on it, the
-// presenter says so in one line and shows nothing, however often asked.
-TEST_F(NotificationsTest, WithoutServiceOneLogLine) {
-  const std::string nowhere = "unix:path=" + (dataDir_ / "no-bus").string();
-  for (const std::string& address : {nowhere, bus_->address}) {
-    SCOPED_TRACE(address);
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
-    log_.clear();
-    start(/*withService=*/false);
-    presenter_->present({"quorvia", "First", {}, Value::object()});
-    presenter_->present({"quorvia", "Second", {}, Value::object()});
-    ASSERT_TRUE(waitFor([&] { return !log_.lines().empty(); }));
-    presenter_->present({"quorvia", "Third", {}, Value::object()});
-    env_->setNotificationPresenter(nullptr);
-    presenter_.reset();
-    const auto lines = log_.lines();
-    ASSERT_EQ(lines.size(), 1u) << ::testing::PrintToString(lines);
-    EXPECT_TRUE(lines[0].starts_with("QuorviaSDK: "));
-    EXPECT_TRUE(lines[0].ends_with("; desktop notifications are off"));
-  }
-}
-
-// With the SDK intercepting a host that lacks the action callback: "Yes"
-// pressed on the bubble posts one reply "Yes", and the reply completes the
-// platform's call, once.
-TEST_F(NotificationsTest, PressedButtonPostsOneReply) {
-  start();
-  startSDKWithHost({});
-  platform::deliverRemoteNotification(pollPush("Coffee?", "Yes.No"));
-  service_->emit("ActionInvoked", g_variant_new("(us)", waitForNotify(1).id, "Yes"));
-  const std::string completed = "QuorviaSDK: Calling completionHandler for " +
-                                std::string(platform::kHandleActionWithResponseInfoSelector);
-  ASSERT_TRUE(waitFor([&] { return log_.count(completed) > 0; })) << "the reply completed";
-  std::vector<std::string> replies;
-  for (const auto& request : server_.requests())
-    if (request.method == "POST" && request.target == "/polls/7/replies/")
-      replies.push_back(request.body);
-  EXPECT_EQ(replies, std::vector<std::string>{"reply_text=Yes"});
-  advance(31);
-  EXPECT_EQ(log_.count(completed), 1);
-  for (const auto& line : log_.lines())
-    EXPECT_FALSE(line.starts_with("QuorviaSDK: a notification"));
-}
-
 // The bubble clicked: the SDK opens the banner expanded; a host with its own
 // action callback is not called, so nobody completes the platform's call and
-// the platform says so after its 30 s.
-TEST_F(NotificationsTest, ClickedBubbleOpensTheBannerExpanded) {
+// the platform says so after its 30 s. Then a host that lacks the callback is
+// intercepted: "Yes" pressed on a bubble posts one reply "Yes", and the reply
+// completes the platform's call, once.
+TEST_F(NotificationsTest, AnswersFromTheBubbleReachTheSDK) {
   const std::string notCalled =
       "QuorviaSDK: a notification action's completion handler was not called within 30 seconds";
+  const std::string completed = "QuorviaSDK: Calling completionHandler for " +
+                                std::string(platform::kHandleActionWithResponseInfoSelector);
   start();
-  startSDKWithHost({platform::kHandleActionWithResponseInfoSelector});
-  // Shown as a bubble only, as for a push that arrived while the app was away.
+  startSDKWithHost("Host", {platform::kHandleActionWithResponseInfoSelector});
+  // Shown as bubbles only, as for pushes that arrived while the app was away.
   platform::presentRemoteNotification(pollPush("Coffee?", "Yes.No"));
   service_->emit("ActionInvoked", g_variant_new("(us)", waitForNotify(1).id, "default"));
   auto& banner = *sdk::SDKState::shared().banner;
@@ -477,6 +452,21 @@ TEST_F(NotificationsTest, ClickedBubbleOpensTheBannerExpanded) {
   EXPECT_EQ(log_.count(notCalled), 0);
   advance(0.2);
   EXPECT_EQ(log_.count(notCalled), 1);
+
+  startSDKWithHost("BareHost", {});
+  log_.clear();
+  platform::presentRemoteNotification(pollPush("Tea?", "Yes.No"));
+  service_->emit("ActionInvoked", g_variant_new("(us)", waitForNotify(2).id, "Yes"));
+  ASSERT_TRUE(waitFor([&] { return log_.count(completed) > 0; })) << "the reply completed";
+  std::vector<std::string> replies;
+  for (const auto& request : server_.requests())
+    if (request.method == "POST" && request.target == "/polls/7/replies/")
+      replies.push_back(request.body);
+  EXPECT_EQ(replies, std::vector<std::string>{"reply_text=Yes"});
+  advance(31);
+  EXPECT_EQ(log_.count(completed), 1);
+  for (const auto& line : log_.lines())
+    EXPECT_FALSE(line.starts_with("QuorviaSDK: a notification"));
 }
 
 }  // namespace
