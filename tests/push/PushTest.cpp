@@ -5,22 +5,17 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <array>
 #include <fstream>
 #include <numeric>
 
 #include "platform/push/DeviceTokenFile.h"
 #include "platform/push/RemoteNotifications.h"
-#include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/ApplicationDelegate.h"
 #include "quorvia/platform/PushService.h"
 #include "quorvia/platform/Runtime.h"
-#include "sdk/SDKState.h"
-#include "support/FakeTransport.h"
 #include "support/MosquittoBroker.h"
 #include "support/PlatformTest.h"
-#include "ui/QVNotificationView.h"
 
 namespace quorvia::testing {
 namespace {
@@ -242,9 +237,9 @@ TEST_F(PushTest, OnlyJsonObjectsWithinTheLimitArrive) {
   EXPECT_EQ(lines, 8);
 }
 
-// A payload reaches the delegate through the fetch form when the delegate has
-// it, else the plain form. The fetch completion counts once; one never called
-// is logged when the platform's 30 s for the push are over, not before.
+// The push service's token and payloads reach the delegate; a payload comes
+// through the fetch form when the delegate has it, else the plain form. The fetch completion counts
+// once; one never called is logged when the platform's 30 s for the push are over, not before.
 TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnce) {
   const std::string_view plain = platform::kDidReceiveRemoteNotificationSelector,
                          fetch = platform::kDidReceiveRemoteNotificationFetchSelector;
@@ -252,6 +247,20 @@ TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnc
     bool withFetch;
     int completions, notCalledLines, calledAgainLines;
   };
+  // Through the platform, from the broker.
+  ASSERT_TRUE(startBroker());
+  env_->setPushService(makeService());
+  installDelegate({platform::kDidRegisterForRemoteNotificationsSelector, plain});
+  platform::Application::sharedApplication().registerForRemoteNotifications();
+  ASSERT_TRUE(waitFor([&] { return calls_->size() == 1; }));
+  DeviceSubscriber publisher(port_);
+  ASSERT_TRUE(
+      publisher.publish(deviceTopic(*calls_->front().second.deviceToken), kPollPayload.dump()));
+  ASSERT_TRUE(waitFor([&] { return calls_->size() == 2; }));
+  EXPECT_EQ(calls_->back().first, plain);
+  EXPECT_EQ(calls_->back().second.userInfo, kPollPayload);
+  env_->setPushService(nullptr);
+
   for (const Case& c : {Case{false, 0, 0, 0}, {true, 0, 1, 0}, {true, 1, 0, 0}, {true, 3, 0, 2}}) {
     SCOPED_TRACE(::testing::Message() << c.withFetch << " " << c.completions);
     calls_->clear();
@@ -272,30 +281,6 @@ TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnc
     EXPECT_EQ(log_.count("QuorviaSDK: a push's fetch completion handler was called again; ignored"),
               c.calledAgainLines);
   }
-}
-
-// A host that lets the SDK intercept its delegate: the service's token reaches
-// the SDK, which registers it; a pushed poll shows the banner collapsed, and
-// the SDK completes the fetch for the host.
-TEST_F(PushTest, PushedPollShowsTheBannerThroughInterception) {
-  ASSERT_TRUE(startBroker());
-  auto transport = FakeTransport::install();
-  env_->setPushService(makeService());
-  installDelegate({});
-  QuorviaSDK::initWithAppToken("push-app", std::nullopt);
-  ASSERT_TRUE(waitFor([&] { return transport->requestCount() == 2; }));
-  const Bytes token = contents(appData() / platform::kDeviceTokenFileName);
-  EXPECT_EQ(transport->requestLines()[1], "POST /endpoints/");
-  EXPECT_TRUE(transport->bodyText(1).starts_with("push_token=" + platform::hexString(token)));
-
-  DeviceSubscriber publisher(port_);
-  ASSERT_TRUE(publisher.publish(deviceTopic(token), kPollPayload.dump()));
-  auto& banner = *sdk::SDKState::shared().banner;
-  ASSERT_TRUE(waitFor([&] { return banner.presentedPollView() != nullptr; }));
-  EXPECT_FALSE(banner.presentedPollView()->showOptions());
-  advance(31);
-  EXPECT_EQ(log_.count(kNotCalled), 0);
-  env_->setPushService(nullptr);
 }
 
 }  // namespace
