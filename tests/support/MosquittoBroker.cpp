@@ -13,8 +13,6 @@
 
 #include <fstream>
 
-#include "quorvia/platform/Value.h"
-
 extern char** environ;
 
 namespace quorvia::testing {
@@ -92,10 +90,6 @@ void MosquittoBroker::stop() {
   }
 }
 
-std::string deviceTopic(const std::vector<std::uint8_t>& token) {
-  return "quorvia/devices/" + platform::hexString(token);
-}
-
 DeviceSubscriber::DeviceSubscriber(int port) {
   mosquitto_lib_init();
   client_ = mosquitto_new(nullptr, true, this);
@@ -103,25 +97,24 @@ DeviceSubscriber::DeviceSubscriber(int port) {
   mosquitto_connect_callback_set(client_, [](mosquitto* mosq, void*, int rc) {
     if (rc == 0) mosquitto_subscribe(mosq, nullptr, "quorvia/devices/#", 1);
   });
-  mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
+  // Runs `change` under the lock, then wakes the waiters.
+  static constexpr auto update = [](void* self, auto change) {
     auto* subscriber = static_cast<DeviceSubscriber*>(self);
     std::lock_guard lock(subscriber->mu_);
-    subscriber->subscribed_ = true;
+    change(*subscriber);
     subscriber->changed_.notify_all();
+  };
+  mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
+    update(self, [](DeviceSubscriber& s) { s.subscribed_ = true; });
   });
   mosquitto_message_callback_set(client_, [](mosquitto*, void* self, const mosquitto_message* m) {
-    auto* subscriber = static_cast<DeviceSubscriber*>(self);
-    std::lock_guard lock(subscriber->mu_);
-    subscriber->deliveries_.push_back(
-        {m->topic, std::string(static_cast<const char*>(m->payload),
-                               static_cast<std::size_t>(m->payloadlen))});
-    subscriber->changed_.notify_all();
+    update(self, [m](DeviceSubscriber& s) {
+      s.deliveries_.push_back({m->topic, std::string(static_cast<const char*>(m->payload),
+                                                     static_cast<std::size_t>(m->payloadlen))});
+    });
   });
   mosquitto_publish_callback_set(client_, [](mosquitto*, void* self, int) {
-    auto* subscriber = static_cast<DeviceSubscriber*>(self);
-    std::lock_guard lock(subscriber->mu_);
-    ++subscriber->acks_;
-    subscriber->changed_.notify_all();
+    update(self, [](DeviceSubscriber& s) { ++s.acks_; });
   });
   mosquitto_reconnect_delay_set(client_, 1, 1, false);
   // A refused first attempt is retried by the loop thread after the reconnect delay.

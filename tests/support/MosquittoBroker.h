@@ -10,8 +10,9 @@
 #include <filesystem>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "quorvia/platform/Value.h"
 
 struct mosquitto;
 
@@ -73,6 +74,8 @@ class DeviceSubscriber final {
 };
 
 /// The device topic of `token`.
-std::string deviceTopic(const std::vector<std::uint8_t>& token);
+inline std::string deviceTopic(const std::vector<std::uint8_t>& token) {
+  return "quorvia/devices/" + platform::hexString(token);
+}
 
 }  // namespace quorvia::testing
