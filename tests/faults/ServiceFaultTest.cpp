@@ -66,7 +66,6 @@ struct FaultCase {
   std::string name;
   std::function<void()> call = [] { QuorviaSDK::setDeviceToken(platform::Bytes{0xc0, 0xff}); };
   Behaviour server = Behaviour::kAnswer;
-  Reply reply = {200, "application/json", "{\"access_token\":\"new\"}"};
   /// The log line (its beginning) that tells the outcome.
   std::string outcome = "QuorviaSDK: Successfully registered device push token.";
   /// Breaks the store, closed first, before the call; `heal` undoes it afterwards.
@@ -137,7 +136,7 @@ const FaultCase kCases[] = {
 TEST_P(ServiceFaultTest, OutcomeIsPromisedAndTokenSurvives) {
   const FaultCase& c = GetParam();
   LoopbackServer server(c.server);
-  server.setReply(c.reply);
+  server.setReply({200, "application/json", "{\"access_token\":\"new\"}"});
   ASSERT_EQ(::setenv("QUORVIA_SERVICE_BASE_URL", server.baseURL().c_str(), 1), 0);
 
   ASSERT_TRUE(LKKeychain::setPassword("old", "polls", "user_token"));
