@@ -107,11 +107,7 @@ class InterceptionTest : public PlatformTest {
     }
     return delivered;
   }
-  std::size_t requestsTo(const std::string& part) const {
-    std::size_t n = 0;
-    for (const auto& line : transport_->requestLines()) n += line.find(part) != std::string::npos;
-    return n;
-  }
+
   /// Answers every pending request, then runs the main queue.
   void answerAll() {
     for (; answered_ < transport_->requestCount(); ++answered_)

@@ -293,7 +293,6 @@ TEST_F(NotificationsTest, BubbleOfAnInactiveAppWithTheButtonsOfThePushsCategory)
   };
   const Case cases[] = {
       {"Yes or no?", "Yes.No", false, true, 7, {"Yes", "Yes", "No", "No", "default", "Open"}},
-      {"No or yes?", "No.Yes", false, true, 7, {"No", "No", "Yes", "Yes", "default", "Open"}},
       {"Unknown category", "Unknown.Category"},
       {"No category", std::nullopt},
       {"Unregistered", "Yes.No", false, false},
@@ -324,9 +323,7 @@ TEST_F(NotificationsTest, BubbleOfAnInactiveAppWithTheButtonsOfThePushsCategory)
 }
 
 // What the bus sends back is trusted only from the service's owner, for a
-// notification of this app, with one of its actions, once. Each case ends
-// with a genuine press on a second bubble, so everything before it has been
-// handled when that press arrives.
+// notification of this app, with one of its actions, once.
 TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
   struct Signal {
     std::string key;
@@ -357,32 +354,32 @@ TEST_F(NotificationsTest, OnlyTheServiceAnswersForItsBubblesOnce) {
   presenter_->setActionHandler(
       [seen](std::string identifier, Value payload) { seen->emplace_back(identifier, payload); });
   const std::vector<NotificationPresenter::Button> buttons = {{"Yes", "Yes"}, {"No", "No"}};
-  std::size_t n = 0;
-  for (std::size_t i = 0; i < std::size(cases); ++i) {
-    SCOPED_TRACE(cases[i].name);
-    seen->clear();
+  for (std::size_t i = 0; i <= std::size(cases); ++i)
     presenter_->present({"quorvia", "Bubble", buttons, Value{{"bubble", i}}});
-    const NotifyCall bubble = waitForNotify(++n);
-    presenter_->present({"quorvia", "Sentinel", buttons, Value{{"sentinel", i}}});
-    const NotifyCall sentinel = waitForNotify(++n);
+  waitForNotify(std::size(cases) + 1);
+  const std::vector<NotifyCall> bubbles = service_->calls();
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
     for (const Signal& signal : cases[i].signals) {
-      const std::uint32_t id = bubble.id + signal.idOffset;
+      const std::uint32_t id = bubbles[i].id + signal.idOffset;
       GVariant* parameters = signal.type == "(uu)" ? g_variant_new("(uu)", id, 2u)
                              : signal.type == "(ss)"
                                  ? g_variant_new("(ss)", std::to_string(id).c_str(), "Yes")
                                  : g_variant_new("(us)", id, signal.key.c_str());
       (signal.from == 0 ? *service_ : impostor)
           .emit(signal.type == "(uu)" ? "NotificationClosed" : "ActionInvoked", parameters,
-                signal.from == 1 ? bubble.sender.c_str() : nullptr);
+                signal.from == 1 ? bubbles[i].sender.c_str() : nullptr);
     }
-    service_->emit("ActionInvoked", g_variant_new("(us)", sentinel.id, "No"));
-    ASSERT_TRUE(waitFor([&] {
-      return !seen->empty() && seen->back().second == Value{{"sentinel", i}};
-    }));
+  }
+  // A genuine press on the last bubble comes after everything before it.
+  service_->emit("ActionInvoked", g_variant_new("(us)", bubbles.back().id, "No"));
+  ASSERT_TRUE(waitFor([&] {
+    return !seen->empty() && seen->back().second == Value{{"bubble", std::size(cases)}};
+  }));
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
     std::vector<std::string> delivered;
     for (const auto& [identifier, payload] : *seen)
       if (payload == Value{{"bubble", i}}) delivered.push_back(identifier);
-    EXPECT_EQ(delivered, cases[i].delivered);
+    EXPECT_EQ(delivered, cases[i].delivered) << cases[i].name;
   }
 }
 
