@@ -72,7 +72,6 @@ struct FaultCase {
   std::function<void()> damage = {}, heal = {};
   /// What the failing store logged after "keychain store <file>"; it is left as it was.
   std::optional<std::string> storeLine = {};
-  /// Seconds a request may take.
   double timeout = 10.0;
 };
 

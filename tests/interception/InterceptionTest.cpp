@@ -108,7 +108,6 @@ class InterceptionTest : public PlatformTest {
     return delivered;
   }
 
-  /// Answers every pending request, then runs the main queue.
   void answerAll() {
     for (; answered_ < transport_->requestCount(); ++answered_)
       transport_->respond(answered_, 200, "{}");

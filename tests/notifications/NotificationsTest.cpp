@@ -249,7 +249,6 @@ class NotificationsTest : public PlatformTest {
   bool waitFor(const std::function<bool()>& done) {
     return loop_->runUntil(done, std::chrono::seconds(20));
   }
-  /// Waits for the `n`th Notify call and returns it.
   NotifyCall waitForNotify(std::size_t n) {
     EXPECT_TRUE(waitFor([&] { return service_->calls().size() >= n; }))
         << "no Notify " << n << "; log: " << ::testing::PrintToString(log_.lines());
