@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <thread>
 
@@ -59,16 +60,11 @@ struct PrivateBus {
       return;
     }
     // The daemon prints its address, one line, once it listens.
-    std::string line;
-    char buffer[512];
-    for (pollfd readable{out, POLLIN, 0};
-         line.find('\n') == std::string::npos && ::poll(&readable, 1, 10'000) == 1;) {
-      const ssize_t n = ::read(out, buffer, sizeof buffer);
-      if (n <= 0) break;
-      line.append(buffer, static_cast<std::size_t>(n));
-    }
+    char line[512] = {};
+    pollfd readable{out, POLLIN, 0};
+    if (::poll(&readable, 1, 10'000) == 1 && ::read(out, line, sizeof line - 1) > 0)
+      address = std::string(line, std::strcspn(line, "\n"));
     ::close(out);
-    if (const auto end = line.find('\n'); end != std::string::npos) address = line.substr(0, end);
   }
   ~PrivateBus() {
     if (pid <= 0) return;

@@ -24,9 +24,7 @@ constexpr auto kBound = std::chrono::seconds(10);
 
 int MosquittoBroker::freePort() {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
   int port = 0;
   if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
@@ -55,14 +53,11 @@ bool MosquittoBroker::start(int port, std::string* error) {
   const int ready = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::filesystem::remove(socketPath);
   ::bind(ready, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  std::vector<std::string> variables = {"NOTIFY_SOCKET=" + socketPath};
-  for (char** variable = environ; *variable; ++variable) variables.emplace_back(*variable);
-  std::vector<char*> envp;
-  for (auto& variable : variables) envp.push_back(variable.data());
-  envp.push_back(nullptr);
-  std::string program = "/usr/sbin/mosquitto", flag = "-c";
-  char* argv[] = {program.data(), flag.data(), config.data(), nullptr};
-  if (::posix_spawn(&pid_, program.c_str(), nullptr, nullptr, argv, envp.data()) != 0) pid_ = -1;
+  // env execs the broker in its place: the process id is the broker's.
+  std::string env = "/usr/bin/env", notify = "NOTIFY_SOCKET=" + socketPath,
+              program = "/usr/sbin/mosquitto", flag = "-c";
+  char* argv[] = {env.data(), notify.data(), program.data(), flag.data(), config.data(), nullptr};
+  if (::posix_spawn(&pid_, env.c_str(), nullptr, nullptr, argv, environ) != 0) pid_ = -1;
   char message[256] = {};
   pollfd readable{ready, POLLIN, 0};
   const bool up = pid_ > 0 && ::poll(&readable, 1, 10'000) == 1 &&
