@@ -11,6 +11,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <sstream>
 
 #include "keychain/LKKeychain.h"
 #include "platform/Device.h"
@@ -56,8 +57,7 @@ void limitFileSize(rlim_t bytes) {
 }
 
 std::string readFile(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
+  return (std::ostringstream() << std::ifstream(path, std::ios::binary).rdbuf()).str();
 }
 
 fs::path keychainFile() { return platform::dataDirectory() / platform::kKeychainStoreFileName; }
@@ -82,9 +82,8 @@ class ServiceFaultTest : public PlatformTest, public ::testing::WithParamInterfa
     env_->setKeychainStore(platform::makeSQLiteKeychainStore(platform::dataDirectory()));
   }
   bool logged(const std::string& beginning) const {
-    for (const auto& line : log_.lines())
-      if (line.starts_with(beginning)) return true;
-    return false;
+    return std::ranges::any_of(log_.lines(),
+                               [&](const auto& l) { return l.starts_with(beginning); });
   }
   void SetUp() override {
     PlatformTest::SetUp();

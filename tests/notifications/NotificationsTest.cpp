@@ -76,7 +76,6 @@ struct PrivateBus {
   std::string address;
 };
 
-/// One Notify call as the service received it.
 struct NotifyCall {
   std::uint32_t id = 0;
   std::string sender;  // the caller's unique bus name

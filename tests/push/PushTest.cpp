@@ -25,15 +25,9 @@ using platform::MessageArguments;
 using platform::Value;
 
 Bytes contents(const std::filesystem::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
+  return Bytes(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 Value numbered(int n) { return Value{{"aps", {{"alert", "Poll " + std::to_string(n)}}}, {"n", n}}; }
-
-const Value kPollPayload = {
-    {"aps", {{"alert", "Coffee or tea?"}, {"category", "A.B"}}},
-    {"poll",
-     {{"id", 7}, {"question", "Coffee or tea?"}, {"options", {{{"text", "A"}}, {{"text", "B"}}}}}}};
 
 constexpr const char* kNotCalled =
     "QuorviaSDK: a push's fetch completion handler was not called within 30 seconds";
@@ -52,16 +46,8 @@ struct Seen {
 
 class PushTest : public PlatformTest {
  protected:
-  void SetUp() override {
-    PlatformTest::SetUp();
-    broker_ = std::make_unique<MosquittoBroker>(dataDir_ / "broker");
-  }
-  void TearDown() override {
-    broker_.reset();
-    PlatformTest::TearDown();
-  }
-
   [[nodiscard]] bool startBroker() {
+    if (!broker_) broker_.emplace(dataDir_ / "broker");
     std::string error;
     const bool started = broker_->start(port_, &error);
     if (!started) ADD_FAILURE() << error;
@@ -101,7 +87,7 @@ class PushTest : public PlatformTest {
 
   std::shared_ptr<std::vector<std::pair<std::string, MessageArguments>>> calls_ =
       std::make_shared<std::vector<std::pair<std::string, MessageArguments>>>();
-  std::unique_ptr<MosquittoBroker> broker_;
+  std::optional<MosquittoBroker> broker_;
   int port_ = MosquittoBroker::freePort();
 };
 
@@ -249,10 +235,10 @@ TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnc
   ASSERT_TRUE(waitFor([&] { return calls_->size() == 1; }));
   DeviceSubscriber publisher(port_);
   ASSERT_TRUE(
-      publisher.publish(deviceTopic(*calls_->front().second.deviceToken), kPollPayload.dump()));
+      publisher.publish(deviceTopic(*calls_->front().second.deviceToken), numbered(1).dump()));
   ASSERT_TRUE(waitFor([&] { return calls_->size() == 2; }));
   EXPECT_EQ(calls_->back().first, plain);
-  EXPECT_EQ(calls_->back().second.userInfo, kPollPayload);
+  EXPECT_EQ(calls_->back().second.userInfo, numbered(1));
   env_->setPushService(nullptr);
 
   for (const Case& c : {Case{false, 0, 0, 0}, {true, 0, 1, 0}, {true, 1, 0, 0}, {true, 3, 0, 2}}) {
@@ -260,11 +246,11 @@ TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnc
     calls_->clear();
     log_.clear();
     installDelegate(c.withFetch ? std::vector{plain, fetch} : std::vector{plain});
-    platform::deliverRemoteNotification(kPollPayload);
+    platform::deliverRemoteNotification(numbered(1));
     ASSERT_EQ(calls_->size(), 1u) << "one payload, one form";
     const auto& [selector, arguments] = calls_->front();
     EXPECT_EQ(selector, c.withFetch ? fetch : plain);
-    EXPECT_EQ(arguments.userInfo, kPollPayload);
+    EXPECT_EQ(arguments.userInfo, numbered(1));
     EXPECT_EQ(arguments.application, &platform::Application::sharedApplication());
     EXPECT_EQ(static_cast<bool>(arguments.fetchCompletionHandler), c.withFetch);
     for (int i = 0; i < c.completions; ++i) arguments.fetchCompletionHandler(0);

@@ -16,11 +16,8 @@
 extern char** environ;
 
 namespace quorvia::testing {
-namespace {
 
 constexpr auto kBound = std::chrono::seconds(10);
-
-}  // namespace
 
 int MosquittoBroker::freePort() {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

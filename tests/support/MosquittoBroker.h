@@ -57,7 +57,6 @@ class DeviceSubscriber final {
   DeviceSubscriber(const DeviceSubscriber&) = delete;
   DeviceSubscriber& operator=(const DeviceSubscriber&) = delete;
 
-  /// Whether the subscription is in place.
   bool ready();
   /// Waits until at least `count` messages arrived or `bound` passed; returns them all.
   std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds bound);

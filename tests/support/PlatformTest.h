@@ -36,7 +36,6 @@ class LogCapture {
     std::lock_guard lock(mu_);
     return lines_;
   }
-  /// Lines equal to `line`.
   int count(const std::string& line) const {
     std::lock_guard lock(mu_);
     return static_cast<int>(std::count(lines_.begin(), lines_.end(), line));
@@ -88,7 +87,6 @@ class PlatformTest : public ::testing::Test {
   void advance(double secondsToAdvance) { loop_->advance(platform::seconds(secondsToAdvance)); }
   /// Runs what is due now without moving the clock.
   void drain() { loop_->drainOnce(); }
-  /// Moves the fake wall clock.
   void advanceWallClock(double secondsToAdvance) {
     std::lock_guard lock(*wallMu_);
     wallNow_ += std::chrono::duration_cast<platform::SystemTime::duration>(
