@@ -135,30 +135,24 @@ TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments
     std::string identifier = "Yes";
     bool withPoll = true, expanded = false;
   };
-  const std::string reply = "POST /polls/7/replies/ reply_text=";
-  const std::string noToken = "QuorviaSDK: Missing user access token!";
+  const std::string reply = "POST /polls/7/replies/ reply_text=",
+                    shown = "QuorviaSDK: Presenting poll: Q?",
+                    noToken = "QuorviaSDK: Missing user access token!";
   const Case cases[] = {
       {"token",
        kToken,
        {"POST /endpoints/ push_token=0001abff10&app_token=app-token&platform=ios"},
        {kTokenLine}},
       {"failure", kFail, {}, {kRegistrationFailedLine}},
-      {"poll", kReceive, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
+      {"poll", kReceive, {}, {shown}, 1},
       {"no poll", kReceive, {}, {}, 0, "", false},
-      {"poll, fetch", kFetch, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
+      {"poll, fetch", kFetch, {}, {shown}, 1},
       {"action", kAction, {reply + "Yes"}, {noToken}},
       {"response info", kResponseInfo, {reply + "Yes"}, {noToken}},
       // Only the response-info callback treats the default action apart.
       {"default action", kAction, {reply + kDefaultAction}, {noToken}, 0, kDefaultAction},
       // Deliberately, there it skips the host, and nobody completes it.
-      {"default action, response info",
-       kResponseInfo,
-       {},
-       {"QuorviaSDK: Presenting poll: Q?"},
-       1,
-       kDefaultAction,
-       true,
-       true},
+      {"default action, response info", kResponseInfo, {}, {shown}, 1, kDefaultAction, true, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
