@@ -32,11 +32,10 @@ const Selectors kAll = {kToken, kFail, kReceive, kFetch, kAction, kResponseInfo}
 
 /// One call that reached the host's own code, with what the library had done by then.
 struct HostCall {
-  std::string owner;
   std::string selector;
   platform::MessageArguments arguments;
   std::size_t requestsBefore = 0;
-  int presentationsBefore = 0;
+  bool bannerShown = false;
 };
 
 class InterceptionTest : public PlatformTest {
@@ -46,19 +45,19 @@ class InterceptionTest : public PlatformTest {
     transport_ = FakeTransport::install();
   }
 
-  /// A delegate class `name` implementing `implemented` itself; its methods
-  /// record the call and, when `completes`, complete at once.
-  std::shared_ptr<platform::Class> makeDelegateClass(
-      const std::string& name, const Selectors& implemented,
-      std::shared_ptr<platform::Class> superclass = nullptr, bool completes = false) {
+  /// A delegate class implementing `implemented` itself; its methods record
+  /// the call and, when `completes`, complete at once.
+  std::shared_ptr<platform::Class> hostClass(const std::string& name, const Selectors& implemented,
+                                             std::shared_ptr<platform::Class> superclass = nullptr,
+                                             bool completes = false) {
     auto cls = platform::Class::create(name, std::move(superclass));
     for (std::string_view selector : implemented) {
       platform::class_addMethod(
           cls.get(), selector,
-          [this, name, selector = std::string(selector), completes](
-              platform::Object&, const platform::MessageArguments& a) {
-            hostCalls_.push_back(
-                {name, selector, a, transport_->requestCount(), presentationsSoFar()});
+          [this, selector = std::string(selector), completes](platform::Object&,
+                                                              const platform::MessageArguments& a) {
+            hostCalls_.push_back({selector, a, transport_->requestCount(),
+                                  sdk::SDKState::shared().banner->presentedPollView() != nullptr});
             if (completes && a.fetchCompletionHandler) a.fetchCompletionHandler(1);
             if (completes && a.completionHandler) a.completionHandler();
           },
@@ -66,17 +65,14 @@ class InterceptionTest : public PlatformTest {
     }
     return cls;
   }
-  void installDelegate(std::shared_ptr<platform::Class> cls) {
+  void install(std::shared_ptr<platform::Class> cls) {
     platform::Application::sharedApplication().setDelegate(
         std::make_shared<platform::Object>(std::move(cls)));
   }
-  void startWithHost(const Selectors& implemented, bool swizzling = true) {
-    installDelegate(makeDelegateClass("HostAppDelegate", implemented));
-    QuorviaSDK::initWithAppToken("app-token", std::nullopt, swizzling);
-  }
 
   /// What the platform passes with `selector`; completions count into the fixture.
-  platform::MessageArguments argumentsFor(std::string_view selector) {
+  platform::MessageArguments argumentsFor(std::string_view selector,
+                                          const std::string& identifier = "Yes") {
     platform::MessageArguments a;
     a.application = &platform::Application::sharedApplication();
     if (selector == kToken) {
@@ -84,12 +80,12 @@ class InterceptionTest : public PlatformTest {
     } else if (selector == kFail) {
       a.error = platform::Error{"NSCocoaErrorDomain", 3010, Value::object()};
     } else {
-      a.userInfo = pollPayload_;
+      a.userInfo = Value::parse(R"({"aps":{"alert":"Q?"},"poll":{"id":7,"question":"Q?"}})");
     }
     if (selector == kFetch)
       a.fetchCompletionHandler = [this](int result) { fetchCompletions_.push_back(result); };
     if (selector == kAction || selector == kResponseInfo) {
-      a.identifier = "Yes";
+      a.identifier = identifier;
       a.completionHandler = [this] { ++actionCompletions_; };
     }
     if (selector == kResponseInfo)
@@ -99,41 +95,26 @@ class InterceptionTest : public PlatformTest {
 
   /// Delivers a callback as the platform does. A banner it showed is counted
   /// and slid out again, so that the next delivery may show one too.
-  bool deliver(std::string_view selector,
-               std::optional<platform::MessageArguments> given = std::nullopt) {
+  bool deliver(std::string_view selector, std::optional<platform::MessageArguments> given = {}) {
     const bool delivered =
         platform::deliverToApplicationDelegate(selector, given ? *given : argumentsFor(selector));
-    sdk::SDKState& state = sdk::SDKState::shared();
-    if (auto view = state.banner->presentedPollView()) {
+    auto& banner = *sdk::SDKState::shared().banner;
+    if (auto view = banner.presentedPollView()) {
       ++presentations_;
       expansions_ += view->showOptions() ? 1 : 0;
-      state.banner->hideNotificationView(view);
+      banner.hideNotificationView(view);
       advance(0.3);
     }
     return delivered;
   }
-  int presentationsSoFar() const {
-    return presentations_ + (sdk::SDKState::shared().banner->presentedPollView() ? 1 : 0);
-  }
-  std::size_t requestsTo(const std::string& part) const {
-    std::size_t n = 0;
-    for (const auto& line : transport_->requestLines()) n += line.find(part) != std::string::npos;
-    return n;
-  }
-  /// Answers every pending request, then runs the main queue.
+
   void answerAll() {
     for (; answered_ < transport_->requestCount(); ++answered_)
       transport_->respond(answered_, 200, "{}");
     drain();
   }
-  static Value addedFor(const Selectors& selectors) {
-    Value added = Value::object();
-    for (auto selector : selectors) added[std::string(selector)] = true;
-    return added;
-  }
-  static const Value& added() { return sdk::SDKState::shared().interception.addedMethods(); }
+  static Value added() { return sdk::SDKState::shared().interception.addedMethods(); }
 
-  Value pollPayload_ = Value::parse(R"({"aps":{"alert":"Q?"},"poll":{"id":7,"question":"Q?"}})");
   std::shared_ptr<FakeTransport> transport_;
   std::vector<HostCall> hostCalls_;
   std::vector<int> fetchCompletions_;
@@ -143,270 +124,142 @@ class InterceptionTest : public PlatformTest {
   int expansions_ = 0;
 };
 
-// Only the class's own implementation counts: a callback it inherits is
-// added too, and the superclass's implementation never runs.
-TEST_F(InterceptionTest, CallbacksTheClassLacksAreAddedAndRunOnlyTheLibrarysWork) {
-  auto base = makeDelegateClass("HostBaseDelegate", {kToken, kFetch});
-  auto cls = makeDelegateClass("HostAppDelegate", {kFail}, base);
-  installDelegate(cls);
-  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
-  EXPECT_EQ(added(), addedFor({kToken, kReceive, kFetch, kAction, kResponseInfo}));
-  EXPECT_EQ(platform::class_copyMethodList(base.get()),
-            (std::vector<std::string>{std::string(kFetch), std::string(kToken)}));
-
-  for (auto selector : kAll) EXPECT_TRUE(deliver(selector)) << selector;
-  ASSERT_EQ(hostCalls_.size(), 1u);
-  EXPECT_EQ(hostCalls_[0].owner, "HostAppDelegate");
-  EXPECT_EQ(hostCalls_[0].selector, kFail);
-  EXPECT_EQ(requestsTo("/endpoints/"), 1u);
-  EXPECT_EQ(requestsTo("/replies/"), 2u);
-  EXPECT_EQ(presentations_, 2);
-  EXPECT_EQ(log_.count(kTokenLine), 1);
-  EXPECT_EQ(log_.count(kRegistrationFailedLine), 1);
-  EXPECT_EQ(fetchCompletions_, std::vector<int>{platform::UIBackgroundFetchResultNewData});
-  EXPECT_EQ(actionCompletions_, 1) << "the response-info completion waits for the reply";
-  answerAll();
-  EXPECT_EQ(actionCompletions_, 2);
-}
-
 TEST_F(InterceptionTest, LibraryWorkHappensBeforeTheHostRunsWithTheSameArguments) {
-  startWithHost(kAll);
+  install(hostClass("HostAppDelegate", kAll));
+  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
   struct Case {
     const char* name;
     std::string_view selector;
-    std::optional<Value> payload;  // replaces the poll payload where one is passed
     std::vector<std::string> requests, lines;
-    int presented;
-    bool debug = true;
+    int presented = 0;
+    std::string identifier = "Yes";
+    bool withPoll = true, expanded = false;
   };
-  const Value noPoll = {{"aps", {{"alert", "hello"}}}};
-  const std::vector<Case> cases = {
+  const std::string reply = "POST /polls/7/replies/ reply_text=",
+                    shown = "QuorviaSDK: Presenting poll: Q?",
+                    noToken = "QuorviaSDK: Missing user access token!";
+  const Case cases[] = {
       {"token",
        kToken,
-       {},
        {"POST /endpoints/ push_token=0001abff10&app_token=app-token&platform=ios"},
-       {kTokenLine},
-       0},
-      {"failure", kFail, {}, {}, {kRegistrationFailedLine}, 0},
-      {"failure without debug", kFail, {}, {}, {}, 0, false},
-      {"poll", kReceive, {}, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
-      {"no poll", kReceive, noPoll, {}, {}, 0},
-      {"nil payload", kReceive, Value(nullptr), {}, {}, 0},
-      {"poll, fetch", kFetch, {}, {}, {"QuorviaSDK: Presenting poll: Q?"}, 1},
-      {"no poll, fetch", kFetch, noPoll, {}, {}, 0},
-      {"action",
-       kAction,
-       {},
-       {"POST /polls/7/replies/ reply_text=Yes"},
-       {"QuorviaSDK: Missing user access token!"},
-       0},
-      {"response info",
-       kResponseInfo,
-       {},
-       {"POST /polls/7/replies/ reply_text=Yes"},
-       {"QuorviaSDK: Missing user access token!"},
-       0},
+       {kTokenLine}},
+      {"failure", kFail, {}, {kRegistrationFailedLine}},
+      {"poll", kReceive, {}, {shown}, 1},
+      {"no poll", kReceive, {}, {}, 0, "", false},
+      {"poll, fetch", kFetch, {}, {shown}, 1},
+      {"action", kAction, {reply + "Yes"}, {noToken}},
+      {"response info", kResponseInfo, {reply + "Yes"}, {noToken}},
+      // Only the response-info callback treats the default action apart.
+      {"default action", kAction, {reply + kDefaultAction}, {noToken}, 0, kDefaultAction},
+      // Deliberately, there it skips the host, and nobody completes it.
+      {"default action, response info", kResponseInfo, {}, {shown}, 1, kDefaultAction, true, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    QuorviaSDK::setDebug(c.debug);
     log_.clear();
     hostCalls_.clear();
     const std::size_t requestsBefore = transport_->requestCount();
     const int presentedBefore = presentations_;
-    auto arguments = argumentsFor(c.selector);
-    if (c.payload) arguments.userInfo = c.payload->is_null() ? std::nullopt : c.payload;
+    auto arguments = argumentsFor(c.selector, c.identifier);
+    if (!c.withPoll) arguments.userInfo = Value{{"aps", {{"alert", "hello"}}}};
     EXPECT_TRUE(deliver(c.selector, arguments));
 
     std::vector<std::string> sent;
-    for (std::size_t i = requestsBefore; i < transport_->requestCount(); ++i) {
+    for (std::size_t i = requestsBefore; i < transport_->requestCount(); ++i)
       sent.push_back(transport_->requestLines()[i] + " " + transport_->bodyText(i));
-    }
     EXPECT_EQ(sent, c.requests);
     EXPECT_EQ(log_.lines(), c.lines);
     EXPECT_EQ(presentations_ - presentedBefore, c.presented);
-    EXPECT_EQ(expansions_, 0) << "a received poll is shown collapsed";
-    ASSERT_EQ(hostCalls_.size(), 1u);
-    const HostCall& host = hostCalls_[0];
-    EXPECT_EQ(host.requestsBefore - requestsBefore, c.requests.size())
+    EXPECT_EQ(expansions_, c.expanded ? 1 : 0) << "a received poll is shown collapsed";
+    ASSERT_EQ(hostCalls_.size(), c.expanded ? 0u : 1u);
+    if (c.expanded) continue;
+    const auto& host = hostCalls_[0].arguments;
+    EXPECT_EQ(hostCalls_[0].requestsBefore - requestsBefore, c.requests.size())
         << "sent before the host runs";
-    EXPECT_EQ(host.presentationsBefore - presentedBefore, c.presented)
-        << "shown before the host runs";
-    EXPECT_EQ(host.arguments.application, &platform::Application::sharedApplication());
-    EXPECT_EQ(host.arguments.deviceToken, arguments.deviceToken);
-    EXPECT_EQ(host.arguments.userInfo, arguments.userInfo);
-    EXPECT_EQ(host.arguments.identifier, arguments.identifier);
-    EXPECT_EQ(host.arguments.responseInfo, arguments.responseInfo);
-    EXPECT_EQ(host.arguments.error.has_value(), arguments.error.has_value());
+    EXPECT_EQ(hostCalls_[0].bannerShown, c.presented == 1) << "shown before the host runs";
+    EXPECT_EQ(std::tie(host.application, host.deviceToken, host.userInfo, host.identifier,
+                       host.responseInfo),
+              std::tie(arguments.application, arguments.deviceToken, arguments.userInfo,
+                       arguments.identifier, arguments.responseInfo));
+    EXPECT_EQ(host.error.has_value(), arguments.error.has_value());
   }
   answerAll();
   EXPECT_TRUE(fetchCompletions_.empty());
   EXPECT_EQ(actionCompletions_, 0) << "a host that implements a callback completes it itself";
 }
 
-struct CompletionCase {
-  const char* name;
-  std::string_view selector;
-  bool hostImplements;
-  std::vector<int> fetchCompletions;
-  int actionCompletions;
-};
-void PrintTo(const CompletionCase& c, std::ostream* os) { *os << c.name; }
-
-// One process per row: each needs fresh process-wide interception state.
-class LibraryCompletesOnlyWhatTheHostCannot : public InterceptionTest,
-                                              public ::testing::WithParamInterface<CompletionCase> {
-};
-
-TEST_P(LibraryCompletesOnlyWhatTheHostCannot, OnceTheReplyIsAnswered) {
-  const CompletionCase& c = GetParam();
-  startWithHost(c.hostImplements ? Selectors{c.selector} : Selectors{});
-  ASSERT_TRUE(deliver(c.selector));
-  answerAll();
-  EXPECT_EQ(fetchCompletions_, c.fetchCompletions);
-  EXPECT_EQ(actionCompletions_, c.actionCompletions);
-  EXPECT_EQ(hostCalls_.size(), c.hostImplements ? 1u : 0u);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Callbacks, LibraryCompletesOnlyWhatTheHostCannot,
-    ::testing::Values(
-        CompletionCase{
-            "FetchWithoutHost", kFetch, false, {platform::UIBackgroundFetchResultNewData}, 0},
-        CompletionCase{"FetchWithHost", kFetch, true, {}, 0},
-        CompletionCase{"ActionWithoutHost", kAction, false, {}, 1},
-        CompletionCase{"ActionWithHost", kAction, true, {}, 0},
-        // The reply's completion completes it, never the handler itself.
-        CompletionCase{"ResponseInfoWithoutHost", kResponseInfo, false, {}, 1},
-        CompletionCase{"ResponseInfoWithHost", kResponseInfo, true, {}, 0}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-// A delegate class that lacked the callbacks was intercepted first, then one
-// that implements and completes them; the first one's entries stay, yet the
-// platform's completion runs once only, however often it is called.
-TEST_F(InterceptionTest, CompletionNeverReachesThePlatformTwice) {
-  installDelegate(makeDelegateClass("FirstDelegate", {}));
-  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
-  installDelegate(makeDelegateClass("HostAppDelegate", kAll, nullptr, /*completes=*/true));
-  QuorviaSDK::initWithAppToken("app-token", std::nullopt);
-
-  deliver(kFetch);
-  deliver(kAction);
-  deliver(kResponseInfo);
-  EXPECT_EQ(fetchCompletions_, std::vector<int>{1}) << "the host's own result, once";
-  EXPECT_EQ(actionCompletions_, 2);
-  ASSERT_EQ(requestsTo("/replies/"), 2u);
-  answerAll();
-  EXPECT_TRUE(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
-                            std::string(kResponseInfo)));
-  EXPECT_EQ(actionCompletions_, 2) << "the reply's copy of a completed handler does nothing";
-  for (const auto& host : hostCalls_) {
-    if (host.arguments.completionHandler) host.arguments.completionHandler();
-    if (host.arguments.fetchCompletionHandler) host.arguments.fetchCompletionHandler(2);
-  }
-  EXPECT_EQ(fetchCompletions_, std::vector<int>{1});
-  EXPECT_EQ(actionCompletions_, 2);
-}
-
-TEST_F(InterceptionTest, SecondStartUpInstallsNothingTwice) {
-  // In this order: the second case's entries would otherwise make the library
-  // complete on behalf of the first case's host.
-  for (const auto& [name, implemented] : std::vector<std::pair<std::string, Selectors>>{
-           {"HostWithAll", kAll}, {"HostWithNone", {}}}) {
-    SCOPED_TRACE(name);
-    auto cls = makeDelegateClass(name, implemented);
-    installDelegate(cls);
+// What a delegate class lacks is added, and the library does its work and
+// completes on its own: the fetch at once, a reply once it is answered. Only
+// the class's own implementation counts: a callback it inherits is added too,
+// and the superclass's implementation never runs. A second start-up installs
+// nothing twice. Then a class that implements and completes every callback
+// becomes the delegate: the first one's entries stay, so the library
+// completes as well, yet the platform's completions run once only, however
+// often they are called. A delegate set after start-up is left alone.
+TEST_F(InterceptionTest, StartUpInterceptsItsDelegateOnceAndNothingCompletesTwice) {
+  auto base = hostClass("HostBaseDelegate", {kToken, kFetch});
+  for (const bool lacking : {true, false}) {
+    SCOPED_TRACE(lacking ? "lacking" : "implementing");
+    const Selectors implemented = lacking ? Selectors{kFail} : kAll;
+    auto cls = hostClass("HostAppDelegate", implemented, lacking ? base : nullptr, true);
+    install(cls);
     hostCalls_.clear();
     fetchCompletions_.clear();
     actionCompletions_ = 0;
+    log_.clear();
     const std::size_t requestsBefore = transport_->requestCount();
     const int presentedBefore = presentations_;
     QuorviaSDK::initWithAppToken("app-token", std::nullopt);
     const auto methodsAfterFirst = platform::class_copyMethodList(cls.get());
     QuorviaSDK::initWithAppToken("app-token", std::nullopt);
     EXPECT_EQ(platform::class_copyMethodList(cls.get()), methodsAfterFirst);
+    Value expected = Value::object();
+    for (auto selector : {kToken, kReceive, kFetch, kAction, kResponseInfo})
+      expected[std::string(selector)] = true;
+    EXPECT_EQ(added(), expected);
+    EXPECT_EQ(platform::class_copyMethodList(base.get()),
+              (std::vector<std::string>{std::string(kFetch), std::string(kToken)}));
 
-    for (auto selector : kAll) deliver(selector);
-    EXPECT_EQ(hostCalls_.size(), implemented.size()) << "each host method once";
+    for (auto selector : kAll) EXPECT_TRUE(deliver(selector)) << selector;
+    ASSERT_EQ(hostCalls_.size(), implemented.size()) << "each of the class's own methods once";
+    EXPECT_EQ(hostCalls_[0].selector, implemented[0]);
     // Two start-up fetches, one registration, two replies.
     EXPECT_EQ(transport_->requestCount() - requestsBefore, 5u);
-    EXPECT_EQ(presentations_ - presentedBefore, 2);
-    EXPECT_EQ(fetchCompletions_.size(), implemented.empty() ? 1u : 0u);
-    EXPECT_EQ(actionCompletions_, implemented.empty() ? 1 : 0);
-  }
-}
-
-TEST_F(InterceptionTest, OnlyTheDelegateAtStartUpWithSwizzlingOnIsIntercepted) {
-  struct Case {
-    const char* name;
-    bool delegateAtStartUp, swizzling;
-  };
-  for (const Case& c :
-       {Case{"swizzling off", true, false}, Case{"no delegate at start-up", false, true},
-        Case{"delegate replaced after start-up", true, true}}) {
-    SCOPED_TRACE(c.name);
-    if (c.delegateAtStartUp) {
-      installDelegate(makeDelegateClass("FirstDelegate", {}));
-    } else {
-      platform::Application::sharedApplication().setDelegate(nullptr);
-      EXPECT_FALSE(deliver(kToken));
+    EXPECT_EQ(log_.count(kTokenLine), 1);
+    EXPECT_EQ(log_.count(kRegistrationFailedLine), 1);
+    EXPECT_EQ(fetchCompletions_.size(), 1u);
+    EXPECT_EQ(actionCompletions_, lacking ? 1 : 2) << "the response info's waits for the reply";
+    answerAll();
+    EXPECT_EQ(log_.count("QuorviaSDK: Calling completionHandler for " + std::string(kResponseInfo)),
+              1);
+    for (const auto& host : hostCalls_) {
+      if (host.arguments.completionHandler) host.arguments.completionHandler();
+      if (host.arguments.fetchCompletionHandler) host.arguments.fetchCompletionHandler(2);
     }
-    QuorviaSDK::initWithAppToken("app-token", std::nullopt, c.swizzling);
-    EXPECT_EQ(added().size(), c.delegateAtStartUp && c.swizzling ? 6u : 0u);
-
-    auto later = makeDelegateClass("LaterDelegate", {kToken, kFetch});
-    const auto methodsBefore = platform::class_copyMethodList(later.get());
-    installDelegate(later);
-    hostCalls_.clear();
-    fetchCompletions_.clear();
-    const std::size_t registrations = requestsTo("/endpoints/");
-    EXPECT_FALSE(deliver(kFail));
-    EXPECT_TRUE(deliver(kToken));
-    EXPECT_TRUE(deliver(kFetch));
-    EXPECT_EQ(platform::class_copyMethodList(later.get()), methodsBefore);
-    EXPECT_EQ(hostCalls_.size(), 2u);
-    EXPECT_EQ(requestsTo("/endpoints/"), registrations);
-    EXPECT_TRUE(fetchCompletions_.empty());
+    EXPECT_EQ(fetchCompletions_,
+              std::vector<int>{lacking ? platform::UIBackgroundFetchResultNewData : 1})
+        << "the host's own result, if it has one";
+    EXPECT_EQ(actionCompletions_, 2) << "the two action callbacks' completions, once each";
+    EXPECT_EQ(presentations_ - presentedBefore, 2);
+    if (lacking) {  // The notification itself opened: the poll expanded, no reply, completed.
+      EXPECT_TRUE(deliver(kResponseInfo, argumentsFor(kResponseInfo, kDefaultAction)));
+      EXPECT_EQ(expansions_, 1);
+      EXPECT_EQ(transport_->requestCount() - requestsBefore, 5u);
+      EXPECT_EQ(actionCompletions_, 3);
+    }
   }
-}
 
-class DefaultActionPresentsExpandedAndSkipsTheHost : public InterceptionTest,
-                                                     public ::testing::WithParamInterface<bool> {};
-
-// Deliberately: the host is not called either way, and nobody completes when
-// the host has an implementation.
-TEST_P(DefaultActionPresentsExpandedAndSkipsTheHost, CompletingOnlyWithoutHost) {
-  const bool hostImplements = GetParam();
-  startWithHost(hostImplements ? Selectors{kResponseInfo} : Selectors{});
-  auto arguments = argumentsFor(kResponseInfo);
-  arguments.identifier = kDefaultAction;
-  ASSERT_TRUE(deliver(kResponseInfo, arguments));
-  EXPECT_EQ(presentations_, 1);
-  EXPECT_EQ(expansions_, 1);
-  EXPECT_EQ(requestsTo("/replies/"), 0u);
-  EXPECT_TRUE(hostCalls_.empty());
-  EXPECT_EQ(actionCompletions_, hostImplements ? 0 : 1);
-}
-
-INSTANTIATE_TEST_SUITE_P(Host, DefaultActionPresentsExpandedAndSkipsTheHost, ::testing::Bool(),
-                         [](const auto& info) {
-                           return std::string(info.param ? "Implements" : "Lacks");
-                         });
-
-TEST_F(InterceptionTest, DefaultActionElsewhereIsAReplyLikeAnyOther) {
-  startWithHost({});
-  auto arguments = argumentsFor(kAction);
-  arguments.identifier = kDefaultAction;
-  deliver(kAction, arguments);
-  QuorviaSDK::handleActionWithIdentifier(std::string(kDefaultAction), pollPayload_);
-  ASSERT_EQ(transport_->requestCount(), 3u);
-  for (std::size_t i : {1u, 2u}) {
-    EXPECT_EQ(transport_->requestLines()[i], "POST /polls/7/replies/");
-    EXPECT_EQ(transport_->bodyText(i), "reply_text=" + std::string(kDefaultAction));
-  }
-  answerAll();
-  EXPECT_EQ(actionCompletions_, 1) << "the callback's own, by the library; the reply has none";
-  EXPECT_EQ(presentations_, 0);
+  // Only the delegate at start-up is intercepted, not one set later.
+  auto later = hostClass("LaterDelegate", {kToken});
+  const auto methods = platform::class_copyMethodList(later.get());
+  install(later);
+  hostCalls_.clear();
+  const std::size_t requests = transport_->requestCount();
+  EXPECT_TRUE(deliver(kToken));
+  EXPECT_FALSE(deliver(kFetch));
+  EXPECT_EQ(platform::class_copyMethodList(later.get()), methods);
+  EXPECT_EQ(hostCalls_.size(), 1u);
+  EXPECT_EQ(transport_->requestCount(), requests) << "no registration by the library";
 }
 
 }  // namespace

@@ -2,12 +2,13 @@
 // the bytes on the wire, the access token's life, and the completion rules.
 
 #include <cstdlib>
-#include <deque>
+#include <ranges>
 #include <thread>
 
 #include "keychain/LKKeychain.h"
 #include "quorvia/QuorviaSDK.h"
 #include "platform/ApplicationRecords.h"
+#include "quorvia/platform/ApplicationDelegate.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/LoopbackServer.h"
@@ -19,10 +20,6 @@ namespace {
 
 using platform::Value;
 
-constexpr const char* kResponseInfoSelector =
-    "application:handleActionWithIdentifier:forRemoteNotification:withResponseInfo:"
-    "completionHandler:";
-
 class ServiceClientTest : public PlatformTest {
  protected:
   void SetUp() override {
@@ -30,27 +27,27 @@ class ServiceClientTest : public PlatformTest {
     server_.setResponder([this](const RecordedRequest& request) {
       std::lock_guard lock(mu_);
       Reply reply;
-      if (request.target == "/endpoints/" && !accessTokens_.empty()) {
-        reply.body = Value{{"access_token", accessTokens_.front()}}.dump();
-        accessTokens_.pop_front();
-      } else if (request.target.find("/polls/") != std::string::npos && request.method == "GET") {
-        reply.body = Value{{"results", polls_}}.dump();
-      }
+      if (request.target == "/endpoints/" && token_)
+        reply.body = Value{{"access_token", *token_}}.dump();
       return reply;
     });
     // Read once per process; every test runs in a process of its own.
     ::setenv("QUORVIA_SERVICE_BASE_URL", server_.baseURL().c_str(), 1);
   }
 
+  /// What the service's answers to a registration carry from now on.
   void answerRegistrationWith(std::string token) {
     std::lock_guard lock(mu_);
-    accessTokens_.push_back(std::move(token));
+    token_ = std::move(token);
+  }
+  bool waitUntil(const std::function<bool()>& done) {
+    return loop_->runUntil(done, platform::seconds(20));
   }
   bool waitForLog(const std::string& line) {
-    return loop_->runUntil([&] { return log_.contains(line); }, platform::seconds(20));
+    return waitUntil([&] { return log_.contains(line); });
   }
   bool waitForRequests(std::size_t count) {
-    return loop_->runUntil([&] { return server_.requestCount() >= count; }, platform::seconds(20));
+    return waitUntil([&] { return server_.requestCount() >= count; });
   }
   RecordedRequest last() const { return server_.requests().back(); }
   static std::string line(const RecordedRequest& r) { return r.method + " " + r.target; }
@@ -61,13 +58,25 @@ class ServiceClientTest : public PlatformTest {
 
   LoopbackServer server_;
   std::mutex mu_;
-  std::deque<std::string> accessTokens_;
-  Value polls_ = Value::array();
+  std::optional<std::string> token_;
 };
 
 TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
+  // Before start-up there is no app token: its key is left out, its path
+  // segment reads "(null)"; an answer without an access token stores nothing.
+  QuorviaSDK::setDeviceToken(platform::Bytes{0xde, 0xad, 0xbe, 0xef, 0x00, 0x01, 0x02, 0x03, 0x04});
+  QuorviaSDK::setDeviceToken(std::nullopt);  // nil is ignored
+  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfully registered device push token."));
+  ASSERT_EQ(server_.requestCount(), 1u);
+  EXPECT_EQ(last().body, "push_token=deadbeef0001020304&platform=ios");
+  EXPECT_EQ(storedToken(), std::nullopt);
+  service().fetchPolls();
+  ASSERT_TRUE(waitForRequests(2));
+  EXPECT_EQ(last().target, "/apps/(null)/polls/");
+  log_.clear();
+
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  ASSERT_TRUE(waitForRequests(1));
+  ASSERT_TRUE(waitForRequests(3));
   EXPECT_EQ(line(last()), "GET /apps/A/polls/") << "no query string";
   EXPECT_FALSE(last().hasHeader("Authorization")) << "nothing stored yet";
 
@@ -88,7 +97,7 @@ TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
 
   service().fetchPolls();
-  ASSERT_TRUE(waitForRequests(4));
+  ASSERT_TRUE(waitForRequests(6));
   EXPECT_EQ(line(last()), "GET /apps/A/polls/");
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
 
@@ -102,137 +111,113 @@ TEST_F(ServiceClientTest, AccessTokenFromRegistrationAuthorisesEveryLaterCall) {
   // A second registration sends the stored token and replaces it.
   answerRegistrationWith("tok-2");
   QuorviaSDK::setDeviceToken(platform::Bytes{0xff});
-  ASSERT_TRUE(waitForRequests(6));
+  ASSERT_TRUE(waitForRequests(8));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-1");
-  ASSERT_TRUE(loop_->runUntil([] { return storedToken() == "tok-2"; }, platform::seconds(20)));
+  ASSERT_TRUE(waitUntil([] { return storedToken() == "tok-2"; }));
   service().fetchPolls();
-  ASSERT_TRUE(waitForRequests(7));
+  ASSERT_TRUE(waitForRequests(9));
   EXPECT_EQ(last().header("Authorization"), "JWT tok-2");
 
-  for (const auto& logged : log_.lines()) {
-    EXPECT_EQ(logged.find("tok-"), std::string::npos)
-        << "the access token reached a log line: " << logged;
+  // From many threads while the main loop runs: each call goes out once, with
+  // the token; nil sends nothing.
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([t] {
+      for (int i = 0; i < 5; ++i) QuorviaSDK::setUserInfo(Value{{"thread", t}, {"i", i}});
+    });
   }
-}
+  QuorviaSDK::setUserInfo(std::nullopt);
+  const bool all = waitForRequests(49);
+  for (auto& thread : threads) thread.join();
+  ASSERT_TRUE(all);
+  EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), 41);
+  for (const auto& request : server_.requests() | std::views::drop(9))
+    EXPECT_EQ(line(request) + " " + request.header("Authorization"), "POST /me JWT tok-2");
 
-TEST_F(ServiceClientTest, CallsWithoutAppTokenOrPollIdUseTheNilText) {
-  QuorviaSDK::setDeviceToken(platform::Bytes{0xde, 0xad, 0xbe, 0xef, 0x00, 0x01, 0x02, 0x03, 0x04});
-  QuorviaSDK::setDeviceToken(std::nullopt);  // nil is ignored
-  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfully registered device push token."));
-  ASSERT_EQ(server_.requestCount(), 1u);
-  EXPECT_EQ(last().body, "push_token=deadbeef0001020304&platform=ios") << "no app_token key";
-  EXPECT_EQ(storedToken(), std::nullopt) << "an answer without access_token stores nothing";
-
-  service().fetchPolls();
-  ASSERT_TRUE(waitForRequests(2));
-  EXPECT_EQ(last().target, "/apps/(null)/polls/");
-
-  log_.clear();
-  QuorviaSDK::handleActionWithIdentifier("Yes", Value{{"poll", {{"question", "Q?"}}}});
-  ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: Yes"));
-  EXPECT_EQ(last().target, "/polls/(null)/replies/");
-  EXPECT_FALSE(last().hasHeader("Authorization"));
-  const auto lines = log_.lines();
-  ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ(lines[0], "nil id") << "unprefixed and ungated";
-  EXPECT_EQ(lines[1], "QuorviaSDK: Poll id is nil!");
-  EXPECT_EQ(lines[2], "QuorviaSDK: Missing user access token!");
+  for (const auto& logged : log_.lines())
+    EXPECT_EQ(logged.find("tok-"), std::string::npos) << "a token reached the log: " << logged;
 }
 
 // The reply's completion calls the handler only when the library supplied the
 // response-info callback itself, and ends the background task once, even
 // when the task expired first.
 TEST_F(ServiceClientTest, ReplyCompletesOnlyForALibrarySuppliedCallbackAndEndsItsTaskOnce) {
-  struct Case {
-    const char* name;
-    std::optional<Value> added;
-    bool expireFirst;
-    int handlerCalls;
-  };
-  const Case cases[] = {{"absent", std::nullopt, false, 0},
-                        {"false", false, false, 0},
-                        {"true", true, false, 1},
-                        {"true, task expired", true, true, 1}};
-  sdk::SDKState& state = sdk::SDKState::shared();
+  const std::string responseInfo(platform::kHandleActionWithResponseInfoSelector);
   auto& app = platform::Application::sharedApplication();
   int ends = 0;
-  using platform::ApplicationRecords;
-  ApplicationRecords::setBackgroundTaskObserver(
+  platform::ApplicationRecords::setBackgroundTaskObserver(
       app, [&](const platform::BackgroundTaskRecord&, bool began) { ends += !began; });
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    if (c.added) state.interception.mutableAddedMethods()[kResponseInfoSelector] = *c.added;
+  // Whether the library added the callback (nullopt: no entry), whether the task expires first.
+  for (const auto& [added, expireFirst] : std::vector<std::pair<std::optional<bool>, bool>>{
+           {std::nullopt, false}, {false, false}, {true, false}, {true, true}}) {
+    SCOPED_TRACE(::testing::Message() << added.value_or(false) << expireFirst);
+    if (added) sdk::SDKState::shared().interception.mutableAddedMethods()[responseInfo] = *added;
     int calls = 0;
     ends = 0;
     log_.clear();
-    state.service->sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
-    const auto task = service::PollService::currentReplyBackgroundTask();
-    ASSERT_NE(task, platform::UIBackgroundTaskInvalid);
-    EXPECT_EQ(ApplicationRecords::backgroundTasks(app).back().name, "MyTask");
-    if (c.expireFirst) {
-      ASSERT_TRUE(ApplicationRecords::expireBackgroundTask(app, task));
-      EXPECT_EQ(ends, 1);
+    service().sendReplyWithIdentifier("No", Value{{"poll", {{"id", "p9"}}}}, [&] { ++calls; });
+    EXPECT_EQ(platform::ApplicationRecords::backgroundTasks(app).back().name, "MyTask");
+    if (expireFirst) {
+      ASSERT_TRUE(platform::ApplicationRecords::expireBackgroundTask(
+          app, service::PollService::currentReplyBackgroundTask()));
     }
     ASSERT_TRUE(waitForLog("QuorviaSDK: Successfuly sent reply: No"));
     drain();
-    EXPECT_EQ(calls, c.handlerCalls);
-    EXPECT_EQ(log_.contains(std::string("QuorviaSDK: Calling completionHandler for ") +
-                            kResponseInfoSelector),
-              c.handlerCalls == 1);
+    EXPECT_EQ(calls, added == true);
+    EXPECT_EQ(log_.count("QuorviaSDK: Calling completionHandler for " + responseInfo), calls);
     EXPECT_EQ(service::PollService::currentReplyBackgroundTask(),
               platform::UIBackgroundTaskInvalid);
-    EXPECT_TRUE(ApplicationRecords::backgroundTasks(app).back().ended);
+    EXPECT_TRUE(platform::ApplicationRecords::backgroundTasks(app).back().ended);
     EXPECT_EQ(ends, 1);
   }
-  ApplicationRecords::setBackgroundTaskObserver(app, {});
+  platform::ApplicationRecords::setBackgroundTaskObserver(app, {});
 }
 
-TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOnly) {
-  {
-    std::lock_guard lock(mu_);
-    polls_ = Value::array(
-        {{{"id", 11}, {"question", "First?"}, {"options", Value::array({{{"text", "Yes"}}})}},
-         {{"id", 12}, {"question", "Second?"}}});
-  }
-  QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  ASSERT_TRUE(waitForLog("QuorviaSDK: Presenting poll: First?"));
-  ASSERT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView()->poll()->objectId(), Value(11));
-  EXPECT_FALSE(log_.contains("QuorviaSDK: Presenting poll: Second?"));
-}
-
-// On the fake transport each answer is delivered exactly when the test says.
-TEST_F(ServiceClientTest, UnusableFetchAnswersPresentNothingAndLogNothing) {
+// On the fake transport each answer is delivered exactly when the test says:
+// an answer without a usable first poll shows nothing and logs nothing, a
+// transport error is one unprefixed line even without debug, and of a list
+// only the first poll is shown.
+TEST_F(ServiceClientTest, FetchPresentsTheFirstPollOfAUsableAnswerOnly) {
   auto transport = FakeTransport::install();
   QuorviaSDK::initWithAppToken("A", std::nullopt, false);
-  const std::string answers[] = {R"({"results":[]})",
-                                 R"({"results":"not a list"})",
-                                 R"({"count":3})",
-                                 R"({"results":{"a":1}})",
-                                 R"([1,2])",
-                                 "<html>500</html>",
-                                 ""};
-  for (std::size_t i = 0; i < std::size(answers); ++i) {
+  const std::string unusable[] = {R"({"results":[]})",
+                                  R"({"results":"not a list"})",
+                                  R"({"count":3})",
+                                  R"({"results":{"a":1}})",
+                                  "[1,2]",
+                                  "<html>500</html>",
+                                  ""};
+  log_.clear();
+  for (std::size_t i = 0; i < std::size(unusable); ++i) {
+    SCOPED_TRACE(unusable[i]);
     if (i > 0) service().fetchPolls();
     ASSERT_EQ(transport->requestCount(), i + 1);
-    transport->respond(i, i == 5 ? 500 : 200, answers[i]);
+    transport->respond(i, unusable[i].starts_with("<html>") ? 500 : 200, unusable[i]);
     drain();
+    EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+    EXPECT_EQ(log_.lines(), std::vector<std::string>{});
   }
-  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
-  EXPECT_EQ(log_.lines(),
-            (std::vector<std::string>{
-                "QuorviaSDK: Initialized SDK with app token: A",
-                "QuorviaSDK: Swizzling is disabled, please make sure to call required methods."}));
 
-  // A transport error is written unprefixed and ungated, and nothing is shown.
   QuorviaSDK::setDebug(false);
   service().fetchPolls();
-  transport->fail(std::size(answers), platform::NSURLErrorCannotConnectToHost,
+  transport->fail(transport->requestCount() - 1, platform::NSURLErrorCannotConnectToHost,
                   "Could not connect to the server.");
   drain();
-  EXPECT_EQ(log_.lines().back(),
-            "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the server.\" "
-            "UserInfo={NSLocalizedDescription=Could not connect to the server.}");
+  EXPECT_EQ(log_.lines(), std::vector<std::string>{
+                              "Error Domain=NSURLErrorDomain Code=-1004 \"Could not connect to the "
+                              "server.\" UserInfo={NSLocalizedDescription=Could not connect to "
+                              "the server.}"});
+
+  QuorviaSDK::setDebug(true);
+  service().fetchPolls();
+  transport->respond(transport->requestCount() - 1, 200,
+                     Value{{"results",
+                            {{{"id", 11}, {"question", "First?"}, {"options", {{{"text", "Yes"}}}}},
+                             {{"id", 12}, {"question", "Second?"}}}}}
+                         .dump());
+  drain();
+  ASSERT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView()->poll()->objectId(), Value(11));
 }
 
 // A token that cannot travel as one header line is neither kept nor sent: it
@@ -272,31 +257,6 @@ TEST_F(ServiceClientTest, UnacceptableAccessTokenIsNeverKeptNorSent) {
     ASSERT_TRUE(LKKeychain::setPassword("good", "polls", "user_token"));
   }
   for (const auto& request : server_.requests()) EXPECT_FALSE(request.hasHeader("X-Injected"));
-}
-
-TEST_F(ServiceClientTest, UserInfoFromManyThreadsWhileTheMainLoopRuns) {
-  QuorviaSDK::sharedInstance();
-  constexpr int kThreads = 8, kEach = 5;
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t] {
-      for (int i = 0; i < kEach; ++i) QuorviaSDK::setUserInfo(Value{{"thread", t}, {"i", i}});
-    });
-  }
-  QuorviaSDK::setUserInfo(std::nullopt);  // nil: no line, no request
-  const bool all = waitForRequests(kThreads * kEach);
-  for (auto& thread : threads) thread.join();
-  ASSERT_TRUE(all);
-  const auto answered = [&] {
-    int n = 0;
-    for (const auto& l : log_.lines())
-      n += l.rfind("QuorviaSDK: Failed to set user info: ", 0) == 0;
-    return n;
-  };
-  ASSERT_TRUE(
-      loop_->runUntil([&] { return answered() == kThreads * kEach; }, platform::seconds(20)));
-  EXPECT_EQ(log_.count("QuorviaSDK: Sending request to set user info"), kThreads * kEach);
-  for (const auto& request : server_.requests()) EXPECT_EQ(request.target, "/me");
 }
 
 }  // namespace

@@ -1,41 +1,27 @@
 #include "support/MosquittoBroker.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <mosquitto.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 
-#include "quorvia/platform/Value.h"
-
 extern char** environ;
 
 namespace quorvia::testing {
-namespace {
 
-constexpr auto kStartTimeout = std::chrono::seconds(10);
-constexpr auto kAckTimeout = std::chrono::seconds(10);
-
-}  // namespace
-
-MosquittoBroker::MosquittoBroker(std::filesystem::path directory)
-    : directory_(std::move(directory)) {}
-
-MosquittoBroker::~MosquittoBroker() { stop(); }
+constexpr auto kBound = std::chrono::seconds(10);
 
 int MosquittoBroker::freePort() {
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t length = sizeof address;
   int port = 0;
   if (::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
@@ -50,60 +36,33 @@ bool MosquittoBroker::start(int port, std::string* error) {
   stop();
   port_ = port;
   std::filesystem::create_directories(directory_);
-  const auto config = directory_ / "mosquitto.conf";
-  std::ofstream(config) << "listener " << port << " 127.0.0.1\n"
-                        << "allow_anonymous true\n"
-                        << "persistence true\n"
-                        << "persistence_location " << directory_.string()
-                        << "/\n"
+  std::string config = (directory_ / "mosquitto.conf").string();
+  std::ofstream(config) << "listener " << port << " 127.0.0.1\nallow_anonymous true\n"
+                        << "persistence true\npersistence_location " << directory_.string()
+                        << "/\nlog_dest file " << directory_.string()
+                        << "/mosquitto.log\n"
                         // As root it would switch users and lose the directory.
-                        << "user root\n"
-                        // Unbuffered, unlike a piped stdout.
-                        << "log_dest stderr\n";
-  int out[2];
-  if (::pipe2(out, O_CLOEXEC) != 0) return false;
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-  std::string program = "/usr/sbin/mosquitto";
-  std::string flag = "-c";
-  std::string path = config.string();
-  char* argv[] = {program.data(), flag.data(), path.data(), nullptr};
-  const int spawned = ::posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(out[1]);
-  if (spawned != 0) {
-    ::close(out[0]);
-    pid_ = -1;
-    *error = "cannot start /usr/sbin/mosquitto";
-    return false;
-  }
-  running_ = exited_ = false;
-  // Reads the broker's log to its end: "running" says it listens, and a pipe
-  // nobody drains would stall it.
-  output_ = std::thread([this, fd = out[0]] {
-    std::string log;
-    char buffer[4096];
-    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0;) {
-      log.append(buffer, static_cast<std::size_t>(n));
-      if (log.find(" running") != std::string::npos) {
-        std::lock_guard lock(mu_);
-        running_ = true;
-        changed_.notify_all();
-      }
-      if (log.size() > 65536) log.erase(0, log.size() - 1024);
-    }
-    ::close(fd);
-    std::lock_guard lock(mu_);
-    exited_ = true;
-    changed_.notify_all();
-  });
-  std::unique_lock lock(mu_);
-  changed_.wait_for(lock, kStartTimeout, [this] { return running_ || exited_; });
-  if (running_ && !exited_) return true;
-  *error = "mosquitto did not start listening on port " + std::to_string(port);
-  return false;
+                        << "user root\n";
+  // The broker tells its service manager when it listens: here, the test.
+  const std::string socketPath = (directory_ / "ready").string();
+  sockaddr_un address{AF_UNIX, {}};
+  socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+  const int ready = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  std::filesystem::remove(socketPath);
+  ::bind(ready, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  // env execs the broker in its place: the process id is the broker's.
+  std::string env = "/usr/bin/env", notify = "NOTIFY_SOCKET=" + socketPath,
+              program = "/usr/sbin/mosquitto", flag = "-c";
+  char* argv[] = {env.data(), notify.data(), program.data(), flag.data(), config.data(), nullptr};
+  if (::posix_spawn(&pid_, env.c_str(), nullptr, nullptr, argv, environ) != 0) pid_ = -1;
+  char message[256] = {};
+  pollfd readable{ready, POLLIN, 0};
+  const bool up = pid_ > 0 && ::poll(&readable, 1, 10'000) == 1 &&
+                  ::recv(ready, message, sizeof message - 1, 0) > 0 &&
+                  std::string_view(message).find("READY=1") != std::string_view::npos;
+  ::close(ready);
+  if (!up) *error = "mosquitto did not start listening on port " + std::to_string(port);
+  return up;
 }
 
 void MosquittoBroker::stop() {
@@ -112,8 +71,7 @@ void MosquittoBroker::stop() {
     // SIGTERM lets it save its sessions, but an idle broker may act on it
     // only when its loop next wakes: after a bounded wait for its exit, kill.
     bool exited = false;
-    const int exitFd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
-    if (exitFd >= 0) {
+    if (const int exitFd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)); exitFd >= 0) {
       pollfd exit{exitFd, POLLIN, 0};
       exited = ::poll(&exit, 1, 10'000) == 1;
       ::close(exitFd);
@@ -122,43 +80,6 @@ void MosquittoBroker::stop() {
     ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
-  if (output_.joinable()) output_.join();
-}
-
-Publisher::Publisher(int port) {
-  mosquitto_lib_init();
-  client_ = mosquitto_new(nullptr, true, this);
-  mosquitto_publish_callback_set(client_, [](mosquitto*, void* self, int) {
-    auto* publisher = static_cast<Publisher*>(self);
-    std::lock_guard lock(publisher->mu_);
-    ++publisher->acks_;
-    publisher->acked_.notify_all();
-  });
-  connected_ = mosquitto_connect(client_, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS &&
-               mosquitto_loop_start(client_) == MOSQ_ERR_SUCCESS;
-}
-
-Publisher::~Publisher() {
-  if (connected_) {
-    mosquitto_disconnect(client_);
-    mosquitto_loop_stop(client_, false);
-  }
-  mosquitto_destroy(client_);
-  mosquitto_lib_cleanup();
-}
-
-bool Publisher::publish(const std::string& topic, const std::string& payload, bool waitForAck) {
-  std::unique_lock lock(mu_);
-  const int before = acks_;
-  if (mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                        payload.data(), 1, false) != MOSQ_ERR_SUCCESS) {
-    return false;
-  }
-  return !waitForAck || acked_.wait_for(lock, kAckTimeout, [&] { return acks_ > before; });
-}
-
-std::string deviceTopic(const std::vector<std::uint8_t>& token) {
-  return "quorvia/devices/" + platform::hexString(token);
 }
 
 DeviceSubscriber::DeviceSubscriber(int port) {
@@ -168,21 +89,31 @@ DeviceSubscriber::DeviceSubscriber(int port) {
   mosquitto_connect_callback_set(client_, [](mosquitto* mosq, void*, int rc) {
     if (rc == 0) mosquitto_subscribe(mosq, nullptr, "quorvia/devices/#", 1);
   });
+  // Runs `change` under the lock, then wakes the waiters.
+  static constexpr auto update = [](void* self, auto change) {
+    auto* subscriber = static_cast<DeviceSubscriber*>(self);
+    std::lock_guard lock(subscriber->mu_);
+    change(*subscriber);
+    subscriber->changed_.notify_all();
+  };
   mosquitto_subscribe_callback_set(client_, [](mosquitto*, void* self, int, int, const int*) {
-    static_cast<DeviceSubscriber*>(self)->subscribedNow();
+    update(self, [](DeviceSubscriber& s) { s.subscribed_ = true; });
   });
-  mosquitto_message_callback_set(
-      client_, [](mosquitto*, void* self, const mosquitto_message* message) {
-        static_cast<DeviceSubscriber*>(self)->received(
-            {message->topic, std::string(static_cast<const char*>(message->payload),
-                                         static_cast<size_t>(message->payloadlen))});
-      });
+  mosquitto_message_callback_set(client_, [](mosquitto*, void* self, const mosquitto_message* m) {
+    update(self, [m](DeviceSubscriber& s) {
+      s.deliveries_.push_back({m->topic, std::string(static_cast<const char*>(m->payload),
+                                                     static_cast<std::size_t>(m->payloadlen))});
+    });
+  });
+  mosquitto_publish_callback_set(client_, [](mosquitto*, void* self, int) {
+    update(self, [](DeviceSubscriber& s) { ++s.acks_; });
+  });
   mosquitto_reconnect_delay_set(client_, 1, 1, false);
   // A refused first attempt is retried by the loop thread after the reconnect delay.
   mosquitto_connect_async(client_, "127.0.0.1", port, 30);
   mosquitto_loop_start(client_);
   std::unique_lock lock(mu_);
-  changed_.wait_for(lock, kStartTimeout, [&] { return subscribed_; });
+  changed_.wait_for(lock, kBound, [&] { return subscribed_; });
 }
 
 DeviceSubscriber::~DeviceSubscriber() {
@@ -197,27 +128,19 @@ bool DeviceSubscriber::ready() {
   return subscribed_;
 }
 
-void DeviceSubscriber::subscribedNow() {
-  {
-    std::lock_guard lock(mu_);
-    subscribed_ = true;
-  }
-  changed_.notify_all();
-}
-
-void DeviceSubscriber::received(Delivery delivery) {
-  {
-    std::lock_guard lock(mu_);
-    deliveries_.push_back(std::move(delivery));
-  }
-  changed_.notify_all();
-}
-
 std::vector<Delivery> DeviceSubscriber::waitFor(std::size_t count,
                                                 std::chrono::milliseconds bound) {
   std::unique_lock lock(mu_);
   changed_.wait_for(lock, bound, [&] { return deliveries_.size() >= count; });
   return deliveries_;
+}
+
+bool DeviceSubscriber::publish(const std::string& topic, const std::string& payload) {
+  std::unique_lock lock(mu_);
+  const int before = acks_;
+  return mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
+                           payload.data(), 1, false) == MOSQ_ERR_SUCCESS &&
+         changed_.wait_for(lock, kBound, [&] { return acks_ > before; });
 }
 
 }  // namespace quorvia::testing

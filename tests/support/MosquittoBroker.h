@@ -1,7 +1,6 @@
 #pragma once
 // A mosquitto broker on a loopback port, started and stopped by the test that
-// owns it; a publisher that waits for the broker's acknowledgements; and a
-// subscriber that records what devices would receive.
+// owns it, and a client that records what devices would receive.
 
 #include <sys/types.h>
 
@@ -11,8 +10,9 @@
 #include <filesystem>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
+
+#include "quorvia/platform/Value.h"
 
 struct mosquitto;
 
@@ -21,8 +21,8 @@ namespace quorvia::testing {
 class MosquittoBroker final {
  public:
   /// Keeps its configuration and persistence under `directory`; nothing runs yet.
-  explicit MosquittoBroker(std::filesystem::path directory);
-  ~MosquittoBroker();
+  explicit MosquittoBroker(std::filesystem::path directory) : directory_(std::move(directory)) {}
+  ~MosquittoBroker() { stop(); }
   MosquittoBroker(const MosquittoBroker&) = delete;
   MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
@@ -40,41 +40,15 @@ class MosquittoBroker final {
   std::filesystem::path directory_;
   int port_ = 0;
   pid_t pid_ = -1;
-  std::thread output_;
-  std::mutex mu_;
-  std::condition_variable changed_;
-  bool running_ = false;
-  bool exited_ = false;
 };
 
-/// A client that publishes with QoS 1 and waits for each acknowledgement.
-class Publisher final {
- public:
-  explicit Publisher(int port);
-  ~Publisher();
-  Publisher(const Publisher&) = delete;
-  Publisher& operator=(const Publisher&) = delete;
-
-  bool connected() const { return connected_; }
-  /// Publishes `payload` on `topic` and, unless told not to, waits (bounded)
-  /// for the broker's PUBACK.
-  bool publish(const std::string& topic, const std::string& payload, bool waitForAck = true);
-
- private:
-  mosquitto* client_ = nullptr;
-  bool connected_ = false;
-  std::mutex mu_;
-  std::condition_variable acked_;
-  int acks_ = 0;
-};
-
-/// One received message.
 struct Delivery {
   std::string topic;
   std::string payload;
 };
 
-/// Subscribes to every device topic with QoS 1 and keeps what arrives.
+/// Subscribes to every device topic with QoS 1 and keeps what arrives; it
+/// publishes too, as the poll service does.
 class DeviceSubscriber final {
  public:
   /// Connects and waits (bounded) until the subscription is in place.
@@ -83,23 +57,24 @@ class DeviceSubscriber final {
   DeviceSubscriber(const DeviceSubscriber&) = delete;
   DeviceSubscriber& operator=(const DeviceSubscriber&) = delete;
 
-  /// Whether the subscription is in place.
   bool ready();
   /// Waits until at least `count` messages arrived or `bound` passed; returns them all.
   std::vector<Delivery> waitFor(std::size_t count, std::chrono::milliseconds bound);
+  /// Publishes with QoS 1 and waits (bounded) for the broker's acknowledgement.
+  bool publish(const std::string& topic, const std::string& payload);
 
  private:
-  void received(Delivery delivery);
-  void subscribedNow();
-
   mosquitto* client_ = nullptr;
   std::mutex mu_;
   std::condition_variable changed_;
   bool subscribed_ = false;
+  int acks_ = 0;
   std::vector<Delivery> deliveries_;
 };
 
 /// The device topic of `token`.
-std::string deviceTopic(const std::vector<std::uint8_t>& token);
+inline std::string deviceTopic(const std::vector<std::uint8_t>& token) {
+  return "quorvia/devices/" + platform::hexString(token);
+}
 
 }  // namespace quorvia::testing

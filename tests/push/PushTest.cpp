@@ -1,0 +1,267 @@
+// The push service against a mosquitto broker of the test's own on loopback:
+// the device token, the persistent session, what payloads arrive, and how
+// they reach the application delegate.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <numeric>
+
+#include "platform/push/DeviceTokenFile.h"
+#include "platform/push/RemoteNotifications.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "quorvia/platform/PushService.h"
+#include "quorvia/platform/Runtime.h"
+#include "support/MosquittoBroker.h"
+#include "support/PlatformTest.h"
+
+namespace quorvia::testing {
+namespace {
+
+using platform::Bytes;
+using platform::MessageArguments;
+using platform::Value;
+
+Bytes contents(const std::filesystem::path& path) {
+  return Bytes(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
+}
+Value numbered(int n) { return Value{{"aps", {{"alert", "Poll " + std::to_string(n)}}}, {"n", n}}; }
+
+constexpr const char* kNotCalled =
+    "QuorviaSDK: a push's fetch completion handler was not called within 30 seconds";
+
+/// What one set of handlers was given, in order. Main queue only.
+struct Seen {
+  std::vector<Bytes> tokens;
+  std::vector<platform::Error> errors;
+  std::vector<Value> payloads;
+  std::vector<int> numbers() const {
+    std::vector<int> numbers;
+    for (const Value& payload : payloads) numbers.push_back(payload.value("n", -1));
+    return numbers;
+  }
+};
+
+class PushTest : public PlatformTest {
+ protected:
+  [[nodiscard]] bool startBroker() {
+    if (!broker_) broker_.emplace(dataDir_ / "broker");
+    std::string error;
+    const bool started = broker_->start(port_, &error);
+    if (!started) ADD_FAILURE() << error;
+    return started;
+  }
+  std::string brokerURL() const { return "mqtt://127.0.0.1:" + std::to_string(port_); }
+  std::filesystem::path appData() const { return dataDir_ / "data"; }
+  std::shared_ptr<platform::PushService> makeService() {
+    return platform::makeMqttPushService({brokerURL(), appData()});
+  }
+  static platform::PushService::Handlers recordInto(const std::shared_ptr<Seen>& seen) {
+    return {[seen](Bytes token) { seen->tokens.push_back(std::move(token)); },
+            [seen](platform::Error error) { seen->errors.push_back(std::move(error)); },
+            [seen](Value payload) { seen->payloads.push_back(std::move(payload)); }};
+  }
+  bool waitFor(const std::function<bool()>& done) {
+    return loop_->runUntil(done, std::chrono::seconds(30));
+  }
+  Bytes registerAndWait(platform::PushService& service, const std::shared_ptr<Seen>& seen) {
+    service.registerForRemoteNotifications(recordInto(seen));
+    EXPECT_TRUE(waitFor([&] { return !seen->tokens.empty(); })) << "no token";
+    return seen->tokens.empty() ? Bytes{} : seen->tokens.front();
+  }
+  void installDelegate(const std::vector<std::string_view>& selectors) {
+    auto cls = platform::Class::create("PushTestDelegate");
+    for (std::string_view selector : selectors) {
+      platform::class_addMethod(
+          cls.get(), selector,
+          [calls = calls_, selector = std::string(selector)](platform::Object&,
+                                                             const MessageArguments& arguments) {
+            calls->emplace_back(selector, arguments);
+          },
+          platform::applicationDelegateTypeEncoding(selector));
+    }
+    platform::Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
+  }
+
+  std::shared_ptr<std::vector<std::pair<std::string, MessageArguments>>> calls_ =
+      std::make_shared<std::vector<std::pair<std::string, MessageArguments>>>();
+  std::optional<MosquittoBroker> broker_;
+  int port_ = MosquittoBroker::freePort();
+};
+
+// One token per data directory, kept in a private file; any file that is not
+// a private 32-byte token is logged and replaced, never trusted, never fatal.
+TEST_F(PushTest, OneTokenPerDataDirectoryKeptPrivate) {
+  struct Case {
+    const char* name;
+    std::size_t size;  // of the file there before; 0: none
+    mode_t mode;
+    bool symlink, kept;
+  };
+  const Case cases[] = {{"missing", 0, 0, false, false},
+                        {"stored", 32, 0600, false, true},
+                        {"too short", 31, 0600, false, false},
+                        {"too long", 33, 0600, false, false},
+                        {"readable by others", 32, 0644, false, false},
+                        {"symbolic link", 32, 0600, true, false}};
+  int round = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    log_.clear();
+    const auto directory = dataDir_ / std::to_string(round++) / "app";
+    const auto file = directory / platform::kDeviceTokenFileName;
+    std::filesystem::create_directories(c.size ? directory : directory.parent_path());
+    if (c.size) {
+      ::chmod(directory.c_str(), 0700);
+      const auto written = c.symlink ? directory / "elsewhere" : file;
+      std::ofstream(written, std::ios::binary) << std::string(c.size, '\xab');
+      ::chmod(written.c_str(), c.mode);
+      if (c.symlink) std::filesystem::create_symlink(written, file);
+    }
+
+    const std::optional<Bytes> token = platform::loadOrCreateDeviceToken(directory);
+    ASSERT_TRUE(token);
+    EXPECT_EQ(token->size(), platform::kDeviceTokenBytes);
+    EXPECT_EQ(*token == Bytes(32, 0xab), c.kept);
+    EXPECT_EQ(contents(file), *token);
+    struct stat st {};
+    ASSERT_EQ(::lstat(file.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    ASSERT_EQ(::stat(directory.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0700u);
+    EXPECT_EQ(log_.lines().empty(), c.kept || !c.size);
+    EXPECT_EQ(platform::loadOrCreateDeviceToken(directory), token) << "the same token next time";
+  }
+}
+
+// A broker that is not there yet: one failure with the reason, retries, and
+// the token once it is up. The device is the data directory's token, reported
+// once per registration and by every instance. Its session outlives the
+// client: what was pushed while the app was away arrives once each, in order.
+// It outlives a broker restart too; QoS 1 lets the broker repeat a push whose
+// acknowledgement the restart cut off, but nothing is lost.
+TEST_F(PushTest, PushesOutliveTheClientAndTheBroker) {
+  auto seen = std::make_shared<Seen>();
+  auto service = makeService();
+  service->registerForRemoteNotifications(recordInto(seen));
+  ASSERT_TRUE(waitFor([&] { return !seen->errors.empty(); }));
+  EXPECT_EQ(seen->errors[0].domain, platform::kQuorviaPushErrorDomain);
+  EXPECT_EQ(seen->errors[0].code, platform::kQuorviaPushErrorUnreachable);
+  EXPECT_NE(seen->errors[0].localizedDescription().find("cannot be reached: Connection refused"),
+            std::string::npos);
+  ASSERT_TRUE(startBroker());
+  ASSERT_TRUE(waitFor([&] { return !seen->tokens.empty(); }));
+  const Bytes token = seen->tokens[0];
+  EXPECT_EQ(token, contents(appData() / platform::kDeviceTokenFileName));
+  auto other = std::make_shared<Seen>();
+  EXPECT_EQ(registerAndWait(*service, other), token) << "a later call reports it again";
+  const std::string topic = deviceTopic(token);
+  service.reset();
+  auto publish = [&](int from, int to) {
+    DeviceSubscriber publisher(port_);
+    for (int n = from; n < to; ++n) ASSERT_TRUE(publisher.publish(topic, numbered(n).dump()));
+  };
+  auto arrived = [&](int n) {
+    return waitFor(
+        [&] { return !seen->payloads.empty() && seen->payloads.back().value("n", -1) == n; });
+  };
+  publish(0, 100);
+  service = makeService();
+  service->registerForRemoteNotifications(recordInto(seen));
+  ASSERT_TRUE(waitFor([&] { return seen->tokens.size() == 2; }));
+  EXPECT_EQ(seen->tokens[1], token) << "a new instance, the same device";
+  publish(100, 101);  // after the reconnect: it comes after every queued one
+  ASSERT_TRUE(arrived(100));
+  std::vector<int> expected(101);
+  std::iota(expected.begin(), expected.end(), 0);
+  EXPECT_EQ(seen->numbers(), expected) << "none lost, none twice";
+  EXPECT_EQ(seen->payloads.front(), numbered(0));
+
+  broker_->stop();
+  ASSERT_TRUE(startBroker());
+  publish(101, 102);
+  ASSERT_TRUE(arrived(101));
+  const std::vector<int> numbers = seen->numbers();
+  EXPECT_TRUE(std::all_of(numbers.begin() + 101, numbers.end() - 1, [](int n) { return n <= 100; }))
+      << "only repeats of acknowledged-late pushes before the new one";
+  EXPECT_EQ(seen->tokens.size(), 2u) << "a reconnect does not report the token again";
+  EXPECT_EQ(other->tokens.size(), 1u);
+  EXPECT_EQ(seen->errors.size(), 1u) << "the failure was reported once";
+}
+
+// Only JSON objects within the size limit reach the handler; everything else
+// is logged with one line and the client carries on.
+TEST_F(PushTest, OnlyJsonObjectsWithinTheLimitArrive) {
+  ASSERT_TRUE(startBroker());
+  auto seen = std::make_shared<Seen>();
+  auto service = makeService();
+  const std::string topic = deviceTopic(registerAndWait(*service, seen));
+  const std::string dropped[] = {
+      "hello",
+      "[1,2]",
+      "",
+      "{\"a\":\"\xff\"}",
+      std::string(600, '[') + std::string(600, ']'),
+      "{\"blob\":\"" + std::string(platform::kMaxPushPayloadBytes, 'y') + "\"}"};
+  const Value large = {{"aps", {{"alert", "large"}}}, {"blob", std::string(1 << 20, 'x')}};
+  DeviceSubscriber publisher(port_);
+  for (const auto& payload : dropped) ASSERT_TRUE(publisher.publish(topic, payload));
+  ASSERT_TRUE(publisher.publish(topic, large.dump()));
+  ASSERT_TRUE(waitFor([&] { return !seen->payloads.empty(); }));
+  EXPECT_EQ(seen->payloads, std::vector<Value>{large}) << "what came before was dropped";
+  int lines = 0;
+  for (const auto& line : log_.lines()) lines += line.starts_with("QuorviaSDK: push dropped");
+  EXPECT_EQ(lines, 6);
+}
+
+// The push service's token and payloads reach the delegate; a payload comes
+// through the fetch form when the delegate has it, else the plain form. The fetch completion counts
+// once; one never called is logged when the platform's 30 s for the push are over, not before.
+TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnce) {
+  const std::string_view plain = platform::kDidReceiveRemoteNotificationSelector,
+                         fetch = platform::kDidReceiveRemoteNotificationFetchSelector;
+  struct Case {
+    bool withFetch;
+    int completions, notCalledLines, calledAgainLines;
+  };
+  // Through the platform, from the broker.
+  ASSERT_TRUE(startBroker());
+  env_->setPushService(makeService());
+  installDelegate({platform::kDidRegisterForRemoteNotificationsSelector, plain});
+  platform::Application::sharedApplication().registerForRemoteNotifications();
+  ASSERT_TRUE(waitFor([&] { return calls_->size() == 1; }));
+  DeviceSubscriber publisher(port_);
+  ASSERT_TRUE(
+      publisher.publish(deviceTopic(*calls_->front().second.deviceToken), numbered(1).dump()));
+  ASSERT_TRUE(waitFor([&] { return calls_->size() == 2; }));
+  EXPECT_EQ(calls_->back().first, plain);
+  EXPECT_EQ(calls_->back().second.userInfo, numbered(1));
+  env_->setPushService(nullptr);
+
+  for (const Case& c : {Case{false, 0, 0, 0}, {true, 0, 1, 0}, {true, 1, 0, 0}, {true, 3, 0, 2}}) {
+    SCOPED_TRACE(::testing::Message() << c.withFetch << " " << c.completions);
+    calls_->clear();
+    log_.clear();
+    installDelegate(c.withFetch ? std::vector{plain, fetch} : std::vector{plain});
+    platform::deliverRemoteNotification(numbered(1));
+    ASSERT_EQ(calls_->size(), 1u) << "one payload, one form";
+    const auto& [selector, arguments] = calls_->front();
+    EXPECT_EQ(selector, c.withFetch ? fetch : plain);
+    EXPECT_EQ(arguments.userInfo, numbered(1));
+    EXPECT_EQ(arguments.application, &platform::Application::sharedApplication());
+    EXPECT_EQ(static_cast<bool>(arguments.fetchCompletionHandler), c.withFetch);
+    for (int i = 0; i < c.completions; ++i) arguments.fetchCompletionHandler(0);
+    advance(29.9);
+    EXPECT_EQ(log_.count(kNotCalled), 0);
+    advance(0.2);
+    EXPECT_EQ(log_.count(kNotCalled), c.notCalledLines);
+    EXPECT_EQ(log_.count("QuorviaSDK: a push's fetch completion handler was called again; ignored"),
+              c.calledAgainLines);
+  }
+}
+
+}  // namespace
+}  // namespace quorvia::testing
