@@ -4,9 +4,6 @@
 // service on loopback.
 
 #include <gio/gio.h>
-#include <poll.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -24,6 +21,7 @@
 #include "sdk/BannerController.h"
 #include "sdk/CategoriesManager.h"
 #include "sdk/SDKState.h"
+#include "support/ChildProcess.h"
 #include "support/LoopbackServer.h"
 #include "support/PlatformTest.h"
 #include "ui/QVNotificationView.h"
@@ -42,7 +40,13 @@ constexpr const char* kInterface = "org.freedesktop.Notifications";
 /// activates no services, so a notification daemon installed on the machine
 /// never joins the test. `address` is empty when it did not start.
 struct PrivateBus {
-  explicit PrivateBus(const std::filesystem::path& directory) {
+  explicit PrivateBus(const std::filesystem::path& directory)
+      : daemon({"dbus-daemon", "--config-file=" + writeConfig(directory), "--nofork",
+                "--print-address"}),
+        // It prints its address, one line, once it listens.
+        address(daemon.waitForLine([](const std::string&) { return true; })) {}
+
+  static std::string writeConfig(const std::filesystem::path& directory) {
     std::filesystem::create_directories(directory);
     const std::string config = (directory / "bus.conf").string();
     std::ofstream(config) << "<busconfig><type>session</type><listen>unix:dir="
@@ -50,29 +54,10 @@ struct PrivateBus {
                           << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
                              "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
                              "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    const std::string configFlag = "--config-file=" + config;
-    const char* argv[] = {"dbus-daemon", configFlag.c_str(), "--nofork", "--print-address",
-                          nullptr};
-    int out = -1;
-    if (!g_spawn_async_with_pipes(nullptr, const_cast<char**>(argv), nullptr,
-                                  GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
-                                  nullptr, nullptr, &pid, nullptr, &out, nullptr, nullptr)) {
-      return;
-    }
-    // The daemon prints its address, one line, once it listens.
-    char line[512] = {};
-    pollfd readable{out, POLLIN, 0};
-    if (::poll(&readable, 1, 10'000) == 1 && ::read(out, line, sizeof line - 1) > 0)
-      address = std::string(line, std::strcspn(line, "\n"));
-    ::close(out);
-  }
-  ~PrivateBus() {
-    if (pid <= 0) return;
-    ::kill(pid, SIGTERM);
-    ::waitpid(pid, nullptr, 0);
+    return config;
   }
 
-  GPid pid = -1;
+  ChildProcess daemon;  // ended by its PID with the test
   std::string address;
 };
 

@@ -3,17 +3,13 @@
 #include <arpa/inet.h>
 #include <mosquitto.h>
 #include <poll.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
 
-extern char** environ;
+#include "support/ChildProcess.h"
 
 namespace quorvia::testing {
 
@@ -50,14 +46,12 @@ bool MosquittoBroker::start(int port, std::string* error) {
   const int ready = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   std::filesystem::remove(socketPath);
   ::bind(ready, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  // env execs the broker in its place: the process id is the broker's.
-  std::string env = "/usr/bin/env", notify = "NOTIFY_SOCKET=" + socketPath,
-              program = "/usr/sbin/mosquitto", flag = "-c";
-  char* argv[] = {env.data(), notify.data(), program.data(), flag.data(), config.data(), nullptr};
-  if (::posix_spawn(&pid_, env.c_str(), nullptr, nullptr, argv, environ) != 0) pid_ = -1;
+  process_ =
+      std::make_unique<ChildProcess>(std::vector<std::string>{"/usr/sbin/mosquitto", "-c", config},
+                                     ChildProcessOptions{{"NOTIFY_SOCKET=" + socketPath}});
   char message[256] = {};
   pollfd readable{ready, POLLIN, 0};
-  const bool up = pid_ > 0 && ::poll(&readable, 1, 10'000) == 1 &&
+  const bool up = ::poll(&readable, 1, 10'000) == 1 &&
                   ::recv(ready, message, sizeof message - 1, 0) > 0 &&
                   std::string_view(message).find("READY=1") != std::string_view::npos;
   ::close(ready);
@@ -65,22 +59,13 @@ bool MosquittoBroker::start(int port, std::string* error) {
   return up;
 }
 
-void MosquittoBroker::stop() {
-  if (pid_ > 0) {
-    ::kill(pid_, SIGTERM);
-    // SIGTERM lets it save its sessions, but an idle broker may act on it
-    // only when its loop next wakes: after a bounded wait for its exit, kill.
-    bool exited = false;
-    if (const int exitFd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)); exitFd >= 0) {
-      pollfd exit{exitFd, POLLIN, 0};
-      exited = ::poll(&exit, 1, 10'000) == 1;
-      ::close(exitFd);
-    }
-    if (!exited) ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-}
+// SIGTERM lets it save its sessions, but an idle broker may act on it only
+// when its loop next wakes: the process is killed after a bounded wait.
+void MosquittoBroker::stop() { process_.reset(); }
+
+MosquittoBroker::MosquittoBroker(std::filesystem::path directory)
+    : directory_(std::move(directory)) {}
+MosquittoBroker::~MosquittoBroker() = default;
 
 DeviceSubscriber::DeviceSubscriber(int port) {
   mosquitto_lib_init();

@@ -2,12 +2,11 @@
 // A mosquitto broker on a loopback port, started and stopped by the test that
 // owns it, and a client that records what devices would receive.
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,11 +17,13 @@ struct mosquitto;
 
 namespace quorvia::testing {
 
+class ChildProcess;
+
 class MosquittoBroker final {
  public:
   /// Keeps its configuration and persistence under `directory`; nothing runs yet.
-  explicit MosquittoBroker(std::filesystem::path directory) : directory_(std::move(directory)) {}
-  ~MosquittoBroker() { stop(); }
+  explicit MosquittoBroker(std::filesystem::path directory);
+  ~MosquittoBroker();
   MosquittoBroker(const MosquittoBroker&) = delete;
   MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
@@ -39,7 +40,7 @@ class MosquittoBroker final {
  private:
   std::filesystem::path directory_;
   int port_ = 0;
-  pid_t pid_ = -1;
+  std::unique_ptr<ChildProcess> process_;
 };
 
 struct Delivery {

@@ -1,19 +1,10 @@
 // The desktop host in a real X window: Xvfb, a broker, the devserver and the host are started
 // here; xdotool clicks where the host says the banner's rows are, and screenshots show the
 // banner's pixels there.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
-#include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -21,101 +12,18 @@
 #include <nlohmann/json.hpp>
 #include <regex>
 
+#include "support/ChildProcess.h"
 #include "support/MosquittoBroker.h"
 #include "support/PlatformTest.h"
-
-extern char** environ;
 
 namespace quorvia {
 namespace {
 
-using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
-
 constexpr const char* kAdminToken = "window-test-admin";
 constexpr const char* kAppToken = "window-test-app";
-constexpr auto kBound = 30s;
 constexpr int kScreenWidth = 375;
-
-// A program the test starts, its stdout and stderr read as one stream of lines, and ended by
-// its PID when the test is done (SIGTERM, then SIGKILL after a few seconds).
-class Child final {
- public:
-  explicit Child(std::vector<std::string> argv) {
-    int out[2];
-    if (::pipe2(out, O_CLOEXEC) != 0) return;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 2);
-    std::vector<char*> args;
-    for (auto& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    if (posix_spawnp(&pid_, args[0], &actions, nullptr, args.data(), environ) != 0) pid_ = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(out[1]);
-    fd_ = out[0];
-  }
-  ~Child() {
-    if (pid_ > 0 && (::kill(pid_, SIGTERM), !ended(5s))) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-    if (fd_ >= 0) ::close(fd_);
-  }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  // The first line of its output that `match` accepts, waiting for it within kBound; "" if none.
-  std::string waitForLine(const std::function<bool(const std::string&)>& match) {
-    const auto deadline = Clock::now() + kBound;
-    for (std::size_t i = 0;; ++i) {
-      while (i >= lines_.size()) {
-        if (!pump(deadline)) return "";
-      }
-      if (match(lines_[i])) return lines_[i];
-    }
-  }
-  std::string output() const {
-    std::string all;
-    for (const auto& line : lines_) all += line + "\n";
-    return all;
-  }
-
- private:
-  // Reaps it if it ends within `bound` (its process descriptor becomes readable then).
-  bool ended(std::chrono::milliseconds bound) {
-    if (const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)); pidfd >= 0) {
-      pollfd fd{pidfd, POLLIN, 0};
-      ::poll(&fd, 1, static_cast<int>(bound.count()));
-      ::close(pidfd);
-    }
-    return ::waitpid(pid_, nullptr, WNOHANG) == pid_;
-  }
-  // Reads one chunk into lines_; false at the end of the output or at `deadline`.
-  bool pump(Clock::time_point deadline) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-    pollfd fd{fd_, POLLIN, 0};
-    if (fd_ < 0 || left.count() <= 0) return false;
-    if (const int n = ::poll(&fd, 1, static_cast<int>(left.count())); n <= 0) return errno == EINTR;
-    char chunk[4096];
-    const ssize_t got = ::read(fd_, chunk, sizeof chunk);
-    if (got <= 0) {
-      ::close(fd_);
-      fd_ = -1;
-      return false;
-    }
-    buffer_.append(chunk, static_cast<std::size_t>(got));
-    for (std::size_t nl; (nl = buffer_.find('\n')) != std::string::npos; buffer_.erase(0, nl + 1))
-      lines_.push_back(buffer_.substr(0, nl));
-    return true;
-  }
-  pid_t pid_ = -1;
-  int fd_ = -1;
-  std::string buffer_;
-  std::vector<std::string> lines_;
-};
+// What a program says on standard error belongs to the failure message too.
+const testing::ChildProcess::Options kMerged{.errorsInOutput = true};
 
 struct Box {
   double x = 0, y = 0, w = 0, h = 0;
@@ -134,7 +42,7 @@ std::vector<Box> boxesOf(const std::string& line) {
   return boxes;
 }
 
-// Runs a short command on `display` (coreutils' timeout ends it after kBound) and returns the
+// Runs a short command on `display` (coreutils' timeout ends it after 30 s) and returns the
 // first line it printed, or nothing when it failed.
 std::optional<std::string> run(const std::string& display, const std::string& command) {
   FILE* out = ::popen(("DISPLAY=" + display + " timeout 30 " + command).c_str(), "r");
@@ -176,7 +84,8 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   std::printf("working in %s\n", dir.c_str());
 
   // The X server picks a free display number and writes it once it is ready.
-  Child xvfb({"Xvfb", "-displayfd", "1", "-screen", "0", "375x667x24", "-nolisten", "tcp"});
+  testing::ChildProcess xvfb(
+      {"Xvfb", "-displayfd", "1", "-screen", "0", "375x667x24", "-nolisten", "tcp"}, kMerged);
   const std::string number = xvfb.waitForLine([](const std::string& l) {
     return !l.empty() && l.find_first_not_of("0123456789") == std::string::npos;
   });
@@ -189,9 +98,10 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
   std::string brokerError;
   ASSERT_TRUE(broker.start(testing::MosquittoBroker::freePort(), &brokerError)) << brokerError;
 
-  Child server({QUORVIA_DEVSERVER_BINARY, "--port", "0", "--db",
-                (dir / "devserver.sqlite3").string(), "--admin-token", kAdminToken, "--broker",
-                broker.url()});
+  testing::ChildProcess server(
+      {QUORVIA_DEVSERVER_BINARY, "--port", "0", "--db", (dir / "devserver.sqlite3").string(),
+       "--admin-token", kAdminToken, "--broker", broker.url()},
+      kMerged);
   constexpr std::string_view kListening = "listening on http://127.0.0.1:";
   const std::string listening =
       server.waitForLine([&](const std::string& l) { return l.rfind(kListening, 0) == 0; });
@@ -208,11 +118,13 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
 
   // SDL's software renderer has the X server draw each frame before the present returns, so
   // a screenshot after a printed frame shows it.
-  Child host({"env", "DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
-              "QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" + std::to_string(port),
-              "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string(),
-              QUORVIA_DESKTOP_HOST_BINARY, "--print-frames", "--app-token", kAppToken, "--data-dir",
-              (dir / "host").string()});
+  testing::ChildProcess host(
+      {"env", "DISPLAY=" + display, "SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
+       "QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" + std::to_string(port),
+       "QUORVIA_PUSH_BROKER=" + broker.url(), "XDG_DATA_HOME=" + dir.string(),
+       QUORVIA_DESKTOP_HOST_BINARY, "--print-frames", "--app-token", kAppToken, "--data-dir",
+       (dir / "host").string()},
+      kMerged);
   ASSERT_FALSE(host.waitForLine(containing("host: ready")).empty()) << host.output();
   // The device registers through the broker before a fetch can be answered.
   ASSERT_FALSE(host.waitForLine(containing("Successfully registered device push token.")).empty())
