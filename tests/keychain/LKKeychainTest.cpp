@@ -198,10 +198,7 @@ TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
     }
   };
   bool ok1 = true, ok2 = true;
-  std::thread t1(worker, "one", &ok1);
-  std::thread t2(worker, "two", &ok2);
-  t1.join();
-  t2.join();
+  { std::jthread t1(worker, "one", &ok1), t2(worker, "two", &ok2); }  // both joined
   EXPECT_TRUE(ok1 && ok2);
   const auto shared = LKKeychain::passwordForService("polls", "shared");
   EXPECT_TRUE(shared == "one39" || shared == "two39") << platform::describe(shared);

@@ -20,9 +20,9 @@ platform::Bytes encodedImage(const std::string& format, int width, int height) {
   const platform::Bytes pixels(static_cast<std::size_t>(width) * height, 0x80);
   platform::Bytes out;
   const auto append = [](void* context, void* data, int size) {
-    auto* bytes = static_cast<platform::Bytes*>(context);
-    bytes->insert(bytes->end(), static_cast<std::uint8_t*>(data),
-                  static_cast<std::uint8_t*>(data) + size);
+    auto& sink = *static_cast<platform::Bytes*>(context);
+    const auto* bytes = static_cast<std::uint8_t*>(data);
+    sink.insert(sink.end(), bytes, bytes + size);
   };
   if (format == "png") stbi_write_png_to_func(append, &out, width, height, 1, pixels.data(), width);
   if (format == "jpg") stbi_write_jpg_to_func(append, &out, width, height, 1, pixels.data(), 90);
@@ -40,9 +40,7 @@ class PlatformNetTest : public PlatformTest {
   std::filesystem::path file(const std::string& name) const { return dataDir_ / name; }
 
   static void writeFile(const std::filesystem::path& path, const platform::Bytes& bytes) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary) << std::string(bytes.begin(), bytes.end());
   }
 
   static platform::URLRequest requestFor(const std::string& url) {
@@ -161,7 +159,7 @@ TEST_F(PlatformNetTest, OnlyPngJpegAndGifWithinThePixelCapDecode) {
     const auto image = platform::imageWithData(bytes);
     EXPECT_EQ(image != nullptr, decodes) << name;
     if (image) {
-      EXPECT_EQ(image->rgba.size(), static_cast<std::size_t>(image->width) * image->height * 4);
+      EXPECT_EQ(image->rgba.size(), std::size_t{4} * image->width * image->height);
     }
   }
 }
@@ -175,9 +173,8 @@ TEST_F(PlatformNetTest, DatesOutsideTheClockRangeAreNil) {
       {"2026-11-22 12:00:00", true},  {"2261-06-01 00:00:00", true},
       {"2263-01-01 00:00:00", false}, {"9999-12-31 23:59:59", false},
       {"1677-01-01 00:00:00", false}, {"123456789-01-01 00:00:00", false}};
-  for (const auto& [text, parses] : cases) {
+  for (const auto& [text, parses] : cases)
     EXPECT_EQ(formatter.dateFromString(text).has_value(), parses) << text;
-  }
   const auto late = formatter.dateFromString("2261-06-01 00:00:00");
   ASSERT_TRUE(late);
   const auto date = std::make_shared<const platform::SystemTime>(*late);
@@ -232,17 +229,12 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
                                                        {"/at-limit", false, false}};
   for (const auto& [path, cached, exceeds] : cases) {
     SCOPED_TRACE(path + (cached ? " cached" : ""));
-    bool called = false;
-    std::optional<platform::Bytes> body;
-    std::optional<platform::Error> error;
-    auto done = [&](std::optional<platform::Bytes> data, std::optional<platform::Error> e) {
-      called = true;
-      body = std::move(data);
-      error = std::move(e);
-    };
-    SimpleNetworking::shared().callNSURLSessionWithType(0, base + path, std::nullopt, cached, 60,
-                                                        false, "", "", std::nullopt, done);
-    ASSERT_TRUE(loop_->runUntil([&] { return called; }, platform::seconds(60)));
+    std::optional<std::pair<std::optional<platform::Bytes>, std::optional<platform::Error>>> got;
+    SimpleNetworking::shared().callNSURLSessionWithType(
+        0, base + path, std::nullopt, cached, 60, false, "", "", std::nullopt,
+        [&](auto data, auto e) { got.emplace(std::move(data), std::move(e)); });
+    ASSERT_TRUE(loop_->runUntil([&] { return got.has_value(); }, platform::seconds(60)));
+    const auto& [body, error] = *got;
     EXPECT_EQ(body.has_value(), !exceeds);
     EXPECT_EQ(body ? body->size() : 0, exceeds ? 0 : kLimit);
     ASSERT_EQ(error.has_value(), exceeds);

@@ -27,11 +27,11 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
   };
   const Value param = {{"a", 1},   {"n", nullptr}, {"s", "x y"},
                        {"f", 0.5}, {"t", true},    {"c", "&="}};
-  const auto raw = [](int code) -> Call {
-    return [code](const std::string& url, SimpleNetworking::Returned r) {
+  const Value kv = {{"k", "v"}};
+  const auto raw = [&kv](int code) -> Call {
+    return [code, &kv](const std::string& url, SimpleNetworking::Returned r) {
       SimpleNetworking::shared().callNSURLSessionWithType(
-          code, url, Value{{"k", "v"}}, false, 0, code == 7, "n", "png", std::nullopt,
-          [r](auto data, auto error) {
+          code, url, kv, false, 0, code == 7, "n", "png", std::nullopt, [r](auto data, auto error) {
             r(platform::parseJson(std::string(data->begin(), data->end())), error);
           });
     };
@@ -51,10 +51,8 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
       {"POST without params has an empty body", "/p",
        [](auto& url, auto r) { SimpleNetworking::postToURL(url, std::nullopt, r); }, "POST /p", ""},
       {"PUT is form-encoded", "/put",
-       [](auto& url, auto r) {
-         SimpleNetworking::putToURL(url, Value{{"k", "v"}}, r);
-       },
-       "PUT /put", "k=v", kForm},
+       [&](auto& url, auto r) { SimpleNetworking::putToURL(url, kv, r); }, "PUT /put", "k=v",
+       kForm},
       {"delete sends PUT", "/del",
        [](auto& url, auto r) {
          SimpleNetworking::deleteFromURL(url, Value{{"k", "v"}, {"j", "w"}}, r);
