@@ -51,11 +51,8 @@ class PlatformNetTest : public PlatformTest {
   }
 
   static platform::CachedURLResponse answer(std::size_t size, char fill) {
-    platform::CachedURLResponse cached;
-    cached.response.statusCode = 200;
-    cached.response.allHeaderFields = {{"Content-Type", "application/json"}};
-    cached.data.assign(size, static_cast<std::uint8_t>(fill));
-    return cached;
+    return {{"", 200, {{"Content-Type", "application/json"}}},
+            platform::Bytes(size, static_cast<std::uint8_t>(fill))};
   }
 };
 

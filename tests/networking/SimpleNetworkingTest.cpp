@@ -54,10 +54,8 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
        [&](auto& url, auto r) { SimpleNetworking::putToURL(url, kv, r); }, "PUT /put", "k=v",
        kForm},
       {"delete sends PUT", "/del",
-       [](auto& url, auto r) {
-         SimpleNetworking::deleteFromURL(url, Value{{"k", "v"}, {"j", "w"}}, r);
-       },
-       "PUT /del", "k=v&j=w", kForm},
+       [&](auto& url, auto r) { SimpleNetworking::deleteFromURL(url, param, r); }, "PUT /del",
+       "a=1&s=x y&f=0.5&t=1&c=&=", kForm},
       {"image POST is the multipart layout followed by the params", "/img",
        [](auto& url, auto r) {
          SimpleNetworking::postImageToURL(
@@ -136,7 +134,6 @@ TEST_F(SimpleNetworkingTest, AnswersDecodeToJsonOrNilWhateverTheStatus) {
       {{404, "application/json", "{\"detail\":\"missing\"}"}, Value{{"detail", "missing"}}},
       {{200, "application/json", "[1,2]"}, Value::array({1, 2})},
       {{200, "application/json", "3"}, std::nullopt},
-      {{200, "application/json", "\"text\""}, std::nullopt},
       {{200, "application/json", ""}, std::nullopt},
       {{200, "application/json", "{\"cut\":"}, std::nullopt},
       // A self-signed certificate is accepted as offered.
