@@ -30,11 +30,13 @@ class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParam
     env_->setKeychainStore(store_);
   }
   static LKKeychainQuery tokenQuery(
-      LKKeychainQuerySynchronizationMode mode = LKKeychainQuerySynchronizationModeAny) {
+      LKKeychainQuerySynchronizationMode mode = LKKeychainQuerySynchronizationModeAny,
+      const char* password = nullptr) {
     LKKeychainQuery query;
     query.setService("polls");
     query.setAccount("user_token");
     query.setSynchronizationMode(mode);
+    if (password) query.setPassword(password);
     return query;
   }
 
@@ -133,11 +135,7 @@ TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
   const std::pair<LKKeychainQuerySynchronizationMode, const char*> items[] = {
       {LKKeychainQuerySynchronizationModeYes, "synced"},
       {LKKeychainQuerySynchronizationModeNo, "local"}};
-  for (const auto& [mode, password] : items) {
-    auto query = tokenQuery(mode);
-    query.setPassword(password);
-    ASSERT_TRUE(query.save());
-  }
+  for (const auto& [mode, password] : items) ASSERT_TRUE(tokenQuery(mode, password).save());
   for (const auto& [mode, password] : items) {
     auto query = tokenQuery(mode);
     ASSERT_TRUE(query.fetch());
@@ -145,9 +143,8 @@ TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
     EXPECT_EQ(query.fetchAll()->size(), 1u);
   }
   EXPECT_EQ(tokenQuery().fetchAll()->size(), 2u);
-  auto grouped = tokenQuery(LKKeychainQuerySynchronizationModeNo);
+  auto grouped = tokenQuery(LKKeychainQuerySynchronizationModeNo, "shared");
   grouped.setAccessGroup("team.shared");
-  grouped.setPassword("shared");
   ASSERT_TRUE(grouped.save());
   EXPECT_EQ(tokenQuery().fetchAll()->size(), 3u) << "another group's item is another item";
 }

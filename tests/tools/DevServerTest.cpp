@@ -255,8 +255,7 @@ TEST_F(DevServerTest, EventStreamCarriesRepliesAsTheyArriveAndEndsAtStop) {
   std::promise<json> firstEvent;
   std::thread reader([&] {
     std::string text;
-    bool seen = false;
-    client().Get("/admin/events", [&](const char* data, size_t length) {
+    client().Get("/admin/events", [&, seen = false](const char* data, size_t length) mutable {
       if (text.empty()) connected.set_value();
       text.append(data, length);
       size_t at = text.find("data: "), end = text.find("\n\n", at);
