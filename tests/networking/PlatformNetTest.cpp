@@ -37,19 +37,15 @@ using platform::Value;
 
 class PlatformNetTest : public PlatformTest {
  protected:
-  std::filesystem::path file(const std::string& name) const { return dataDir_ / name; }
-
   static void writeFile(const std::filesystem::path& path, const platform::Bytes& bytes) {
     std::ofstream(path, std::ios::binary) << std::string(bytes.begin(), bytes.end());
   }
-
   static platform::URLRequest requestFor(const std::string& url) {
     return platform::URLRequest::requestWithURL(platform::URLWithString(url));
   }
   static bool has(platform::URLCache& cache, const std::string& url) {
     return static_cast<bool>(cache.cachedResponseForRequest(requestFor(url)));
   }
-
   static platform::CachedURLResponse answer(std::size_t size, char fill) {
     return {{"", 200, {{"Content-Type", "application/json"}}},
             platform::Bytes(size, static_cast<std::uint8_t>(fill))};
@@ -57,28 +53,21 @@ class PlatformNetTest : public PlatformTest {
 };
 
 TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
+  const auto archived = platform::archivedDataWithRootObject(Value{{"key", "value"}});
+  // A few hundred KB that once overflowed the stack at every launch.
+  platform::Bytes nested = {'q', 'v', 'k', 'a', 1, 0xA1, 0x63, 'k', 'e', 'y'};
+  nested.insert(nested.end(), 200000, 0x81);
+  nested.push_back(0x00);
   const std::vector<std::pair<std::string, platform::Bytes>> cases = {
       {"garbage", platform::Bytes(64, 0x5a)},
       {"array", platform::archivedDataWithRootObject(Value::array({1, 2}))},
-      {"truncated",
-       [] {
-         auto bytes = platform::archivedDataWithRootObject(Value{{"key", "value"}});
-         bytes.resize(bytes.size() - 3);
-         return bytes;
-       }()},
+      {"truncated", platform::Bytes(archived.begin(), archived.end() - 3)},
       {"empty", {}},
-      // A few hundred KB that once overflowed the stack at every launch.
-      {"nested 200000 deep",
-       [] {
-         platform::Bytes bytes = {'q', 'v', 'k', 'a', 1, 0xA1, 0x63, 'k', 'e', 'y'};
-         bytes.insert(bytes.end(), 200000, 0x81);
-         bytes.push_back(0x00);
-         return bytes;
-       }()},
+      {"nested 200000 deep", nested},
   };
   for (const auto& [name, bytes] : cases) {
     SCOPED_TRACE(name);
-    const auto path = file(name + ".qvka");
+    const auto path = dataDir_ / (name + ".qvka");
     writeFile(path, bytes);
     auto defaults = platform::makeFileUserDefaults(path);
     EXPECT_FALSE(defaults->objectForKey("key"));
@@ -97,7 +86,7 @@ TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
 }
 
 TEST_F(PlatformNetTest, UrlCacheEvictsLeastRecentlyUsedAndKeepsToMemoryWithoutItsStore) {
-  const auto path = file("cache/URLCache.sqlite");
+  const auto path = dataDir_ / "cache/URLCache.sqlite";
   {
     platform::URLCache cache(250, 250, path);
     cache.storeCachedResponse(answer(100, 'a'), requestFor("http://h/a"));
@@ -124,7 +113,7 @@ TEST_F(PlatformNetTest, UrlCacheEvictsLeastRecentlyUsedAndKeepsToMemoryWithoutIt
   EXPECT_TRUE(has(reopened, "http://h/c"));
 
   // A store that cannot be read is left alone, and the cache keeps to memory.
-  const auto broken = file("broken.sqlite");
+  const auto broken = dataDir_ / "broken.sqlite";
   writeFile(broken, platform::Bytes(4096, 0x5a));
   platform::URLCache memoryOnly(1000, 1000, broken);
   memoryOnly.storeCachedResponse(answer(10, 'm'), requestFor("http://h/m"));
@@ -183,7 +172,7 @@ TEST_F(PlatformNetTest, DatesOutsideTheClockRangeAreNil) {
 // Every file the SDK writes is 0600 in a 0700 directory, whatever the umask.
 TEST_F(PlatformNetTest, FilesTheSdkWritesArePrivate) {
   ::umask(022);
-  const auto dir = file("private");
+  const auto dir = dataDir_ / "private";
   {
     auto defaults = platform::makeFileUserDefaults(dir / "UserDefaults.qvka");
     defaults->setObject(Value(1), "k");

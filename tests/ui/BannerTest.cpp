@@ -1,6 +1,5 @@
-// The poll banner: how the controller presents, expands, answers and hides it
-// in the key window; its table's rows from the layout files, their deferred
-// corner masks and highlights; the events its model reports; how it is drawn.
+// The poll banner: the controller's presenting, expanding, answering and hiding;
+// its table's rows, masks and highlights; its model's events; how it is drawn.
 
 #include "platform/ApplicationRecords.h"
 #include "platform/Renderer.h"
@@ -112,10 +111,8 @@ TEST_F(BannerControllerTest, TappingTheCardLaysABackdropUnderTheBanner) {
 
 TEST_F(BannerControllerTest, ChoosingAnOptionRepliesThenHidesThenOpensTheLink) {
   // A link, and whether it opens; an invalid one is named in the log.
-  const std::pair<std::string, bool> cases[] = {{"", false},
-                                                {"https://example.com/more", true},
-                                                {"not a link", false},
-                                                {"ftp://e.com", false}};
+  const std::pair<std::string, bool> cases[] = {
+      {"", false}, {"https://e.com/more", true}, {"not a link", false}, {"ftp://e.com", false}};
   auto& app = platform::Application::sharedApplication();
   for (const auto& [link, opens] : cases) {
     SCOPED_TRACE(link);
@@ -187,18 +184,19 @@ TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) 
   EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
 }
 
-class BannerRowsTest : public testing::PlatformTest {
- protected:
-  // Option 1 of the poll carries a link.
-  std::shared_ptr<QVNotificationView> banner(int options) {
-    std::vector<std::pair<std::string, std::string>> list;
-    for (int i = 0; i < options; ++i)
-      list.emplace_back("Option " + std::to_string(i), i == 1 ? "https://example.com/1" : "");
-    auto view = QVNotificationView::initWithFrame(Rect::make(0, 0, 375, 330));
-    view->setPoll(QVModelPoll::objectWithDictionary(pollDict("Which?", list)));
-    return view;
-  }
-};
+// A poll of options named "Option i"; option 1 carries a link.
+std::shared_ptr<QVModelPoll> optionsPoll(int options) {
+  std::vector<std::pair<std::string, std::string>> list;
+  for (int i = 0; i < options; ++i)
+    list.emplace_back("Option " + std::to_string(i), i == 1 ? "https://example.com/1" : "");
+  return QVModelPoll::objectWithDictionary(pollDict("Which?", list));
+}
+std::shared_ptr<QVNotificationView> optionsBanner(int options) {
+  auto view = QVNotificationView::initWithFrame(Rect::make(0, 0, 375, 330));
+  view->setPoll(optionsPoll(options));
+  return view;
+}
+using BannerRowsTest = testing::PlatformTest;
 
 // The masks are built on the main queue after the layout pass, from the
 // container's bounds; a single option is rounded at the top only, by design. A
@@ -210,7 +208,7 @@ TEST_F(BannerRowsTest, RowsFollowTheModelWithDeferredMasks) {
       {0, {}, {}}, {1, {3}, {10}}, {3, {3, 12, 12}, {10, 0, 10}}};
   for (const auto& [options, corners, radii] : cases) {
     SCOPED_TRACE(options);
-    auto view = banner(options);
+    auto view = optionsBanner(options);
     ASSERT_TRUE(view->isLoaded());
     view->setShowOptions(true);
     EXPECT_NO_THROW(view->setShowOptions(true));
@@ -254,7 +252,7 @@ TEST_F(BannerRowsTest, RowsFollowTheModelWithDeferredMasks) {
 
 TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
   auto window = platform::keyWindow();
-  auto view = banner(1);
+  auto view = optionsBanner(1);
   window->addSubview(view);
   view->setShowOptions(true);
   auto cell = testing::cellAt<QVNotificationActionCell>(*view, 1, 0);
@@ -285,8 +283,7 @@ TEST(NotificationViewModel, SelectionsReachTheDelegateHeldWeakly) {
   };
   auto delegate = std::make_shared<Recorder>();
   QVNotificationViewModel model;
-  model.setPoll(QVModelPoll::objectWithDictionary(pollDict(
-      "Which?", {{"Option 0", ""}, {"Option 1", "https://example.com/1"}, {"Option 2", ""}})));
+  model.setPoll(optionsPoll(3));
   model.setDelegate(delegate);
   for (const auto& [section, row] : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 1}, {1, 7}, {1, -1}})
     model.didSelectRow(section, row);
