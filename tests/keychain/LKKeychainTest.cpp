@@ -44,13 +44,17 @@ class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParam
 };
 
 // A second save updates the one item: password and modification date change,
-// the label and creation date stay, and a listing never carries the secret.
+// the label and creation date stay, and a listing never carries the secret. The
+// accessibility type is given to added and updated items and narrows listings,
+// never reads.
 TEST_P(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) {
+  EXPECT_EQ(LKKeychain::accessibilityType(), std::nullopt);
   auto query = tokenQuery();
   query.setLabel("original");
   query.setPassword("one");
   ASSERT_TRUE(query.save());
   advanceWallClock(90);
+  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAfterFirstUnlock);
   query.setLabel("renamed");
   query.setPassword("two");
   ASSERT_TRUE(query.save());
@@ -66,7 +70,12 @@ TEST_P(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) 
   EXPECT_EQ(item[kLKKeychainCreatedAtKey].get<double>(), 1795262400.0);
   EXPECT_EQ(item[kLKKeychainLastModifiedKey].get<double>(), 1795262490.0);
   EXPECT_FALSE(item.contains("v_Data"));
-  EXPECT_EQ(LKKeychain::allAccounts()->size(), 2u);
+  const auto all = LKKeychain::allAccounts();
+  ASSERT_TRUE(all && all->size() == 2);
+  for (const auto& each : *all) EXPECT_EQ(each["pdmn"], "ck") << each.dump();
+  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAlways);
+  EXPECT_EQ(LKKeychain::allAccounts(), std::nullopt);
+  EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "two");
 }
 
 // Missing arguments are refused before any keychain call; absent items are
@@ -165,22 +174,6 @@ TEST_P(LKKeychainTest, FailedStepStopsTheSaveWithItsCode) {
   store_->clearFaults();
   EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "before");
   EXPECT_EQ(LKKeychain::allAccounts()->size(), 1u);
-}
-
-// The type is given to added and updated items and narrows listings, never reads.
-TEST_P(LKKeychainTest, AccessibilityTypeIsSavedAndNarrowsListings) {
-  EXPECT_EQ(LKKeychain::accessibilityType(), std::nullopt);
-  ASSERT_TRUE(LKKeychain::setPassword("one", "polls", "user_token"));
-  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAfterFirstUnlock);
-  ASSERT_TRUE(LKKeychain::setPassword("two", "polls", "user_token"));
-  ASSERT_TRUE(LKKeychain::setPassword("new", "polls", "added"));
-  const auto items = LKKeychain::allAccounts();
-  ASSERT_TRUE(items && items->size() == 2);
-  for (const auto& item : *items) EXPECT_EQ(item["pdmn"], "ck") << item.dump();
-
-  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAlways);
-  EXPECT_EQ(LKKeychain::allAccounts(), std::nullopt);
-  EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "two");
 }
 
 TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {

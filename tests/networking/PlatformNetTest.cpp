@@ -206,10 +206,8 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
     reply.announceLength = request.target == "/announced";
     return reply;
   });
-  const std::string base = server.baseURL();
-
-  const std::tuple<std::string, bool, bool> cases[] = {// path, cached, exceeds
-                                                       {"/announced", false, true},
+  // Path, from the cache or not, and whether it exceeds.
+  const std::tuple<std::string, bool, bool> cases[] = {{"/announced", false, true},
                                                        {"/streamed", false, true},
                                                        {"/streamed", true, true},
                                                        {"/at-limit", false, false}};
@@ -217,7 +215,7 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
     SCOPED_TRACE(path + (cached ? " cached" : ""));
     std::optional<std::pair<std::optional<platform::Bytes>, std::optional<platform::Error>>> got;
     SimpleNetworking::shared().callNSURLSessionWithType(
-        0, base + path, std::nullopt, cached, 60, false, "", "", std::nullopt,
+        0, server.url(path), std::nullopt, cached, 60, false, "", "", std::nullopt,
         [&](auto data, auto e) { got.emplace(std::move(data), std::move(e)); });
     ASSERT_TRUE(loop_->runUntil([&] { return got.has_value(); }, platform::seconds(60)));
     const auto& [body, error] = *got;

@@ -110,6 +110,7 @@ TEST_F(StartupTest, LaunchPayloadDecidesBetweenPresentingAndFetching) {
 // The identifiers come back as replies, so they must be these exact code
 // points, in this button order.
 TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
+  using Context = platform::UserNotificationActionContext;
   const std::vector<std::vector<std::string>> rows = {
       {"Yes.No", "Yes", "No"},
       {"No.Yes", "No", "Yes"},
@@ -125,16 +126,14 @@ TEST(Categories, SixCategoriesWithTheirButtonsInOrder) {
     const platform::NotificationCategory* category = set.categoryWithIdentifier(row[0]);
     ASSERT_NE(category, nullptr);
     std::vector<std::string> buttons = {row[0]};
-    for (const auto& action :
-         category->actionsForContext(platform::UserNotificationActionContext::kDefault)) {
+    for (const auto& action : category->actionsForContext(Context::kDefault)) {
       buttons.push_back(action.identifier());
       EXPECT_EQ(action.title(), action.identifier());
       EXPECT_EQ(action.activationMode(), platform::UserNotificationActivationMode::kBackground);
       EXPECT_FALSE(action.isDestructive() || action.isAuthenticationRequired());
     }
     EXPECT_EQ(buttons, row);
-    EXPECT_TRUE(
-        category->actionsForContext(platform::UserNotificationActionContext::kMinimal).empty());
+    EXPECT_TRUE(category->actionsForContext(Context::kMinimal).empty());
   }
 }
 

@@ -1,7 +1,5 @@
-// The devserver as the SDK and the dashboard use it: registration, access tokens, fetch and
-// reply with the bodies and paths the SDK really sends (and the ones it must not get away with),
-// who may use the dashboard and admin API, the tally, the live event stream, and pushing polls
-// through a real broker.
+// The devserver as the SDK and the dashboard use it, with the bodies and paths the SDK really
+// sends and the ones it must not get away with; pushing goes through a real broker.
 
 #include <algorithm>
 #include <future>
