@@ -1,5 +1,4 @@
-// The credential layer over each item store (in memory and durable), wrapped
-// to record and fail keychain calls.
+// The credential layer over each item store, wrapped to record and fail keychain calls.
 
 #include <gtest/gtest.h>
 
@@ -49,9 +48,8 @@ class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParam
 // never reads.
 TEST_P(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) {
   EXPECT_EQ(LKKeychain::accessibilityType(), std::nullopt);
-  auto query = tokenQuery();
+  auto query = tokenQuery(LKKeychainQuerySynchronizationModeAny, "one");
   query.setLabel("original");
-  query.setPassword("one");
   ASSERT_TRUE(query.save());
   advanceWallClock(90);
   LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAfterFirstUnlock);

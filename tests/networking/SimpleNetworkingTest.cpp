@@ -1,5 +1,4 @@
-// SimpleNetworking against loopback servers: the bytes each operation puts on
-// the wire, how answers decode, and one error for each transport failure.
+// SimpleNetworking on loopback: each operation's bytes, decoded answers, one error per failure.
 
 #include <atomic>
 #include <thread>
@@ -88,9 +87,7 @@ TEST_F(SimpleNetworkingTest, HeaderFieldsAreReplacedAndFormTypeOverridesThem) {
   completed([&](auto r) { SimpleNetworking::postToURL(server.url("/p"), Value{{"k", "v"}}, r); });
   completed([&](auto r) { SimpleNetworking::putToURL(server.url("/u"), Value{{"k", "v"}}, r); });
   SimpleNetworking::setHeaderFieldsWithDictionary(Value{{"Other", "1"}});
-  completed([&](auto r) {
-    SimpleNetworking::getJsonCachelessFromURL(server.url("/g"), std::nullopt, r);
-  });
+  completed([&](auto r) { SimpleNetworking::getJsonCachelessFromURL(server.url("/g"), {}, r); });
 
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);

@@ -81,14 +81,12 @@ TEST_F(BannerControllerTest, OneBannerAtATimeUntilTheSlideOutEnds) {
   EXPECT_EQ(banner().presentedPollView(), nullptr);
   EXPECT_EQ(first->superview(), window());
   EXPECT_EQ(first->presentationFrame(), Rect::make(0, -330, 375, 330));
-  auto next = present(pollDict("Fourth", {{"D", ""}}));
-  ASSERT_TRUE(next);
-  EXPECT_NE(next, first);
+  const auto next = present(pollDict("Fourth", {{"D", ""}}));
+  EXPECT_TRUE(next && next != first);
 }
 
-// A tap on the card expands it once: the backdrop (what it shows is the
-// host-window test's concern) fades in under the banner while the options
-// show at once.
+// A tap on the card expands it once: the backdrop (its look is the host-window
+// test's concern) fades in under the banner while the options show at once.
 TEST_F(BannerControllerTest, TappingTheCardLaysABackdropUnderTheBanner) {
   auto view = present(pollDict("Q", {{"A", ""}, {"B", ""}}));
   ASSERT_TRUE(view);
@@ -162,8 +160,8 @@ TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) 
   EXPECT_ANY_THROW(banner().presentPollWithPollDict(&notADictionary));
   EXPECT_EQ(banner().presentedPollView(), nullptr);
 
-  auto empty = testing::makeTempDirectory("quorvia-res-");
-  std::filesystem::create_directory(empty / "com.quorvia.sdk.ios");
+  const auto empty = dataDir_ / "resources";
+  std::filesystem::create_directories(empty / "com.quorvia.sdk.ios");
   ::setenv("QUORVIA_RESOURCE_DIR", empty.c_str(), 1);
   EXPECT_EQ(present(pollDict("Q", {{"A", ""}})), nullptr);
   EXPECT_EQ(banner().presentedPollView(), nullptr);
@@ -171,7 +169,6 @@ TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) 
       "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown."));
   advance(1);  // no deferred work may touch the half-made banner
   ::unsetenv("QUORVIA_RESOURCE_DIR");
-  std::filesystem::remove_all(empty);
 
   // A launch poll that found a banner already shown expands nothing: only the
   // backdrop comes, and stays until a later hide.
@@ -271,14 +268,14 @@ TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
 // Option rows report their text and link; card rows and rows out of range
 // report nothing; the delegate is held weakly.
 TEST(NotificationViewModel, SelectionsReachTheDelegateHeldWeakly) {
+  using View = std::shared_ptr<QVNotificationView>;
+  using Text = std::optional<std::string>;
   struct Recorder final : QVNotificationViewDelegate {
-    void notificationViewDidPressExpand(const std::shared_ptr<QVNotificationView>&) override {}
-    void notificationView(const std::shared_ptr<QVNotificationView>&,
-                          const std::optional<std::string>& identifier,
-                          const std::optional<std::string>& link) override {
+    void notificationViewDidPressExpand(const View&) override {}
+    void notificationView(const View&, const Text& identifier, const Text& link) override {
       events.push_back(identifier.value_or("nil") + " " + link.value_or("nil"));
     }
-    void notificationViewDidPressClose(const std::shared_ptr<QVNotificationView>&) override {}
+    void notificationViewDidPressClose(const View&) override {}
     std::vector<std::string> events;
   };
   auto delegate = std::make_shared<Recorder>();
