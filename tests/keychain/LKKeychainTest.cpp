@@ -1,5 +1,4 @@
-// The credential layer over each item store (in memory and durable), wrapped
-// to record and fail keychain calls.
+// The credential layer over each item store, wrapped to record and fail keychain calls.
 
 #include <gtest/gtest.h>
 
@@ -30,11 +29,13 @@ class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParam
     env_->setKeychainStore(store_);
   }
   static LKKeychainQuery tokenQuery(
-      LKKeychainQuerySynchronizationMode mode = LKKeychainQuerySynchronizationModeAny) {
+      LKKeychainQuerySynchronizationMode mode = LKKeychainQuerySynchronizationModeAny,
+      const char* password = nullptr) {
     LKKeychainQuery query;
     query.setService("polls");
     query.setAccount("user_token");
     query.setSynchronizationMode(mode);
+    if (password) query.setPassword(password);
     return query;
   }
 
@@ -42,13 +43,16 @@ class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParam
 };
 
 // A second save updates the one item: password and modification date change,
-// the label and creation date stay, and a listing never carries the secret.
+// the label and creation date stay, and a listing never carries the secret. The
+// accessibility type is given to added and updated items and narrows listings,
+// never reads.
 TEST_P(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) {
-  auto query = tokenQuery();
+  EXPECT_EQ(LKKeychain::accessibilityType(), std::nullopt);
+  auto query = tokenQuery(LKKeychainQuerySynchronizationModeAny, "one");
   query.setLabel("original");
-  query.setPassword("one");
   ASSERT_TRUE(query.save());
   advanceWallClock(90);
+  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAfterFirstUnlock);
   query.setLabel("renamed");
   query.setPassword("two");
   ASSERT_TRUE(query.save());
@@ -64,7 +68,12 @@ TEST_P(LKKeychainTest, SecondSaveUpdatesTheOneItemAndListingShowsItsAttributes) 
   EXPECT_EQ(item[kLKKeychainCreatedAtKey].get<double>(), 1795262400.0);
   EXPECT_EQ(item[kLKKeychainLastModifiedKey].get<double>(), 1795262490.0);
   EXPECT_FALSE(item.contains("v_Data"));
-  EXPECT_EQ(LKKeychain::allAccounts()->size(), 2u);
+  const auto all = LKKeychain::allAccounts();
+  ASSERT_TRUE(all && all->size() == 2);
+  for (const auto& each : *all) EXPECT_EQ(each["pdmn"], "ck") << each.dump();
+  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAlways);
+  EXPECT_EQ(LKKeychain::allAccounts(), std::nullopt);
+  EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "two");
 }
 
 // Missing arguments are refused before any keychain call; absent items are
@@ -133,11 +142,7 @@ TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
   const std::pair<LKKeychainQuerySynchronizationMode, const char*> items[] = {
       {LKKeychainQuerySynchronizationModeYes, "synced"},
       {LKKeychainQuerySynchronizationModeNo, "local"}};
-  for (const auto& [mode, password] : items) {
-    auto query = tokenQuery(mode);
-    query.setPassword(password);
-    ASSERT_TRUE(query.save());
-  }
+  for (const auto& [mode, password] : items) ASSERT_TRUE(tokenQuery(mode, password).save());
   for (const auto& [mode, password] : items) {
     auto query = tokenQuery(mode);
     ASSERT_TRUE(query.fetch());
@@ -145,9 +150,8 @@ TEST_P(LKKeychainTest, SynchronizationModesMatchTheirItems) {
     EXPECT_EQ(query.fetchAll()->size(), 1u);
   }
   EXPECT_EQ(tokenQuery().fetchAll()->size(), 2u);
-  auto grouped = tokenQuery(LKKeychainQuerySynchronizationModeNo);
+  auto grouped = tokenQuery(LKKeychainQuerySynchronizationModeNo, "shared");
   grouped.setAccessGroup("team.shared");
-  grouped.setPassword("shared");
   ASSERT_TRUE(grouped.save());
   EXPECT_EQ(tokenQuery().fetchAll()->size(), 3u) << "another group's item is another item";
 }
@@ -170,22 +174,6 @@ TEST_P(LKKeychainTest, FailedStepStopsTheSaveWithItsCode) {
   EXPECT_EQ(LKKeychain::allAccounts()->size(), 1u);
 }
 
-// The type is given to added and updated items and narrows listings, never reads.
-TEST_P(LKKeychainTest, AccessibilityTypeIsSavedAndNarrowsListings) {
-  EXPECT_EQ(LKKeychain::accessibilityType(), std::nullopt);
-  ASSERT_TRUE(LKKeychain::setPassword("one", "polls", "user_token"));
-  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAfterFirstUnlock);
-  ASSERT_TRUE(LKKeychain::setPassword("two", "polls", "user_token"));
-  ASSERT_TRUE(LKKeychain::setPassword("new", "polls", "added"));
-  const auto items = LKKeychain::allAccounts();
-  ASSERT_TRUE(items && items->size() == 2);
-  for (const auto& item : *items) EXPECT_EQ(item["pdmn"], "ck") << item.dump();
-
-  LKKeychain::setAccessibilityType(platform::kSecAttrAccessibleAlways);
-  EXPECT_EQ(LKKeychain::allAccounts(), std::nullopt);
-  EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "two");
-}
-
 TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
   // Two first saves of "shared" may both find it missing and race to add;
   // the loser's duplicate-item failure is the item store's answer, not a fault.
@@ -198,10 +186,7 @@ TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
     }
   };
   bool ok1 = true, ok2 = true;
-  std::thread t1(worker, "one", &ok1);
-  std::thread t2(worker, "two", &ok2);
-  t1.join();
-  t2.join();
+  { std::jthread t1(worker, "one", &ok1), t2(worker, "two", &ok2); }  // both joined
   EXPECT_TRUE(ok1 && ok2);
   const auto shared = LKKeychain::passwordForService("polls", "shared");
   EXPECT_TRUE(shared == "one39" || shared == "two39") << platform::describe(shared);

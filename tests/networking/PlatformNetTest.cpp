@@ -20,9 +20,9 @@ platform::Bytes encodedImage(const std::string& format, int width, int height) {
   const platform::Bytes pixels(static_cast<std::size_t>(width) * height, 0x80);
   platform::Bytes out;
   const auto append = [](void* context, void* data, int size) {
-    auto* bytes = static_cast<platform::Bytes*>(context);
-    bytes->insert(bytes->end(), static_cast<std::uint8_t*>(data),
-                  static_cast<std::uint8_t*>(data) + size);
+    auto& sink = *static_cast<platform::Bytes*>(context);
+    const auto* bytes = static_cast<std::uint8_t*>(data);
+    sink.insert(sink.end(), bytes, bytes + size);
   };
   if (format == "png") stbi_write_png_to_func(append, &out, width, height, 1, pixels.data(), width);
   if (format == "jpg") stbi_write_jpg_to_func(append, &out, width, height, 1, pixels.data(), 90);
@@ -37,53 +37,37 @@ using platform::Value;
 
 class PlatformNetTest : public PlatformTest {
  protected:
-  std::filesystem::path file(const std::string& name) const { return dataDir_ / name; }
-
   static void writeFile(const std::filesystem::path& path, const platform::Bytes& bytes) {
-    std::ofstream out(path, std::ios::binary);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary) << std::string(bytes.begin(), bytes.end());
   }
-
   static platform::URLRequest requestFor(const std::string& url) {
     return platform::URLRequest::requestWithURL(platform::URLWithString(url));
   }
   static bool has(platform::URLCache& cache, const std::string& url) {
     return static_cast<bool>(cache.cachedResponseForRequest(requestFor(url)));
   }
-
   static platform::CachedURLResponse answer(std::size_t size, char fill) {
-    platform::CachedURLResponse cached;
-    cached.response.statusCode = 200;
-    cached.response.allHeaderFields = {{"Content-Type", "application/json"}};
-    cached.data.assign(size, static_cast<std::uint8_t>(fill));
-    return cached;
+    return {{"", 200, {{"Content-Type", "application/json"}}},
+            platform::Bytes(size, static_cast<std::uint8_t>(fill))};
   }
 };
 
 TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
+  const auto archived = platform::archivedDataWithRootObject(Value{{"key", "value"}});
+  // A few hundred KB that once overflowed the stack at every launch.
+  platform::Bytes nested = {'q', 'v', 'k', 'a', 1, 0xA1, 0x63, 'k', 'e', 'y'};
+  nested.insert(nested.end(), 200000, 0x81);
+  nested.push_back(0x00);
   const std::vector<std::pair<std::string, platform::Bytes>> cases = {
       {"garbage", platform::Bytes(64, 0x5a)},
       {"array", platform::archivedDataWithRootObject(Value::array({1, 2}))},
-      {"truncated",
-       [] {
-         auto bytes = platform::archivedDataWithRootObject(Value{{"key", "value"}});
-         bytes.resize(bytes.size() - 3);
-         return bytes;
-       }()},
+      {"truncated", platform::Bytes(archived.begin(), archived.end() - 3)},
       {"empty", {}},
-      // A few hundred KB that once overflowed the stack at every launch.
-      {"nested 200000 deep",
-       [] {
-         platform::Bytes bytes = {'q', 'v', 'k', 'a', 1, 0xA1, 0x63, 'k', 'e', 'y'};
-         bytes.insert(bytes.end(), 200000, 0x81);
-         bytes.push_back(0x00);
-         return bytes;
-       }()},
+      {"nested 200000 deep", nested},
   };
   for (const auto& [name, bytes] : cases) {
     SCOPED_TRACE(name);
-    const auto path = file(name + ".qvka");
+    const auto path = dataDir_ / (name + ".qvka");
     writeFile(path, bytes);
     auto defaults = platform::makeFileUserDefaults(path);
     EXPECT_FALSE(defaults->objectForKey("key"));
@@ -102,7 +86,7 @@ TEST_F(PlatformNetTest, UnreadableUserDefaultsFileReadsAsEmptyAndIsKeptAside) {
 }
 
 TEST_F(PlatformNetTest, UrlCacheEvictsLeastRecentlyUsedAndKeepsToMemoryWithoutItsStore) {
-  const auto path = file("cache/URLCache.sqlite");
+  const auto path = dataDir_ / "cache/URLCache.sqlite";
   {
     platform::URLCache cache(250, 250, path);
     cache.storeCachedResponse(answer(100, 'a'), requestFor("http://h/a"));
@@ -123,13 +107,12 @@ TEST_F(PlatformNetTest, UrlCacheEvictsLeastRecentlyUsedAndKeepsToMemoryWithoutIt
   ASSERT_TRUE(b);
   EXPECT_EQ(b->data, platform::Bytes(100, 'b'));
   EXPECT_EQ(b->response.statusCode, 200);
-  EXPECT_EQ(b->response.allHeaderFields,
-            (std::vector<platform::HTTPHeader>{{"Content-Type", "application/json"}}));
+  EXPECT_EQ(b->response.allHeaderFields, answer(0, 0).response.allHeaderFields);
   EXPECT_FALSE(has(reopened, "http://h/a"));
   EXPECT_TRUE(has(reopened, "http://h/c"));
 
   // A store that cannot be read is left alone, and the cache keeps to memory.
-  const auto broken = file("broken.sqlite");
+  const auto broken = dataDir_ / "broken.sqlite";
   writeFile(broken, platform::Bytes(4096, 0x5a));
   platform::URLCache memoryOnly(1000, 1000, broken);
   memoryOnly.storeCachedResponse(answer(10, 'm'), requestFor("http://h/m"));
@@ -161,7 +144,7 @@ TEST_F(PlatformNetTest, OnlyPngJpegAndGifWithinThePixelCapDecode) {
     const auto image = platform::imageWithData(bytes);
     EXPECT_EQ(image != nullptr, decodes) << name;
     if (image) {
-      EXPECT_EQ(image->rgba.size(), static_cast<std::size_t>(image->width) * image->height * 4);
+      EXPECT_EQ(image->rgba.size(), std::size_t{4} * image->width * image->height);
     }
   }
 }
@@ -175,21 +158,19 @@ TEST_F(PlatformNetTest, DatesOutsideTheClockRangeAreNil) {
       {"2026-11-22 12:00:00", true},  {"2261-06-01 00:00:00", true},
       {"2263-01-01 00:00:00", false}, {"9999-12-31 23:59:59", false},
       {"1677-01-01 00:00:00", false}, {"123456789-01-01 00:00:00", false}};
-  for (const auto& [text, parses] : cases) {
+  for (const auto& [text, parses] : cases)
     EXPECT_EQ(formatter.dateFromString(text).has_value(), parses) << text;
-  }
   const auto late = formatter.dateFromString("2261-06-01 00:00:00");
   ASSERT_TRUE(late);
   const auto date = std::make_shared<const platform::SystemTime>(*late);
-  auto& networking = SimpleNetworking::shared();
-  EXPECT_FALSE(networking.addSeconds(INT32_MAX, date)) << "past the range: nil";
-  EXPECT_TRUE(networking.addSeconds(-5, date));
+  EXPECT_FALSE(SimpleNetworking::shared().addSeconds(INT32_MAX, date)) << "past the range: nil";
+  EXPECT_TRUE(SimpleNetworking::shared().addSeconds(-5, date));
 }
 
 // Every file the SDK writes is 0600 in a 0700 directory, whatever the umask.
 TEST_F(PlatformNetTest, FilesTheSdkWritesArePrivate) {
   ::umask(022);
-  const auto dir = file("private");
+  const auto dir = dataDir_ / "private";
   {
     auto defaults = platform::makeFileUserDefaults(dir / "UserDefaults.qvka");
     defaults->setObject(Value(1), "k");
@@ -223,26 +204,19 @@ TEST_F(PlatformNetTest, AnswersPastTheBodyLimitFailWithDataLengthExceedsMaximum)
     reply.announceLength = request.target == "/announced";
     return reply;
   });
-  const std::string base = server.baseURL();
-
-  const std::tuple<std::string, bool, bool> cases[] = {// path, cached, exceeds
-                                                       {"/announced", false, true},
+  // Path, from the cache or not, and whether it exceeds.
+  const std::tuple<std::string, bool, bool> cases[] = {{"/announced", false, true},
                                                        {"/streamed", false, true},
                                                        {"/streamed", true, true},
                                                        {"/at-limit", false, false}};
   for (const auto& [path, cached, exceeds] : cases) {
     SCOPED_TRACE(path + (cached ? " cached" : ""));
-    bool called = false;
-    std::optional<platform::Bytes> body;
-    std::optional<platform::Error> error;
-    auto done = [&](std::optional<platform::Bytes> data, std::optional<platform::Error> e) {
-      called = true;
-      body = std::move(data);
-      error = std::move(e);
-    };
-    SimpleNetworking::shared().callNSURLSessionWithType(0, base + path, std::nullopt, cached, 60,
-                                                        false, "", "", std::nullopt, done);
-    ASSERT_TRUE(loop_->runUntil([&] { return called; }, platform::seconds(60)));
+    std::optional<std::pair<std::optional<platform::Bytes>, std::optional<platform::Error>>> got;
+    SimpleNetworking::shared().callNSURLSessionWithType(
+        0, server.url(path), std::nullopt, cached, 60, false, "", "", std::nullopt,
+        [&](auto data, auto e) { got.emplace(std::move(data), std::move(e)); });
+    ASSERT_TRUE(loop_->runUntil([&] { return got.has_value(); }, platform::seconds(60)));
+    const auto& [body, error] = *got;
     EXPECT_EQ(body.has_value(), !exceeds);
     EXPECT_EQ(body ? body->size() : 0, exceeds ? 0 : kLimit);
     ASSERT_EQ(error.has_value(), exceeds);

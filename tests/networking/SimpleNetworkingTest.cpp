@@ -1,5 +1,4 @@
-// SimpleNetworking against loopback servers: the bytes each operation puts on
-// the wire, how answers decode, and one error for each transport failure.
+// SimpleNetworking on loopback: each operation's bytes, decoded answers, one error per failure.
 
 #include <atomic>
 #include <thread>
@@ -27,11 +26,11 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
   };
   const Value param = {{"a", 1},   {"n", nullptr}, {"s", "x y"},
                        {"f", 0.5}, {"t", true},    {"c", "&="}};
-  const auto raw = [](int code) -> Call {
-    return [code](const std::string& url, SimpleNetworking::Returned r) {
+  const Value kv = {{"k", "v"}};
+  const auto raw = [&kv](int code) -> Call {
+    return [code, &kv](const std::string& url, SimpleNetworking::Returned r) {
       SimpleNetworking::shared().callNSURLSessionWithType(
-          code, url, Value{{"k", "v"}}, false, 0, code == 7, "n", "png", std::nullopt,
-          [r](auto data, auto error) {
+          code, url, kv, false, 0, code == 7, "n", "png", std::nullopt, [r](auto data, auto error) {
             r(platform::parseJson(std::string(data->begin(), data->end())), error);
           });
     };
@@ -51,15 +50,11 @@ TEST_F(SimpleNetworkingTest, EachOperationPutsItsOwnBytesOnTheWire) {
       {"POST without params has an empty body", "/p",
        [](auto& url, auto r) { SimpleNetworking::postToURL(url, std::nullopt, r); }, "POST /p", ""},
       {"PUT is form-encoded", "/put",
-       [](auto& url, auto r) {
-         SimpleNetworking::putToURL(url, Value{{"k", "v"}}, r);
-       },
-       "PUT /put", "k=v", kForm},
+       [&](auto& url, auto r) { SimpleNetworking::putToURL(url, kv, r); }, "PUT /put", "k=v",
+       kForm},
       {"delete sends PUT", "/del",
-       [](auto& url, auto r) {
-         SimpleNetworking::deleteFromURL(url, Value{{"k", "v"}, {"j", "w"}}, r);
-       },
-       "PUT /del", "k=v&j=w", kForm},
+       [&](auto& url, auto r) { SimpleNetworking::deleteFromURL(url, param, r); }, "PUT /del",
+       "a=1&s=x y&f=0.5&t=1&c=&=", kForm},
       {"image POST is the multipart layout followed by the params", "/img",
        [](auto& url, auto r) {
          SimpleNetworking::postImageToURL(
@@ -92,9 +87,7 @@ TEST_F(SimpleNetworkingTest, HeaderFieldsAreReplacedAndFormTypeOverridesThem) {
   completed([&](auto r) { SimpleNetworking::postToURL(server.url("/p"), Value{{"k", "v"}}, r); });
   completed([&](auto r) { SimpleNetworking::putToURL(server.url("/u"), Value{{"k", "v"}}, r); });
   SimpleNetworking::setHeaderFieldsWithDictionary(Value{{"Other", "1"}});
-  completed([&](auto r) {
-    SimpleNetworking::getJsonCachelessFromURL(server.url("/g"), std::nullopt, r);
-  });
+  completed([&](auto r) { SimpleNetworking::getJsonCachelessFromURL(server.url("/g"), {}, r); });
 
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);
@@ -112,68 +105,55 @@ TEST_F(SimpleNetworkingTest, HeaderFieldsReplacedWhileAnotherThreadStartsRequest
   constexpr int kRequests = 40;
   std::atomic<int> completions{0};
   std::thread caller([&] {
-    for (int i = 0; i < kRequests; ++i) {
+    for (int i = 0; i < kRequests; ++i)
       SimpleNetworking::postToURL(server.url("/r"), Value{{"i", i}},
                                   [&](auto, auto) { completions.fetch_add(1); });
-    }
   });
-  for (int i = 0; i < kRequests; ++i) {
+  for (int i = 0; i < kRequests; ++i)
     SimpleNetworking::setHeaderFieldsWithDictionary(Value{{"X-Round", std::to_string(i)}});
-  }
   caller.join();
   ASSERT_TRUE(
       loop_->runUntil([&] { return completions.load() == kRequests; }, platform::seconds(30)));
   EXPECT_EQ(server.requestCount(), static_cast<std::size_t>(kRequests));
 }
 
-// Whatever the status, a body is decoded: a dictionary or array, else nil.
-TEST_F(SimpleNetworkingTest, AnswersDecodeToJsonOrNilWhateverTheStatus) {
+// Whatever the status, a body is decoded: a dictionary or array, or an image
+// (its pixels here), else nil and no error.
+TEST_F(SimpleNetworkingTest, AnswersDecodeToJsonImagesOrNilWhateverTheStatus) {
   struct Case {
     Reply reply;
     std::optional<Value> expected;
-    bool tls = false;
+    bool tls = false, image = false;
   };
+  const auto png = encodedImage("png", 1, 1);
   const Case cases[] = {
       {{500, "text/html", "<html><body>Internal Server Error</body></html>"}, std::nullopt},
       {{404, "application/json", "{\"detail\":\"missing\"}"}, Value{{"detail", "missing"}}},
       {{200, "application/json", "[1,2]"}, Value::array({1, 2})},
       {{200, "application/json", "3"}, std::nullopt},
-      {{200, "application/json", "\"text\""}, std::nullopt},
       {{200, "application/json", ""}, std::nullopt},
       {{200, "application/json", "{\"cut\":"}, std::nullopt},
       // A self-signed certificate is accepted as offered.
       {{200, "application/json", "{\"tls\":true}"}, Value{{"tls", true}}, true},
+      {{200, "image/png", std::string(png.begin(), png.end())},
+       platform::dataValue({0x80, 0x80, 0x80, 0xff}),
+       false,
+       true},
+      {{200, "image/png", "not an image"}, std::nullopt, false, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.reply.body);
     LoopbackServer server(Behaviour::kAnswer, c.tls);
     server.setReply(c.reply);
     const auto outcome = completed([&](auto r) {
-      SimpleNetworking::getJsonCachelessFromURL(server.url("/x"), std::nullopt, r);
+      if (!c.image) return SimpleNetworking::getJsonCachelessFromURL(server.url("/x"), {}, r);
+      SimpleNetworking::getImageCachelessFromURL(server.url("/i.png"), {}, [r](auto image, auto e) {
+        r(image ? std::optional(platform::dataValue(image->rgba)) : std::nullopt, e);
+      });
     });
     EXPECT_EQ(outcome->calls, 1);
     EXPECT_FALSE(outcome->error) << outcome->error->description();
     EXPECT_EQ(outcome->result, c.expected);
-  }
-}
-
-TEST_F(SimpleNetworkingTest, ImagesDecodeOrGiveNilWithoutError) {
-  const auto png = encodedImage("png", 1, 1);
-  const std::pair<std::string, platform::Bytes> cases[] = {
-      {std::string(png.begin(), png.end()), {0x80, 0x80, 0x80, 0xff}},
-      {"not an image", {}},
-  };
-  for (const auto& [body, rgba] : cases) {
-    LoopbackServer server;
-    server.setReply({200, "image/png", body});
-    std::vector<std::pair<std::shared_ptr<platform::Image>, std::optional<platform::Error>>> calls;
-    SimpleNetworking::getImageCachelessFromURL(server.url("/i.png"), std::nullopt,
-                                               [&](auto i, auto e) { calls.emplace_back(i, e); });
-    ASSERT_TRUE(loop_->runUntil([&] { return !calls.empty(); }, platform::seconds(20)));
-    drain();
-    ASSERT_EQ(calls.size(), 1u);
-    EXPECT_FALSE(calls[0].second);
-    EXPECT_EQ(calls[0].first ? calls[0].first->rgba : platform::Bytes{}, rgba);
   }
 }
 

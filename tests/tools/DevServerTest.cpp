@@ -1,7 +1,5 @@
-// The devserver as the SDK and the dashboard use it: registration, access tokens, fetch and
-// reply with the bodies and paths the SDK really sends (and the ones it must not get away with),
-// who may use the dashboard and admin API, the tally, the live event stream, and pushing polls
-// through a real broker.
+// The devserver as the SDK and the dashboard use it, with the bodies and paths the SDK really
+// sends and the ones it must not get away with; pushing goes through a real broker.
 
 #include <algorithm>
 #include <future>
@@ -255,8 +253,7 @@ TEST_F(DevServerTest, EventStreamCarriesRepliesAsTheyArriveAndEndsAtStop) {
   std::promise<json> firstEvent;
   std::thread reader([&] {
     std::string text;
-    bool seen = false;
-    client().Get("/admin/events", [&](const char* data, size_t length) {
+    client().Get("/admin/events", [&, seen = false](const char* data, size_t length) mutable {
       if (text.empty()) connected.set_value();
       text.append(data, length);
       size_t at = text.find("data: "), end = text.find("\n\n", at);
