@@ -33,9 +33,7 @@ class ChildProcess final {
   using Clock = std::chrono::steady_clock;
   static constexpr std::chrono::seconds kBound{30};
 
-  using Options = ChildProcessOptions;
-
-  explicit ChildProcess(std::vector<std::string> argv, Options options = {}) {
+  explicit ChildProcess(std::vector<std::string> argv, ChildProcessOptions options = {}) {
     int in[2], out[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) return;
     ::signal(SIGPIPE, SIG_IGN);  // a child that is gone shows as a failed write

@@ -24,8 +24,6 @@ class MosquittoBroker final {
   /// Keeps its configuration and persistence under `directory`; nothing runs yet.
   explicit MosquittoBroker(std::filesystem::path directory);
   ~MosquittoBroker();
-  MosquittoBroker(const MosquittoBroker&) = delete;
-  MosquittoBroker& operator=(const MosquittoBroker&) = delete;
 
   /// A loopback port nobody listens on now.
   static int freePort();

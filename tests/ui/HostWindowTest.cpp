@@ -79,8 +79,7 @@ TEST_F(HostWindowTest, PaintsOnlyWhatChanged) {
       {"a resize repaints all", [](auto&, HostWindow& h) { h.setSize(h.size(), 2); }, {whole}},
       {"invalidate repaints all", [](auto&, auto& h) { h.invalidate(); }, {whole}},
   };
-  // A view with a subview of its own comes first, as a hidden banner does
-  // before the next one: the views after it must still be placed right.
+  // First a view with a subview, as a hidden banner before the next: later views stay in place.
   auto earlier = platform::View::make(Rect::make(300, 600, 20, 20));
   earlier->addSubview(platform::View::make(Rect::make(5, 5, 5, 5)));
   host_->window()->addSubview(earlier);

@@ -23,7 +23,7 @@ constexpr const char* kAdminToken = "window-test-admin";
 constexpr const char* kAppToken = "window-test-app";
 constexpr int kScreenWidth = 375;
 // What a program says on standard error belongs to the failure message too.
-const testing::ChildProcess::Options kMerged{.errorsInOutput = true};
+const testing::ChildProcessOptions kMerged{.errorsInOutput = true};
 
 struct Box {
   double x = 0, y = 0, w = 0, h = 0;
@@ -93,7 +93,6 @@ TEST(WindowedHostTest, ShowsTheFetchedPollAndSendsTheClickedOption) {
                                << xvfb.output();
   const std::string display = ":" + number;
 
-  std::filesystem::create_directories(dir / "broker");
   testing::MosquittoBroker broker(dir / "broker");
   std::string brokerError;
   ASSERT_TRUE(broker.start(testing::MosquittoBroker::freePort(), &brokerError)) << brokerError;

@@ -5,6 +5,7 @@
 //   quorvia_consumer SERVICE_URL POLL_ID
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -33,10 +34,7 @@ class ConsumerEnvironment final : public platform::EnvironmentWrapper {
   }
   bool logged(const std::string& line) {
     std::lock_guard lock(mu_);
-    for (const auto& l : lines_) {
-      if (l == line) return true;
-    }
-    return false;
+    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
   }
 
  private:
