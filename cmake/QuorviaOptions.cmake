@@ -21,11 +21,13 @@ function(quorvia_warnings target)
     $<$<BOOL:${QUORVIA_WERROR}>:-Werror>)
   # GCC 12 with optimisation reports "literal" + std::string and other
   # inlined libstdc++ code as an overlapping, oversized or out-of-bounds copy
-  # (GCC bugs 105329, 105651), in every optimised build type.
+  # (GCC bugs 105329, 105651), and the engaged flag of a std::optional
+  # destroyed in an initializer list as maybe uninitialized (GCC bug 80635),
+  # in every optimised build type.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 13)
     target_compile_options(${target} PRIVATE
       $<$<CONFIG:Release,RelWithDebInfo,MinSizeRel>:-Wno-restrict -Wno-stringop-overflow -Wno-stringop-overread
-        -Wno-array-bounds>)
+        -Wno-array-bounds -Wno-maybe-uninitialized>)
   endif()
 endfunction()
 
