@@ -48,7 +48,9 @@ struct RunLoop::State {
   const std::chrono::steady_clock::time_point epoch = std::chrono::steady_clock::now();
   std::atomic<std::thread::id> mainThread{std::this_thread::get_id()};
   // Readable while the host has something to do; see wakeFileDescriptor().
-  const int wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  // Made when a host first asks for it: a loop driven by run() or runUntil()
+  // spends no system call on it per task.
+  int wakeFd = -1;           // guarded by mu
   bool wakePending = false;  // guarded by mu: the descriptor is readable
 
   ~State() {
@@ -220,7 +222,17 @@ std::size_t RunLoop::pendingTasks() const {
   return state_->ready.size() + state_->timers.size();
 }
 
-int RunLoop::wakeFileDescriptor() const { return state_->wakeFd; }
+int RunLoop::wakeFileDescriptor() const {
+  std::lock_guard lock(state_->mu);
+  if (state_->wakeFd < 0) {
+    state_->wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    // Work posted before the host asked is work it must see.
+    if (!state_->ready.empty() || !state_->timers.empty() || state_->stopRequested) {
+      state_->wakeHost();
+    }
+  }
+  return state_->wakeFd;
+}
 
 std::optional<Duration> RunLoop::timeUntilNextTimer() const {
   std::lock_guard lock(state_->mu);

@@ -26,12 +26,10 @@ TEST(VirtualClockRunsDelayedTasksAtTheirDueTime, InOrder) {
   ASSERT_EQ(ran.size(), 1u);
   EXPECT_EQ(ran[0].first, "async");
 
-  loop.advance(seconds(0.001));
+  loop.advance(seconds(0.001));  // a zero-delay task posted by a due task runs in the same advance
   ASSERT_EQ(ran.size(), 3u);
-  EXPECT_EQ(ran[1].first, "launch poll");
-  EXPECT_EQ(ran[1].second, seconds(0.1));
-  EXPECT_EQ(ran[2].first, "mask")
-      << "a zero-delay task posted by a due task runs in the same advance";
+  EXPECT_EQ(ran[1], std::make_pair(std::string("launch poll"), seconds(0.1)));
+  EXPECT_EQ(ran[2].first, "mask");
 
   loop.advance(seconds(1));
   ASSERT_EQ(ran.size(), 4u);
@@ -99,10 +97,12 @@ TEST(WakeDescriptorTellsAHostLoopWhenToDrain, ForEveryKindOfPost) {
     EXPECT_EQ(loop.timeUntilNextTimer(), step.untilNext) << step.what;
   }
   EXPECT_EQ(ran, 4);
-  loop.post([&] { ++ran; });
-  loop.post([&] { ++ran; });
-  EXPECT_EQ(loop.drainOnce(), 2u) << "a drain reports how many tasks it ran";
-  EXPECT_EQ(ran, 6);
+  // A host that asks for the descriptor after work was posted finds it readable.
+  RunLoop late(RunLoop::Clock::kVirtual);
+  late.post([] {});
+  late.post([] {});
+  EXPECT_TRUE(readable(late.wakeFileDescriptor()));
+  EXPECT_EQ(late.drainOnce(), 2u) << "a drain reports how many tasks it ran";
 }
 
 }  // namespace

@@ -336,14 +336,16 @@ class CurlTransport final : public URLTransport {
       result.error =
           errorForCurlCode(code, transfer->request.url->absoluteString, transfer->errorText);
     }
-    curl_easy_reset(easy);
+    // The answer goes out first; the handle, which still points into the
+    // transfer, is tidied for its next use after.
     transfer->easy = nullptr;
+    if (Done done = std::move(transfer->done)) done(std::move(result));
+    curl_easy_reset(easy);
     if (idle_.size() < kIdleHandlesKept) {
       idle_.push_back(easy);
     } else {
       curl_easy_cleanup(easy);
     }
-    complete(std::move(transfer), std::move(result));
   }
 
   static void complete(std::unique_ptr<Transfer> transfer, TransportResult result) {
