@@ -43,6 +43,8 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
   }
   void setSystemVersion(std::string version) { set(&Slots::systemVersion, std::move(version)); }
   void setReduceTransparency(bool reduce) { set(&Slots::reduceTransparency, reduce); }
+  /// Read once per process, at the first service call: set it before.
+  void setServiceBaseURL(std::string url) { set(&Slots::serviceBaseURL, std::move(url)); }
   void setLocalizedStringTable(const std::string& table, Value strings) {
     std::lock_guard lock(mu_);
     slots_.tables[table] = std::move(strings);
@@ -79,6 +81,11 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
     info.reduceTransparency = slots_.reduceTransparency;
     return info;
   }
+  std::optional<std::string> serviceBaseURL() override {
+    auto url = get(&Slots::serviceBaseURL);
+    if (url.empty()) return target().serviceBaseURL();
+    return url;
+  }
   std::optional<std::string> localizedString(std::string_view table,
                                              std::string_view key) override {
     std::lock_guard lock(mu_);
@@ -99,6 +106,7 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
     std::shared_ptr<PushService> push;
     std::shared_ptr<NotificationPresenter> presenter;
     std::string systemVersion;
+    std::string serviceBaseURL;
     bool reduceTransparency = false;
     std::map<std::string, Value, std::less<>> tables;
   };

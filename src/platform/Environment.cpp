@@ -94,7 +94,11 @@ class DesktopEnvironment final : public Environment {
   std::shared_ptr<PushService> pushService() override {
     if (!options_.push) return nullptr;
     return push_.get(
-        [this] { return makeMqttPushService({defaultPushBrokerURL(), options_.dataDirectory}); });
+        [this] {
+          return makeMqttPushService(
+              {options_.pushBroker.empty() ? defaultPushBrokerURL() : options_.pushBroker,
+               options_.dataDirectory});
+        });
   }
   std::shared_ptr<NotificationPresenter> notificationPresenter() override {
     if (!options_.notifications) return nullptr;
@@ -106,6 +110,10 @@ class DesktopEnvironment final : public Environment {
     return info;
   }
   std::filesystem::path dataDirectory() override { return options_.dataDirectory; }
+  std::optional<std::string> serviceBaseURL() override {
+    if (options_.serviceBaseURL.empty()) return std::nullopt;
+    return options_.serviceBaseURL;
+  }
 
  private:
   DesktopEnvironmentOptions options_;
@@ -136,6 +144,8 @@ Environment::~Environment() = default;
 std::optional<std::string> Environment::localizedString(std::string_view, std::string_view) {
   return std::nullopt;
 }
+
+std::optional<std::string> Environment::serviceBaseURL() { return std::nullopt; }
 
 Environment* Environment::Default() {
   static const std::shared_ptr<Environment>* const desktop =

@@ -5,6 +5,7 @@
 
 #include "keychain/LKKeychain.h"
 #include "networking/SimpleNetworking.h"
+#include "quorvia/platform/Environment.h"
 
 namespace quorvia::service {
 
@@ -12,6 +13,10 @@ const std::string& serviceBaseURL() {
   static std::once_flag once;
   static std::string* url = nullptr;
   std::call_once(once, [] {
+    if (auto fromOptions = platform::environment().serviceBaseURL()) {
+      url = new std::string(std::move(*fromOptions));
+      return;
+    }
     const char* fromEnvironment = std::getenv("QUORVIA_SERVICE_BASE_URL");
     url = new std::string(fromEnvironment && *fromEnvironment ? fromEnvironment
                                                               : QUORVIA_SERVICE_BASE_URL_DEFAULT);

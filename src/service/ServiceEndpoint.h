@@ -11,8 +11,9 @@
 
 namespace quorvia::service {
 
-/// The origin every endpoint path is appended to: the build-time constant, or
-/// QUORVIA_SERVICE_BASE_URL from the environment (read once per process).
+/// The origin every endpoint path is appended to: the environment's override,
+/// else QUORVIA_SERVICE_BASE_URL from the process environment, else the
+/// build-time constant (read once per process).
 const std::string& serviceBaseURL();
 
 /// `text` as one path segment: every byte that a path segment may not hold

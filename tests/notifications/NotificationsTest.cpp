@@ -245,7 +245,7 @@ class NotificationsTest : public PlatformTest {
           platform::applicationDelegateTypeEncoding(selector));
     }
     Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
-    ::setenv("QUORVIA_SERVICE_BASE_URL", server_.baseURL().c_str(), 1);
+    env_->setServiceBaseURL(server_.baseURL());
     QuorviaSDK::initWithAppToken("app", std::nullopt);
   }
 

@@ -32,7 +32,7 @@ class ServiceClientTest : public PlatformTest {
       return reply;
     });
     // Read once per process; every test runs in a process of its own.
-    ::setenv("QUORVIA_SERVICE_BASE_URL", server_.baseURL().c_str(), 1);
+    env_->setServiceBaseURL(server_.baseURL());
   }
 
   /// What the service's answers to a registration carry from now on.

@@ -83,6 +83,11 @@ class QUORVIA_EXPORT Environment {
   /// The text under `key` in the main bundle's strings table `table`, or
   /// nullopt. The desktop has no strings tables.
   virtual std::optional<std::string> localizedString(std::string_view table, std::string_view key);
+  /// A development override of the poll service's origin ("http://host:port"),
+  /// or nullopt for QUORVIA_SERVICE_BASE_URL from the process environment,
+  /// else the origin the library was built with. Read once, at the SDK's
+  /// first service call.
+  virtual std::optional<std::string> serviceBaseURL();
 };
 
 /// An environment that forwards every call to another: subclass it and
@@ -110,6 +115,7 @@ class QUORVIA_EXPORT EnvironmentWrapper : public Environment {
                                              std::string_view key) override {
     return target_->localizedString(table, key);
   }
+  std::optional<std::string> serviceBaseURL() override { return target_->serviceBaseURL(); }
 
  private:
   std::shared_ptr<Environment> target_;
@@ -129,6 +135,14 @@ struct DesktopEnvironmentOptions {
   /// Whether notifications are shown through the freedesktop Notifications
   /// service on the session bus (off: no notification presenter).
   bool notifications = true;
+  /// For development: the poll service's origin, e.g. "http://127.0.0.1:8765".
+  /// Empty: $QUORVIA_SERVICE_BASE_URL, else the origin the library was built
+  /// with. Production builds set it at build time and leave this empty.
+  std::string serviceBaseURL;
+  /// The MQTT broker pushes come through, "mqtt://host:port" or
+  /// "mqtts://host:port". Empty: $QUORVIA_PUSH_BROKER, else
+  /// "mqtt://127.0.0.1:1883".
+  std::string pushBroker;
 };
 
 /// The real desktop services, configured by `options`.
