@@ -24,6 +24,8 @@ if(QUORVIA_BUILD_BENCH)
   find_package(benchmark REQUIRED)
 endif()
 if(QUORVIA_BUILD_EXAMPLES OR QUORVIA_BUILD_TESTS)
-  # The desktop host example (and its windowed test) are built when SDL2 is there.
+  # Each example host (and its windowed test) is built when its toolkit is there.
   find_package(SDL2 CONFIG QUIET)
+  pkg_check_modules(GTK4 QUIET IMPORTED_TARGET gtk4)
+  find_package(Qt6 QUIET COMPONENTS Widgets)
 endif()

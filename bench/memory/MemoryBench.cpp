@@ -14,7 +14,7 @@
 #include "platform/Renderer.h"
 #include "quorvia/platform/RunLoop.h"
 #include "platform/URLSession.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace {
 

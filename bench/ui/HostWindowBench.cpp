@@ -12,7 +12,7 @@
 
 #include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/HostWindow.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 #include "sdk/SDKState.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "platform/Bundle.h"
 #include "quorvia/platform/Error.h"
 #include "platform/Nib.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace quorvia;

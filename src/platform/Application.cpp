@@ -2,7 +2,9 @@
 
 #include <mutex>
 
+#include "platform/ApplicationDelegateRuntime.h"
 #include "platform/URL.h"
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "platform/push/RemoteNotifications.h"
 
@@ -42,7 +44,11 @@ Application& Application::sharedApplication() {
   return *app;
 }
 
-Application::Application() : state_(std::make_unique<State>()) {}
+Application::Application() : state_(std::make_unique<State>()) {
+  // Every application has a delegate; a host that sets none has one that
+  // implements no callback, so interception adds all of them.
+  state_->delegate = makeDelegateObject({});
+}
 Application::~Application() = default;
 
 void Application::registerForRemoteNotifications() {
@@ -86,6 +92,12 @@ void Application::registerUserNotificationSettings(NotificationSettings settings
     observer = state_->settingsObserver;
   }
   if (observer) observer(settings);
+  // The user answers later, as a prompt would, never inside the request.
+  if (auto granted = environment().answerNotificationPermission(settings)) {
+    dispatch_async([granted = std::move(*granted)] {
+      sharedApplication().setCurrentUserNotificationSettings(granted);
+    });
+  }
 }
 
 std::vector<NotificationSettings> Application::registeredUserNotificationSettings() const {
@@ -219,14 +231,18 @@ void Application::setKeyWindow(std::shared_ptr<Window> window) {
   state_->keyWindow = std::move(window);
 }
 
-std::shared_ptr<Object> Application::delegate() const {
-  std::lock_guard lock(state_->mu);
-  return state_->delegate;
+void Application::setDelegate(ApplicationDelegate delegate) {
+  setDelegateObject(*this, makeDelegateObject(std::move(delegate)));
 }
 
-void Application::setDelegate(std::shared_ptr<Object> delegate) {
-  std::lock_guard lock(state_->mu);
-  state_->delegate = std::move(delegate);
+std::shared_ptr<Object> delegateObject(const Application& app) {
+  std::lock_guard lock(app.state_->mu);
+  return app.state_->delegate;
+}
+
+void setDelegateObject(Application& app, std::shared_ptr<Object> delegate) {
+  std::lock_guard lock(app.state_->mu);
+  app.state_->delegate = std::move(delegate);
 }
 
 }  // namespace quorvia::platform

@@ -4,7 +4,7 @@
 /// the renderer blurs what lies behind it and tints it by the style.
 
 #include "quorvia/export.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 namespace quorvia::platform {
 

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "quorvia/platform/Environment.h"
+#include "quorvia/platform/NotificationSettings.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::platform {
@@ -80,6 +81,11 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
     if (!slots_.systemVersion.empty()) info.systemVersion = slots_.systemVersion;
     info.reduceTransparency = slots_.reduceTransparency;
     return info;
+  }
+  /// Tests answer for the user themselves (setCurrentUserNotificationSettings).
+  std::optional<NotificationSettings> answerNotificationPermission(
+      const NotificationSettings&) override {
+    return std::nullopt;
   }
   std::optional<std::string> serviceBaseURL() override {
     auto url = get(&Slots::serviceBaseURL);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/KeychainStore.h"
+#include "quorvia/platform/NotificationSettings.h"
 #include "quorvia/platform/NotificationPresenter.h"
 #include "quorvia/platform/PushService.h"
 #include "platform/URLSession.h"
@@ -114,6 +115,11 @@ class DesktopEnvironment final : public Environment {
     if (options_.serviceBaseURL.empty()) return std::nullopt;
     return options_.serviceBaseURL;
   }
+  std::optional<NotificationSettings> answerNotificationPermission(
+      const NotificationSettings& asked) override {
+    if (!options_.notifications) return std::nullopt;
+    return asked;
+  }
 
  private:
   DesktopEnvironmentOptions options_;
@@ -146,6 +152,11 @@ std::optional<std::string> Environment::localizedString(std::string_view, std::s
 }
 
 std::optional<std::string> Environment::serviceBaseURL() { return std::nullopt; }
+
+std::optional<NotificationSettings> Environment::answerNotificationPermission(
+    const NotificationSettings&) {
+  return std::nullopt;
+}
 
 Environment* Environment::Default() {
   static const std::shared_ptr<Environment>* const desktop =

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 namespace quorvia::platform {
 
@@ -14,6 +14,13 @@ enum class TextAlignment { kLeft, kCenter, kRight };
 
 class QUORVIA_EXPORT Label : public View {
  public:
+  Label() { setAccessibilityRole(AccessibleRole::kLabel); }
+  /// Read by its text unless a name was set.
+  std::optional<std::string> accessibilityLabel() const override {
+    if (auto label = View::accessibilityLabel()) return label;
+    return text_;
+  }
+
   const std::string& text() const { return text_; }
   void setText(std::string text);
   /// A Pango font description, e.g. "DejaVu Sans Bold 17" (sizes in points).

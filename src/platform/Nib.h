@@ -19,7 +19,7 @@
 #include "quorvia/export.h"
 #include "platform/Bundle.h"
 #include "quorvia/platform/Value.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 namespace quorvia::platform {
 

@@ -9,7 +9,7 @@
 
 #include "quorvia/export.h"
 #include "quorvia/platform/HostWindow.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace quorvia::platform {
 

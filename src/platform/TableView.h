@@ -12,7 +12,7 @@
 
 #include "quorvia/export.h"
 #include "platform/Nib.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 namespace quorvia::platform {
 

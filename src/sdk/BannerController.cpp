@@ -5,7 +5,8 @@
 #include "quorvia/platform/Application.h"
 #include "platform/BlurView.h"
 #include "platform/URL.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
+#include "sdk/Events.h"
 #include "service/PollService.h"
 
 namespace quorvia {
@@ -33,6 +34,11 @@ std::string questionOf(const std::shared_ptr<QVNotificationView>& view) {
 const platform::Value* pollIdOf(const std::shared_ptr<QVNotificationView>& view) {
   if (!view || !view->poll() || !view->poll()->objectId()) return nullptr;
   return &*view->poll()->objectId();
+}
+
+PollEvent pollEventOf(const std::shared_ptr<QVNotificationView>& view) {
+  if (!view || !view->poll()) return {};
+  return {sdk::eventText(view->poll()->objectId()), sdk::eventText(view->poll()->question())};
 }
 
 std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
@@ -73,6 +79,7 @@ std::shared_ptr<QVNotificationView> BannerController::presentPollWithPollDict(
     frame.origin.y = kBannerShownY;
     view->setFrame(frame);
   });
+  sdk::Events::shared().emit(&Observer::pollPresented, pollEventOf(view));
   return view;
 }
 
@@ -86,7 +93,10 @@ void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNo
   if (view) window->addSubview(view);
   platform::animateWithDuration(kBackdropFadeDuration, [&backdrop] { backdrop->setAlpha(1.0); });
   // At once, not after the fade: the options slide in while the backdrop fades in.
-  if (view) view->setShowOptions(true);
+  if (view) {
+    view->setShowOptions(true);
+    sdk::Events::shared().emit(&Observer::bannerExpanded, pollEventOf(view));
+  }
 }
 
 void BannerController::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
@@ -110,8 +120,9 @@ void BannerController::hideNotificationView(const std::shared_ptr<QVNotification
         frame.origin.y = -frame.height();
         view->setFrame(frame);
       },
-      [weak = weak_from_this()](bool) {
+      [weak = weak_from_this(), event = pollEventOf(view)](bool) {
         if (auto self = weak.lock()) self->presentedPollView_ = nullptr;
+        sdk::Events::shared().emit(&Observer::bannerHidden, event);
       });
 }
 

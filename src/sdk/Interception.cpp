@@ -8,8 +8,9 @@
 #include "platform/Guard.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "sdk/BannerController.h"
+#include "sdk/Events.h"
 #include "sdk/SDKState.h"
 #include "service/PollService.h"
 
@@ -35,11 +36,14 @@ bool registerToken(MessageArguments& a) {
   return true;
 }
 
-bool registrationFailed(MessageArguments&) {
+bool registrationFailed(MessageArguments& a) {
   // The error itself is deliberately left out of the line.
   QuorviaSDK::log(
       "Failed to register for remote notifications. Make sure Push Notifications is enabled in "
       "your target capabilities.");
+  Events::shared().emit(&Observer::deviceRegistrationFailed,
+                        RegistrationFailure{RegistrationFailure::Stage::kPushToken,
+                                            a.error ? a.error->description() : std::string()});
   return true;
 }
 
@@ -160,7 +164,7 @@ bool Interception::hostLacks(std::string_view selector) const {
 
 void Interception::swizzle() {
   // Held while the class changes, so the target cannot go away meanwhile.
-  std::shared_ptr<Object> delegate = platform::Application::sharedApplication().delegate();
+  std::shared_ptr<Object> delegate = platform::delegateObject(platform::Application::sharedApplication());
   Class* target = platform::object_getClass(delegate.get());
   for (const InterceptedCallback& row : interceptedCallbacks()) {
     swizzleMethodForClass(target, row.selector, row.yp_selector);

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::sdk {

@@ -8,6 +8,7 @@
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/RunLoop.h"
 #include "sdk/CategoriesManager.h"
+#include "sdk/Events.h"
 
 namespace quorvia::sdk {
 namespace {
@@ -57,6 +58,24 @@ service::ServiceHooks serviceHooks(SDKState* state) {
     state->banner->presentPollWithPollDict(pollDict);
   };
   hooks.log = [](std::string_view message) { QuorviaSDK::log(message); };
+  hooks.registered = [](const std::string& pushToken,
+                        const std::optional<platform::Error>& error) {
+    if (error) {
+      Events::shared().emit(&Observer::deviceRegistrationFailed,
+                            RegistrationFailure{RegistrationFailure::Stage::kPollService,
+                                                error->description()});
+    } else {
+      Events::shared().emit(&Observer::deviceRegistered, pushToken);
+    }
+  };
+  hooks.replied = [](const std::optional<Value>& pollId,
+                     const std::optional<std::string>& identifier,
+                     const std::optional<platform::Error>& error) {
+    Events::shared().emit(
+        &Observer::replySent,
+        ReplyEvent{eventText(pollId), identifier,
+                   error ? std::optional<std::string>(error->description()) : std::nullopt});
+  };
   return hooks;
 }
 

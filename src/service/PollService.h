@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "quorvia/platform/Application.h"
+#include "quorvia/platform/Error.h"
 #include "quorvia/platform/Value.h"
 
 namespace quorvia::service {
@@ -25,6 +26,16 @@ struct ServiceHooks {
   std::function<void(const platform::Value* pollDict)> presentPoll;
   /// Writes one of the SDK's switchable log lines. Any thread.
   std::function<void(std::string_view message)> log;
+  /// A registration of `pushToken` (hex) finished: nil error when the
+  /// service answered. Main thread; may be empty.
+  std::function<void(const std::string& pushToken, const std::optional<platform::Error>& error)>
+      registered;
+  /// A reply's request finished: nil error when the service answered. Main
+  /// thread; may be empty.
+  std::function<void(const std::optional<platform::Value>& pollId,
+                     const std::optional<std::string>& identifier,
+                     const std::optional<platform::Error>& error)>
+      replied;
 };
 
 /// The service client of the shared SDK instance. Main thread, except

@@ -20,7 +20,9 @@ void PollService::setDeviceToken(const std::optional<platform::Bytes>& token) {
 
   SimpleNetworking::postToURL(
       serviceBaseURL() + "/endpoints/", body,
-      [log = hooks_.log](std::optional<Value> response, std::optional<platform::Error> error) {
+      [log = hooks_.log, registered = hooks_.registered, pushToken = body["push_token"]](
+          std::optional<Value> response, std::optional<platform::Error> error) {
+        if (registered) registered(pushToken.get<std::string>(), error);
         if (error) {
           log("Failed registering device push token: " + error->description());
           return;

@@ -68,8 +68,10 @@ void PollService::sendReplyWithIdentifier(const std::optional<std::string>& iden
     // such as "../../me#" must not steer the authenticated request elsewhere.
     SimpleNetworking::postToURL(
         serviceBaseURL() + "/polls/" + pathSegment(platform::describe(pollId)) + "/replies/", body,
-        [hooks = hooks_, identifier, handler = std::move(completionHandler)](
+        [hooks = hooks_, identifier, handler = std::move(completionHandler),
+         pollIdCopy = pollId ? std::optional<Value>(*pollId) : std::nullopt](
             std::optional<Value>, std::optional<platform::Error> error) {
+          if (hooks.replied) hooks.replied(pollIdCopy, identifier, error);
           if (error) {
             hooks.log("Failed to send poll reply: " + error->description());
           } else {

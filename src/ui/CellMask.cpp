@@ -1,6 +1,6 @@
 #include "ui/CellMask.h"
 
-#include "quorvia/platform/Layer.h"
+#include "platform/Layer.h"
 
 namespace quorvia::detail {
 

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 namespace quorvia::detail {
 

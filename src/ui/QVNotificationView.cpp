@@ -51,6 +51,9 @@ class TableUpdater final : public QVNotificationViewModel::TableUpdates {
 std::shared_ptr<QVNotificationView> QVNotificationView::initWithFrame(platform::Rect frame) {
   auto view = platform::View::make<QVNotificationView>(frame);
   view->model_ = QVNotificationViewModel(view);
+  // Announced and read as one message holding the question and its options.
+  view->setAccessibilityRole(platform::AccessibleRole::kAlert);
+  view->setAccessibilityLabel("Poll");
   view->setup();
   return view;
 }
@@ -136,6 +139,9 @@ std::shared_ptr<platform::TableViewCell> QVNotificationView::cellForRowAtIndexPa
           tableView.dequeueReusableCellWithIdentifier(kActionCell));
       if (!cell) return nullptr;
       if (cell->customLabel()) cell->customLabel()->setText(text);
+      // The row is one button named by its option, as a table cell reads.
+      cell->setAccessibilityRole(platform::AccessibleRole::kPushButton);
+      cell->setAccessibilityLabel(text);
       cell->setBackgroundColor(platform::Color::clearColor());
       switch (model_.maskForOptionRow(indexPath.row)) {
         case QVNotificationViewModel::Mask::kTop:

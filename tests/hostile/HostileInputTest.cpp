@@ -12,8 +12,8 @@
 #include "networking/SimpleNetworking.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
-#include "quorvia/platform/Runtime.h"
+#include "platform/ApplicationDelegateRuntime.h"
+#include "platform/Runtime.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/LoopbackServer.h"
@@ -74,7 +74,7 @@ TEST_F(HostileInputTest, IdsAndAppTokensStayOneEscapedPathSegment) {
 TEST_F(HostileInputTest, ActionWithoutPayloadStillRepliesAndCompletes) {
   auto delegateClass = platform::Class::create("HostileHostDelegate");
   auto delegate = std::make_shared<platform::Object>(delegateClass);
-  platform::Application::sharedApplication().setDelegate(delegate);
+  platform::setDelegateObject(platform::Application::sharedApplication(), delegate);
   QuorviaSDK::initWithAppToken("app", std::nullopt, /*swizzling=*/true);
   const std::size_t before = transport_->requestCount();
 

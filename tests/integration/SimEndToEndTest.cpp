@@ -4,7 +4,7 @@
 #include <filesystem>
 
 #include "integration/ToolProcess.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "tools/DevServerFixture.h"
 
 namespace quorvia::testing {

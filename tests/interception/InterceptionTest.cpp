@@ -4,8 +4,8 @@
 
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
-#include "quorvia/platform/Runtime.h"
+#include "platform/ApplicationDelegateRuntime.h"
+#include "platform/Runtime.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/PlatformTest.h"
@@ -66,7 +66,7 @@ class InterceptionTest : public PlatformTest {
     return cls;
   }
   void install(std::shared_ptr<platform::Class> cls) {
-    platform::Application::sharedApplication().setDelegate(
+    platform::setDelegateObject(platform::Application::sharedApplication(), 
         std::make_shared<platform::Object>(std::move(cls)));
   }
 

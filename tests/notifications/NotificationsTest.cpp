@@ -15,9 +15,9 @@
 #include "platform/push/RemoteNotifications.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "quorvia/platform/NotificationPresenter.h"
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 #include "sdk/BannerController.h"
 #include "sdk/CategoriesManager.h"
 #include "sdk/SDKState.h"
@@ -244,7 +244,7 @@ class NotificationsTest : public PlatformTest {
           [this](platform::Object&, const platform::MessageArguments&) { ++hostCalls_; },
           platform::applicationDelegateTypeEncoding(selector));
     }
-    Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
+    platform::setDelegateObject(Application::sharedApplication(), std::make_shared<platform::Object>(cls));
     env_->setServiceBaseURL(server_.baseURL());
     QuorviaSDK::initWithAppToken("app", std::nullopt);
   }

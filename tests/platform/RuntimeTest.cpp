@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 
 namespace quorvia::platform {
 namespace {

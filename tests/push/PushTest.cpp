@@ -11,9 +11,9 @@
 #include "platform/push/DeviceTokenFile.h"
 #include "platform/push/RemoteNotifications.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "quorvia/platform/PushService.h"
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 #include "support/MosquittoBroker.h"
 #include "support/PlatformTest.h"
 
@@ -82,7 +82,7 @@ class PushTest : public PlatformTest {
           },
           platform::applicationDelegateTypeEncoding(selector));
     }
-    platform::Application::sharedApplication().setDelegate(std::make_shared<platform::Object>(cls));
+    platform::setDelegateObject(platform::Application::sharedApplication(), std::make_shared<platform::Object>(cls));
   }
 
   std::shared_ptr<std::vector<std::pair<std::string, MessageArguments>>> calls_ =

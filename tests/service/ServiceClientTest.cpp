@@ -8,7 +8,7 @@
 #include "keychain/LKKeychain.h"
 #include "quorvia/QuorviaSDK.h"
 #include "platform/ApplicationRecords.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/LoopbackServer.h"

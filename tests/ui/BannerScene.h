@@ -11,7 +11,7 @@
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 #include "sdk/SDKState.h"
 #include "ui/QVNotificationActionCell.h"
 #include "ui/QVNotificationHeaderCell.h"

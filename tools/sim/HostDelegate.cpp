@@ -1,6 +1,6 @@
 #include "HostDelegate.h"
 
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 
 namespace quorvia::sim {
 namespace {

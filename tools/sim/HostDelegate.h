@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "EventWriter.h"
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 
 namespace quorvia::sim {
 

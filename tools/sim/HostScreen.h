@@ -1,6 +1,6 @@
 #pragma once
 
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace quorvia::sim {
 

@@ -9,7 +9,7 @@
 #include "keychain/LKKeychain.h"
 #include "platform/Renderer.h"
 #include "platform/TableView.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 #include "ui/QVNotificationHeaderCell.h"
 #include "ui/QVNotificationView.h"
 

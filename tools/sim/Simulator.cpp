@@ -12,12 +12,12 @@
 #include "quorvia/QuorviaSDK.h"
 #include "platform/Accessibility.h"
 #include "platform/ApplicationRecords.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "platform/Device.h"
 #include "platform/Log.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace quorvia::sim {
 namespace {
@@ -211,7 +211,7 @@ void Simulator::launch(const Json& command) {
   const std::string className =
       launches_ == 1 ? "SimAppDelegate" : "SimAppDelegate" + std::to_string(launches_);
   delegate_ = makeHostDelegate(className, spec, events_);
-  app.setDelegate(delegate_);
+  platform::setDelegateObject(app, delegate_);
 
   sdkStarted_ = true;
   if (swizzling) {

@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "EventWriter.h"
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 
 namespace quorvia::sim {
 

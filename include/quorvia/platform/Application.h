@@ -1,9 +1,9 @@
 #pragma once
 /// \file
 /// The application object (UIApplication). A host sets its application
-/// delegate and key window here, reports the user's answer to a permission
-/// request (setCurrentUserNotificationSettings) and its window's focus
-/// (setActive), and may decide how URLs are opened.
+/// delegate here (ApplicationDelegate.h), reports its window's focus
+/// (setActive; HostWindow does it for a host that embeds the banner), and may
+/// decide how URLs are opened.
 
 #include <cstdint>
 #include <functional>
@@ -13,13 +13,14 @@
 #include <vector>
 
 #include "quorvia/export.h"
+#include "quorvia/platform/ApplicationDelegate.h"
 #include "quorvia/platform/NotificationSettings.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::platform {
 
 class Window;  // the key window; defined by the view layer
-class Object;  // the application delegate; defined by the object runtime
+class Object;  // the delegate as the platform's object runtime sees it
 
 using BackgroundTaskIdentifier = std::uint64_t;
 /// The identifier that names no background task.
@@ -86,11 +87,17 @@ class QUORVIA_EXPORT Application final {
   // Windows and the delegate.
   std::shared_ptr<Window> keyWindow() const;
   void setKeyWindow(std::shared_ptr<Window> window);
-  /// The application delegate, an object of the delegate-class runtime; may be null.
-  std::shared_ptr<Object> delegate() const;
-  void setDelegate(std::shared_ptr<Object> delegate);
+  /// Makes `delegate`'s callbacks those of the application delegate. Set it
+  /// before the SDK starts: interception takes the delegate of that moment,
+  /// and one set later is not intercepted. Until a host sets one, the
+  /// application's delegate implements none of the callbacks. Main thread.
+  void setDelegate(ApplicationDelegate delegate);
 
  private:
+  // The delegate as an object of the platform's runtime, which the SDK's
+  // interception changes; internal (platform/ApplicationDelegateRuntime.h).
+  friend std::shared_ptr<Object> delegateObject(const Application& app);
+  friend void setDelegateObject(Application& app, std::shared_ptr<Object> delegate);
   friend class ApplicationRecords;  // what the simulator observes; not part of a host's API
   struct State;
   std::unique_ptr<State> state_;

@@ -1,62 +1,67 @@
 #pragma once
 /// \file
-/// The application delegate's push callbacks (UIApplicationDelegate) as
-/// messages of the delegate-class runtime, and the platform's side of
-/// delivering them.
+/// The application delegate: the six push callbacks the platform makes to the
+/// application, as plain C++ functions. A host sets the ones it wants with
+/// Application::setDelegate() before it starts the SDK:
 ///
-/// A host defines its delegate as a runtime class, adds a method for each
-/// callback it handles (the pack's members named below are the callback's
-/// arguments), makes an object of it the application's delegate, and the
-/// platform (or the simulator, or a test) delivers each event with
-/// deliverToApplicationDelegate().
+///     platform::ApplicationDelegate delegate;
+///     delegate.didReceiveRemoteNotification = [](const std::optional<platform::Value>& payload) {
+///       /* the host's own handling of a push */
+///     };
+///     platform::Application::sharedApplication().setDelegate(std::move(delegate));
+///
+/// A callback left empty is one the host does not implement. With
+/// interception on (the default), the SDK puts its own handling in front of
+/// every callback: it runs first, then the host's function if there is one.
+/// For a callback that carries a completion handler and that the host left
+/// empty, the SDK completes the platform's call itself; when the host provides
+/// it, completing it is the host's duty (call the handler once, on any thread).
+/// Every callback runs on the main thread.
 
-#include <string_view>
+#include <functional>
+#include <optional>
+#include <string>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/Runtime.h"
+#include "quorvia/platform/Error.h"
+#include "quorvia/platform/Value.h"
 
 namespace quorvia::platform {
 
-/// application, deviceToken.
-inline constexpr std::string_view kDidRegisterForRemoteNotificationsSelector =
-    "application:didRegisterForRemoteNotificationsWithDeviceToken:";
-/// application, error.
-inline constexpr std::string_view kDidFailToRegisterForRemoteNotificationsSelector =
-    "application:didFailToRegisterForRemoteNotificationsWithError:";
-/// application, userInfo.
-inline constexpr std::string_view kDidReceiveRemoteNotificationSelector =
-    "application:didReceiveRemoteNotification:";
-/// application, userInfo, fetchCompletionHandler.
-inline constexpr std::string_view kDidReceiveRemoteNotificationFetchSelector =
-    "application:didReceiveRemoteNotification:fetchCompletionHandler:";
-/// application, identifier, userInfo, completionHandler.
-inline constexpr std::string_view kHandleActionSelector =
-    "application:handleActionWithIdentifier:forRemoteNotification:completionHandler:";
-/// application, identifier, userInfo, responseInfo, completionHandler.
-inline constexpr std::string_view kHandleActionWithResponseInfoSelector =
-    "application:handleActionWithIdentifier:forRemoteNotification:withResponseInfo:"
-    "completionHandler:";
+/// What a host tells the platform when it has handled a pushed payload
+/// (UIBackgroundFetchResult).
+enum class FetchResult {
+  kNewData = 0,
+  kNoData = 1,
+  kFailed = 2,
+};
 
-/// The platform's type encodings of those callbacks, by number of object
-/// arguments after the receiver and selector (a trailing block is "@?").
-inline constexpr std::string_view kTwoObjectsTypeEncoding = "v32@0:8@16@24";
-inline constexpr std::string_view kTwoObjectsAndBlockTypeEncoding = "v40@0:8@16@24@?32";
-inline constexpr std::string_view kThreeObjectsAndBlockTypeEncoding = "v48@0:8@16@24@32@?40";
-inline constexpr std::string_view kFourObjectsAndBlockTypeEncoding = "v56@0:8@16@24@32@40@?48";
-/// A method with no arguments and no result.
-inline constexpr std::string_view kNoArgumentsTypeEncoding = "v16@0:8";
-
-/// The type encoding of one of the six callbacks above; empty for any other
-/// selector.
-QUORVIA_EXPORT std::string_view applicationDelegateTypeEncoding(std::string_view selector);
-
-/// Delivers one callback to the application's current delegate, on the
-/// calling thread (the platform calls it on the main thread), the way the
-/// platform calls optional delegate methods: only when the delegate responds
-/// to `selector`. Fills in the application when `arguments` has none. Returns
-/// whether the delegate got the message (false: no delegate, or it does not
-/// respond).
-QUORVIA_EXPORT bool deliverToApplicationDelegate(std::string_view selector,
-                                                 MessageArguments arguments);
+/// The push callbacks of the application delegate. Copyable; the application
+/// keeps its own copy.
+struct ApplicationDelegate {
+  /// The push service gave the device its token (raw bytes).
+  std::function<void(const Bytes& deviceToken)> didRegisterForRemoteNotifications;
+  /// The push service could not give the device a token.
+  std::function<void(const Error& error)> didFailToRegisterForRemoteNotifications;
+  /// A push arrived (its payload, nil when it came without one).
+  std::function<void(const std::optional<Value>& userInfo)> didReceiveRemoteNotification;
+  /// A push arrived; call `completionHandler` once when done with it.
+  std::function<void(const std::optional<Value>& userInfo,
+                     std::function<void(FetchResult)> completionHandler)>
+      didReceiveRemoteNotificationWithFetchCompletion;
+  /// The user pressed a button of a notification (or the notification itself:
+  /// identifier "com.apple.UNNotificationDefaultActionIdentifier"); call
+  /// `completionHandler` once when done.
+  std::function<void(const std::optional<std::string>& identifier,
+                     const std::optional<Value>& userInfo, std::function<void()> completionHandler)>
+      handleAction;
+  /// The same with the response info the notification came back with (such
+  /// as text the user typed). When both are set, the platform calls this one.
+  std::function<void(const std::optional<std::string>& identifier,
+                     const std::optional<Value>& userInfo,
+                     const std::optional<Value>& responseInfo,
+                     std::function<void()> completionHandler)>
+      handleActionWithResponseInfo;
+};
 
 }  // namespace quorvia::platform

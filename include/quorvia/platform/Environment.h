@@ -21,6 +21,7 @@
 
 #include "quorvia/export.h"
 #include "quorvia/platform/Clock.h"
+#include "quorvia/platform/NotificationSettings.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::platform {
@@ -88,6 +89,14 @@ class QUORVIA_EXPORT Environment {
   /// else the origin the library was built with. Read once, at the SDK's
   /// first service call.
   virtual std::optional<std::string> serviceBaseURL();
+  /// The user's answer when the app registers notification settings (asks
+  /// for permission): the settings granted, or nullopt while nobody answered
+  /// (then the host reports the answer with
+  /// Application::setCurrentUserNotificationSettings). The desktop has no
+  /// such prompt: what an app with notifications on asks for is granted,
+  /// and the desktop's notification server is where the user says no.
+  virtual std::optional<NotificationSettings> answerNotificationPermission(
+      const NotificationSettings& asked);
 };
 
 /// An environment that forwards every call to another: subclass it and
@@ -116,6 +125,10 @@ class QUORVIA_EXPORT EnvironmentWrapper : public Environment {
     return target_->localizedString(table, key);
   }
   std::optional<std::string> serviceBaseURL() override { return target_->serviceBaseURL(); }
+  std::optional<NotificationSettings> answerNotificationPermission(
+      const NotificationSettings& asked) override {
+    return target_->answerNotificationPermission(asked);
+  }
 
  private:
   std::shared_ptr<Environment> target_;

@@ -43,6 +43,16 @@ struct Rect {
   bool operator==(const Rect&) const = default;
 };
 
+/// The part two rectangles share; an empty rectangle (zero size) when none.
+inline Rect intersection(const Rect& a, const Rect& b) {
+  const double x0 = a.x() > b.x() ? a.x() : b.x();
+  const double y0 = a.y() > b.y() ? a.y() : b.y();
+  const double x1 = a.maxX() < b.maxX() ? a.maxX() : b.maxX();
+  const double y1 = a.maxY() < b.maxY() ? a.maxY() : b.maxY();
+  if (x1 <= x0 || y1 <= y0) return Rect{{x0, y0}, {0, 0}};
+  return Rect{{x0, y0}, {x1 - x0, y1 - y0}};
+}
+
 /// An RGBA colour with components in 0...1, not premultiplied (UIColor).
 struct QUORVIA_EXPORT Color {
   double red = 0;

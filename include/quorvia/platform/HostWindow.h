@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "quorvia/export.h"
+#include "quorvia/platform/AccessibleElement.h"
 #include "quorvia/platform/Geometry.h"
 
 namespace quorvia::platform {
@@ -127,7 +128,16 @@ class QUORVIA_EXPORT HostWindow final {
   /// the same state changes nothing.
   void setFocused(bool focused);
 
-  /// The key window, for hosts that inspect the view tree. Never null.
+  /// The banner and its elements as they are on screen now, parents before
+  /// their children; empty while no banner is in sight. A banner that slid
+  /// out of the window is not listed.
+  std::vector<AccessibleElement> accessibleElements() const;
+  /// Whether something the SDK draws is moving now (a banner sliding, its
+  /// options opening, the backdrop fading): the elements' frames are still
+  /// changing.
+  bool isAnimating() const;
+
+  /// The key window; internal (the view tree is not part of a host's API).
   std::shared_ptr<Window> window() const;
 
  private:

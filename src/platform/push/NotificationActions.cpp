@@ -7,7 +7,7 @@
 
 #include "platform/Log.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "quorvia/platform/Environment.h"
 #include "quorvia/platform/NotificationPresenter.h"
 
@@ -78,7 +78,7 @@ void presentRemoteNotification(const Value& payload) {
 
 void deliverNotificationAction(std::string identifier, Value payload) {
   if (identifier == kNotificationDefaultAction) identifier = kDefaultActionIdentifier;
-  const std::shared_ptr<Object> delegate = Application::sharedApplication().delegate();
+  const std::shared_ptr<Object> delegate = delegateObject(Application::sharedApplication());
   const bool withResponseInfo =
       delegate && delegate->respondsToSelector(kHandleActionWithResponseInfoSelector);
   if (!withResponseInfo && !(delegate && delegate->respondsToSelector(kHandleActionSelector))) {

@@ -5,7 +5,7 @@
 #include "quorvia/platform/Environment.h"
 #include "quorvia/platform/PushService.h"
 #include "quorvia/platform/Application.h"
-#include "quorvia/platform/ApplicationDelegate.h"
+#include "platform/ApplicationDelegateRuntime.h"
 #include "platform/Log.h"
 #include "platform/push/NotificationActions.h"
 
@@ -34,7 +34,7 @@ void deliverRemoteNotification(Value payload) {
   presentRemoteNotification(payload);
   MessageArguments arguments;
   arguments.userInfo.emplace(std::move(payload));
-  const std::shared_ptr<Object> delegate = Application::sharedApplication().delegate();
+  const std::shared_ptr<Object> delegate = delegateObject(Application::sharedApplication());
   if (!delegate || !delegate->respondsToSelector(kDidReceiveRemoteNotificationFetchSelector)) {
     deliverToApplicationDelegate(kDidReceiveRemoteNotificationSelector, std::move(arguments));
     return;

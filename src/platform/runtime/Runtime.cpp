@@ -1,4 +1,4 @@
-#include "quorvia/platform/Runtime.h"
+#include "platform/Runtime.h"
 
 #include <map>
 #include <mutex>

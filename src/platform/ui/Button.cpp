@@ -2,7 +2,10 @@
 
 namespace quorvia::platform {
 
-Button::Button() { setTextAlignment(TextAlignment::kCenter); }
+Button::Button() {
+  setTextAlignment(TextAlignment::kCenter);
+  setAccessibilityRole(AccessibleRole::kPushButton);
+}
 
 void Button::addTarget(std::weak_ptr<View> target, std::string action) {
   target_ = std::move(target);

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <string>
 
-#include "quorvia/platform/Layer.h"
+#include "platform/Layer.h"
+#include "quorvia/platform/AccessibleElement.h"
 
 namespace quorvia::platform {
 
@@ -51,6 +54,25 @@ bool BezierPath::containsPoint(Point p) const {
     }
   }
   return true;
+}
+
+}  // namespace quorvia::platform
+
+namespace quorvia::platform {
+
+std::string describe(const AccessibleElement& element) {
+  const char* role = "none";
+  switch (element.role) {
+    case AccessibleRole::kAlert: role = "alert"; break;
+    case AccessibleRole::kLabel: role = "label"; break;
+    case AccessibleRole::kPushButton: role = "button"; break;
+    case AccessibleRole::kNone: break;
+  }
+  char box[128];
+  std::snprintf(box, sizeof box, "%s %.1f,%.1f,%.1f,%.1f%s ", role, element.frame.x(),
+                element.frame.y(), element.frame.width(), element.frame.height(),
+                element.showing ? "" : " hidden");
+  return box + element.name;
 }
 
 }  // namespace quorvia::platform

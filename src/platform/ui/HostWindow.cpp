@@ -10,7 +10,7 @@
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace quorvia::platform {
 namespace {
@@ -297,6 +297,46 @@ void HostWindow::setFocused(bool focused) {
   // The application's activity decides whether a push shows a desktop
   // notification; it posts the became-active / resign-active notifications.
   dispatch_async([focused] { Application::sharedApplication().setActive(focused); });
+}
+
+namespace {
+
+// Collects the elements under `view`, whose on-screen frame is `frame` and
+// whose visible part (inside the window and every ancestor) is `visible`.
+void collectElements(View& view, Rect frame, Rect visible, int parent,
+                     std::vector<AccessibleElement>& out) {
+  if (view.isHidden() || view.presentationAlpha() <= 0) return;
+  const AccessibleRole role = view.accessibilityRole();
+  if (role != AccessibleRole::kNone) {
+    const bool showing = visible.width() > 0 && visible.height() > 0;
+    // A container that is entirely out of sight (a banner above the top
+    // edge, before it slides in or after it slid out) is not there at all.
+    if (role == AccessibleRole::kAlert && !showing) return;
+    out.push_back({role, view.accessibilityLabel().value_or(""), frame, parent, showing});
+    if (role != AccessibleRole::kAlert) return;  // one element for all it holds
+    parent = static_cast<int>(out.size()) - 1;
+  }
+  for (const auto& sub : view.subviews()) {
+    const Rect f = sub->presentationFrame();
+    const Rect subFrame{{frame.x() + f.x(), frame.y() + f.y()}, f.size};
+    collectElements(*sub, subFrame, intersection(visible, subFrame), parent, out);
+  }
+}
+
+}  // namespace
+
+std::vector<AccessibleElement> HostWindow::accessibleElements() const {
+  std::vector<AccessibleElement> elements;
+  const Rect bounds = state_->window->bounds();
+  for (const auto& view : state_->window->subviews()) {
+    const Rect frame = view->presentationFrame();
+    collectElements(*view, frame, intersection(bounds, frame), -1, elements);
+  }
+  return elements;
+}
+
+bool HostWindow::isAnimating() const {
+  return detail::ScreenSnapshot::take(*state_->window).animating;
 }
 
 std::shared_ptr<Window> HostWindow::window() const { return state_->window; }

@@ -5,7 +5,7 @@
 
 #include "platform/BlurView.h"
 #include "platform/Label.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace quorvia::platform::detail {
 namespace {

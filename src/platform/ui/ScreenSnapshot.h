@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "quorvia/platform/Geometry.h"
-#include "quorvia/platform/Layer.h"
+#include "platform/Layer.h"
 
 namespace quorvia::platform {
 

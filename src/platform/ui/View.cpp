@@ -1,4 +1,4 @@
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 #include <algorithm>
 
@@ -6,7 +6,7 @@
 #include "platform/ui/ScreenSnapshot.h"
 #include "platform/Animation.h"
 #include "quorvia/platform/RunLoop.h"
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 namespace quorvia::platform {
 namespace {

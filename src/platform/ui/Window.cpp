@@ -1,4 +1,4 @@
-#include "quorvia/platform/Window.h"
+#include "platform/Window.h"
 
 #include "quorvia/platform/Application.h"
 #include "platform/Button.h"

@@ -7,7 +7,7 @@
 #include <memory>
 
 #include "quorvia/export.h"
-#include "quorvia/platform/View.h"
+#include "platform/View.h"
 
 namespace quorvia::platform {
 

@@ -14,9 +14,10 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/Layer.h"
 #include "quorvia/export.h"
+#include "quorvia/platform/AccessibleElement.h"
 #include "quorvia/platform/Geometry.h"
-#include "quorvia/platform/Layer.h"
 
 namespace quorvia::platform {
 
@@ -164,6 +165,18 @@ class QUORVIA_EXPORT View : public std::enable_shared_from_this<View> {
   /// Runs once after the view was loaded from a layout file and connected.
   virtual void awakeFromNib() {}
 
+  // Accessibility (UIAccessibility). A view with a role is an element of the
+  // accessibility tree; an alert holds the elements inside it, any other
+  // role stands for everything inside it (a row is one button, not a button
+  // and its label).
+  AccessibleRole accessibilityRole() const { return accessibilityRole_; }
+  void setAccessibilityRole(AccessibleRole role) { accessibilityRole_ = role; }
+  /// The element's name; nil: the view's own text (labels and buttons).
+  virtual std::optional<std::string> accessibilityLabel() const { return accessibilityLabel_; }
+  void setAccessibilityLabel(std::optional<std::string> label) {
+    accessibilityLabel_ = std::move(label);
+  }
+
  private:
   void applyAutoresizing(Size oldSize);
   Rect frame_;
@@ -174,6 +187,8 @@ class QUORVIA_EXPORT View : public std::enable_shared_from_this<View> {
   unsigned autoresizingMask_ = kAutoresizingNone;
   bool userInteractionEnabled_ = true;
   bool needsLayout_ = false;
+  AccessibleRole accessibilityRole_ = AccessibleRole::kNone;
+  std::optional<std::string> accessibilityLabel_;
   Layer layer_;
   std::optional<LayoutPins> pins_;
   std::weak_ptr<View> superview_;

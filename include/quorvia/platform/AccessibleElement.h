@@ -1,0 +1,46 @@
+#pragma once
+/// \file
+/// What the SDK shows, as a screen reader sees it: the banner and the
+/// elements inside it, with their roles, names and places on screen.
+/// HostWindow::accessibleElements() lists them; a host that bridges
+/// accessibility into its own toolkit, or a test that needs to know where
+/// the banner's rows are, reads them there.
+
+#include <string>
+
+#include "quorvia/export.h"
+#include "quorvia/platform/Geometry.h"
+
+namespace quorvia::platform {
+
+/// What an element is to assistive technology.
+enum class AccessibleRole {
+  /// Not an element (a view that only arranges others).
+  kNone,
+  /// The banner: a message that appeared by itself and holds the others.
+  kAlert,
+  /// Text to read (the question).
+  kLabel,
+  /// Something to press (an option, the close control).
+  kPushButton,
+};
+
+/// One element as it is on screen now (mid-animation included).
+struct AccessibleElement {
+  AccessibleRole role = AccessibleRole::kNone;
+  /// What a screen reader says for it ("Poll", the question, an option's
+  /// text, "Close").
+  std::string name;
+  /// Where it is, in points from the host window's top-left corner.
+  Rect frame;
+  /// The index of the element that holds it in the same list, or -1.
+  int parent = -1;
+  /// Whether any of it is inside the window and not clipped away.
+  bool showing = false;
+};
+
+/// "role x,y,w,h name" ("alert", "label", "button"; points to one decimal),
+/// with " hidden" before the name when it is not showing: for logs and tests.
+QUORVIA_EXPORT std::string describe(const AccessibleElement& element);
+
+}  // namespace quorvia::platform
