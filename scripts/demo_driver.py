@@ -76,10 +76,10 @@ class Service:
 class Simulator:
     """The host simulator as a child: commands in, events out, printed as they come."""
 
-    def __init__(self, path, env, data_dir, png_dir, log):
+    def __init__(self, path, options, data_dir, png_dir, log):
         self.process = subprocess.Popen(
-            [path, "--script", "-", "--data-dir", data_dir, "--png-dir", png_dir],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, env=env, text=True)
+            [path, "--script", "-", "--data-dir", data_dir, "--png-dir", png_dir] + options,
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=log, text=True)
         self.events = queue.Queue()
         self.seen = []
         threading.Thread(target=self._read, daemon=True).start()
@@ -115,6 +115,11 @@ class Simulator:
 
     def log_line(self, what, prefix):
         return self.wait_for(what, lambda e: e["event"] == "log" and e["line"].startswith(prefix))
+
+    def event(self, what, name, **fields):
+        """The next event `name` whose fields hold `fields`: what the SDK tells its observer."""
+        return self.wait_for(what, lambda e: e["event"] == name and all(
+            e.get(k) == v for k, v in fields.items()))
 
     def state(self):
         self.send({"cmd": "state"})
@@ -166,7 +171,9 @@ def answer_banner(sim, png_dir, stem, option):
     sim.send({"cmd": "snapshot", "path": f"{stem}-expanded.png"})
     sim.wait_for("a snapshot", lambda e: e["event"] == "snapshot")
     sim.send({"cmd": "tapOption", "index": option})
-    sim.log_line("the reply", "QuorviaSDK: Successfuly sent reply: ")
+    reply = sim.event("the reply", "replied")
+    check(reply["error"] is None, "the service got the reply " + json.dumps(reply["replyText"],
+                                                                           ensure_ascii=False))
     sim.send({"cmd": "wait", "seconds": 0.5})
     check(not sim.state()["presentedPollView"], "the banner went away")
     for name in (f"{stem}-collapsed.png", f"{stem}-expanded.png"):
@@ -195,25 +202,25 @@ class Host:
                 line = self.lines.get(timeout=max(0.0, deadline - time.monotonic()))
             except queue.Empty:
                 break
-            if not quiet and not line.startswith("frames "):
+            if not quiet and not line.startswith("host: elements"):
                 print("  host:", line, flush=True)
             if matches(line):
                 return line
         raise DemoFailed(f"no {what} from the desktop host within {seconds:.0f} s")
 
 
-def frames_of(line):
-    """The banner's and rows' on-screen boxes (x, y, w, h) and the backdrop's alpha."""
-    frames = {"rows": [], "backdrop": 0.0}
-    for word in line.split():
-        key, _, value = word.partition("=")
-        if key == "banner":
-            frames["banner"] = [float(v) for v in value.split(",")]
-        elif key == "rows":
-            frames["rows"] = [[float(v) for v in row.split(",")] for row in value.split(";") if row]
-        elif key == "backdrop":
-            frames["backdrop"] = float(value)
-    return frames
+def elements_of(line):
+    """The banner's elements as the host says them once they settle ("host: elements; ROLE
+    X,Y,W,H[ hidden] NAME; ..."): name -> (role, [x, y, w, h], showing)."""
+    elements = {}
+    if not line.startswith("host: elements"):
+        return elements
+    for part in line.split("; ")[1:]:
+        role, box, rest = part.split(" ", 2)
+        hidden = rest.startswith("hidden ")
+        name = rest[len("hidden "):] if hidden else rest
+        elements[name] = (role, [float(v) for v in box.split(",")], not hidden)
+    return elements
 
 
 def screenshot(display, path):
@@ -300,16 +307,15 @@ def notification_act(service, host, bus, person, display):
     if person:
         print("  Press Yes or No on the notification bubble (the window must not have the focus).",
               flush=True)
-        line = host.wait_for("a reply", lambda l: "QuorviaSDK: Successfuly sent reply: " in l,
-                             seconds=300)
-        return poll, line.rsplit(": ", 1)[1]
+        line = host.wait_for("a reply", lambda l: l.startswith("host: replied "), seconds=300)
+        return poll, line[len("host: replied "):].rsplit(" ", 1)[0]
     note = bus.next("a notification")
     print(f"  bubble: {json.dumps(note, ensure_ascii=False)}", flush=True)
     check(note["body"] == "Was this demo clear?", "the bubble shows the alert text")
     check(note["actions"][:4] == ["Yes", "Yes", "No", "No"] and "default" in note["actions"],
           "the bubble has the category's buttons, Yes then No, and the default action")
     bus.press(note["id"], "Yes")
-    host.wait_for("the reply", lambda l: "QuorviaSDK: Successfuly sent reply: Yes" in l)
+    host.wait_for("the reply", lambda l: l == "host: replied Yes ok")
     return poll, "Yes"
 
 
@@ -332,8 +338,7 @@ def real_window(args, service, broker_url, base, children):
         print(f"  Xvfb on display {display} (pid {xvfb.pid})")
     else:
         step(f"the same in a real window: the desktop host on your display {display}")
-    env = dict(os.environ, DISPLAY=display, QUORVIA_SERVICE_BASE_URL=base,
-               QUORVIA_PUSH_BROKER=broker_url, XDG_DATA_HOME=os.path.join(args.work, "host-home"))
+    env = dict(os.environ, DISPLAY=display, XDG_DATA_HOME=os.path.join(args.work, "host-home"))
     bus = None
     if not person:
         env.update(SDL_VIDEODRIVER="x11", SDL_RENDER_DRIVER="software")
@@ -345,36 +350,36 @@ def real_window(args, service, broker_url, base, children):
                 print(f"  (notifications will be skipped: {bus.missing})")
                 bus = None
     host = Host([args.host, "--print-frames", "--app-token", APP_TOKEN + "-desktop",
+                 "--service-url", base, "--push-broker", broker_url,
                  "--data-dir", os.path.join(args.work, "host-data")], env)
     children.append(host.process)
     host.wait_for("a window", lambda l: l.startswith("host: ready"))
-    host.wait_for("a registration", lambda l: "Successfully registered device push token." in l)
+    host.wait_for("a registration", lambda l: l == "host: registered")
 
     poll = service.call("POST", "/admin/polls", {
         "app_token": APP_TOKEN + "-desktop", "question": "Tea or coffee?",
         "options": [{"text": "Tea"}, {"text": "Coffee"}]})
     sent = service.call("POST", f"/admin/polls/{poll['id']}/push", {})
     check(sent.get("sent", 0) >= 1, "the service pushed the poll to the desktop host")
-    collapsed = frames_of(host.wait_for(
-        "the banner", lambda l: l.startswith("frames ") and frames_of(l).get("banner", [0, 0])[1] == 20
-        and len(frames_of(l)["rows"]) == 2, quiet=True))
+    collapsed = elements_of(host.wait_for(
+        "the banner", lambda l: elements_of(l).get("Poll", ("", [0, 0]))[1][1] == 20, quiet=True))
     check(True, "the banner slid into the window")
     shots = {}
     if person:
         print("  Click the card, then an option, in the window.", flush=True)
-        host.wait_for("a reply", lambda l: "QuorviaSDK: Successfuly sent reply: " in l, seconds=300)
+        host.wait_for("a reply", lambda l: l.startswith("host: replied "), seconds=300)
     else:
         shots["collapsed"] = os.path.join(args.png_dir, "window-collapsed.png")
         screenshot(display, shots["collapsed"])
-        click(display, collapsed["rows"][1])
-        expanded = frames_of(host.wait_for(
-            "the expanded banner", lambda l: l.startswith("frames ") and len(frames_of(l)["rows"]) == 4
-            and frames_of(l)["backdrop"] == 1, quiet=True))
+        click(display, collapsed["Tea or coffee?"][1])
+        expanded = elements_of(host.wait_for(
+            "the expanded banner", lambda l: elements_of(l).get("Coffee", ("", [], False))[2],
+            quiet=True))
         check(True, "clicking the card expanded it")
         shots["expanded"] = os.path.join(args.png_dir, "window-expanded.png")
         screenshot(display, shots["expanded"])
-        click(display, expanded["rows"][3])  # "Coffee"
-        host.wait_for("the reply", lambda l: "QuorviaSDK: Successfuly sent reply: Coffee" in l)
+        click(display, expanded["Coffee"][1])
+        host.wait_for("the reply", lambda l: l == "host: replied Coffee ok")
     for name, path in shots.items():
         check(os.path.exists(path) and os.path.getsize(path) > 1000, f"saved the {name} window: {path}")
     answers = {poll["id"]: "Coffee"} if not person else {}
@@ -422,8 +427,8 @@ def run(args):
         print(f"service: {base} (pid {server.pid})\ndashboard: {base}/?token={admin}")
 
         step("launching the host simulator: the device gets its token from the broker")
-        env = dict(os.environ, QUORVIA_SERVICE_BASE_URL=base, QUORVIA_PUSH_BROKER=broker_url)
-        sim = Simulator(args.sim, env, os.path.join(work, "app-data"), args.png_dir,
+        sim = Simulator(args.sim, ["--service-url", base, "--push-broker", broker_url],
+                        os.path.join(work, "app-data"), args.png_dir,
                         open(os.path.join(work, "sim.stderr"), "w"))
         children.append(sim.process)
         sim.send({"cmd": "launch", "appToken": APP_TOKEN, "launchOptions": None, "swizzling": True,
@@ -431,7 +436,7 @@ def run(args):
                   "settings": {"types": 7, "categories": []}})
         sim.send({"cmd": "askPermission"})
         sim.log_line("a device token from the broker", "QuorviaSDK: Received device push token")
-        sim.log_line("the registration", "QuorviaSDK: Successfully registered device push token.")
+        sim.event("the registration", "registered")
         check(sim.state()["accessToken"], "the access token is in the keychain")
 
         step("pushing a poll from the service's admin API")
@@ -442,7 +447,7 @@ def run(args):
         sent = service.call("POST", f"/admin/polls/{pushed['id']}/push", {})
         print(f"  service: {json.dumps(sent)}")
         check(sent.get("sent", 0) >= 1, "the service published the push")
-        sim.log_line("the pushed poll", "QuorviaSDK: Presenting poll: ")
+        sim.event("the pushed poll", "presented", pollId=str(pushed["id"]))
         answer_banner(sim, args.png_dir, "banner", 0)
         # User info rides on the header the reply installed.
         sim.send({"cmd": "setUserInfo", "userInfo": {"name": "Demo user", "plan": "trial"}})
@@ -453,7 +458,7 @@ def run(args):
             "app_token": APP_TOKEN, "question": "Coffee or tea?",
             "options": [{"text": "☕ Coffee"}, {"text": "🍵 Tea"}]})
         sim.send({"cmd": "becomeActive"})
-        sim.log_line("the fetched poll", "QuorviaSDK: Presenting poll: Coffee or tea?")
+        sim.event("the fetched poll", "presented", question="Coffee or tea?")
         answer_banner(sim, args.png_dir, "fetched", 1)
         sim.quit()
 

@@ -30,10 +30,9 @@ class SimFlowTest : public devserver::testing::DevServerTest {
     finishSimulator();
     const auto data = directory_ / ("sim-" + std::to_string(++simulators_));
     std::filesystem::create_directories(data);
-    sim_ = std::make_unique<ToolProcess>(
-        std::vector<std::string>{QUORVIA_SIM_PATH, "--data-dir", data.string()},
-        std::vector<std::string>{"QUORVIA_SERVICE_BASE_URL=http://127.0.0.1:" +
-                                 std::to_string(port_)});
+    sim_ = std::make_unique<ToolProcess>(std::vector<std::string>{
+        QUORVIA_SIM_PATH, "--data-dir", data.string(), "--service-url",
+        "http://127.0.0.1:" + std::to_string(port_)});
   }
   // Quits the simulator, expecting a clean exit and no error events unless some were expected.
   void finishSimulator() {
@@ -53,7 +52,7 @@ class SimFlowTest : public devserver::testing::DevServerTest {
   void launchAndRegister(const Json& delegate = nullptr) {
     launch(delegate);
     sim_->send({{"cmd", "deviceToken"}, {"hex", kDevice}});
-    ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfully registered device push token."));
+    ASSERT_TRUE(sim_->waitFor({{"event", "registered"}, {"pushToken", kDevice}}));
     ASSERT_TRUE(sim_->state()["accessToken"].is_string());
   }
 
@@ -87,21 +86,22 @@ TEST_F(SimFlowTest, PollArrivingByFetchOrPushIsShownAnsweredAndRecordedOnce) {
     sim_->send(pushed ? Json{{"cmd", "push"},
                              {"payload", {{"aps", {{"alert", question}}}, {"poll", dictionary}}}}
                       : Json{{"cmd", "becomeActive"}});
-    ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Presenting poll: " + question));
+    ASSERT_TRUE(sim_->waitFor({{"event", "presented"}, {"question", question}}));
     // The slide takes 0.3 s of the simulator's clock.
     Json state = sim_->state(0.4);
     EXPECT_EQ(state["banner"]["question"], question) << state.dump();
     EXPECT_EQ(state["banner"]["options"], Json::array({kTea, kCoffee}));
     if (option >= 0) {
       sim_->send({{"cmd", "tapCard"}});
-      ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: User expanded poll: " + question));
+      ASSERT_TRUE(sim_->waitFor({{"event", "expanded"}, {"question", question}}));
       EXPECT_EQ(sim_->state(0.4)["backdrop"], (Json{{"alpha", 1.0}})) << "the backdrop faded in";
       sim_->send({{"cmd", "tapOption"}, {"index", option}});
     } else {
       sim_->send({{"cmd", "tapClose"}});
       ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: User dismissed poll: " + question));
     }
-    ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfuly sent reply: " + reply));
+    ASSERT_TRUE(sim_->waitFor(
+        {{"event", "replied"}, {"pollId", poll["id"].dump()}, {"replyText", reply}, {"error", nullptr}}));
     // The reply ran under one background task.
     std::optional<Json> end = sim_->waitFor({{"event", "backgroundTask"}, {"action", "end"}});
     ASSERT_TRUE(end);
@@ -187,8 +187,7 @@ TEST_F(SimFlowTest, InterceptedCallbackRunsLibraryThenHostAndCompletesOnce) {
     ASSERT_TRUE(sim_->waitForEvent("completion"));
     ASSERT_TRUE(sim_->waitFor(libraryWork));
     if (selector != fetch) {
-      ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfuly sent reply: " +
-                                   command["identifier"].get<std::string>()));
+      ASSERT_TRUE(sim_->waitFor({{"event", "replied"}, {"replyText", command["identifier"]}}));
     }
     // Time for a second, wrong completion or host call to show up.
     const Json added = sim_->state(0.5)["addedMethods"];
@@ -220,7 +219,7 @@ TEST_F(SimFlowTest, DeviceTokenReachesTheLibraryBeforeTheHostAndWithoutIntercept
   EXPECT_EQ(state["addedMethods"], Json::array());
   // The host forwarding the token itself registers it.
   sim_->send({{"cmd", "setDeviceToken"}, {"hex", kDevice}});
-  ASSERT_TRUE(sim_->waitForLog("QuorviaSDK: Successfully registered device push token."));
+  ASSERT_TRUE(sim_->waitFor({{"event", "registered"}}));
   EXPECT_TRUE(sim_->state()["accessToken"].is_string());
 
   restartSimulator();

@@ -9,6 +9,7 @@
 #include "HostScreen.h"
 #include "platform/ConfigurableEnvironment.h"
 #include "quorvia/platform/PushService.h"
+#include "quorvia/Observer.h"
 #include "quorvia/QuorviaSDK.h"
 #include "platform/Accessibility.h"
 #include "platform/ApplicationRecords.h"
@@ -30,6 +31,12 @@ platform::ConfigurableEnvironment& simulatedEnvironment() {
 using platform::Value;
 
 constexpr const char* kDefaultSystemVersion = "17.0";
+
+Value orNull(const std::optional<std::string>& text) { return text ? Value(*text) : Value(); }
+
+Value pollFields(const PollEvent& poll) {
+  return {{"pollId", orNull(poll.pollId)}, {"question", orNull(poll.question)}};
+}
 
 Value categoryIdentifiers(const std::optional<platform::CategorySet>& categories) {
   if (!categories) return nullptr;
@@ -137,9 +144,34 @@ void Simulator::install() {
   });
   remoteNotificationRequests_ =
       platform::ApplicationRecords::remoteNotificationRegistrationCount(app);
+  // What happened, as the SDK tells a host that observes it.
+  setObserver({
+      .deviceRegistered = [events](const std::string& token) {
+        events->write("registered", {{"pushToken", token}});
+      },
+      .deviceRegistrationFailed = [events](const RegistrationFailure& failure) {
+        events->write("registrationFailed",
+                      {{"stage", failure.stage == RegistrationFailure::Stage::kPushToken
+                                     ? "pushToken" : "pollService"},
+                       {"error", failure.error}});
+      },
+      .pollPresented = [events](const PollEvent& poll) { events->write("presented", pollFields(poll)); },
+      .bannerExpanded = [events](const PollEvent& poll) { events->write("expanded", pollFields(poll)); },
+      .replySent = [events](const ReplyEvent& reply) {
+        events->write("replied", {{"pollId", orNull(reply.pollId)},
+                                  {"replyText", orNull(reply.replyText)},
+                                  {"error", orNull(reply.error)}});
+      },
+      .bannerHidden = [events](const PollEvent& poll) { events->write("hidden", pollFields(poll)); },
+  });
   // With a broker named, the device registers and pushes arrive by themselves; without one,
   // the deviceToken and push commands stand in for the push service.
-  if (const char* broker = std::getenv("QUORVIA_PUSH_BROKER"); broker && *broker) {
+  std::string broker = options_.pushBroker;
+  if (const char* fromEnvironment = std::getenv("QUORVIA_PUSH_BROKER");
+      broker.empty() && fromEnvironment) {
+    broker = fromEnvironment;
+  }
+  if (!broker.empty()) {
     simulatedEnvironment().setPushService(
         platform::makeMqttPushService({broker, platform::dataDirectory()}));
   } else {

@@ -16,6 +16,9 @@ namespace quorvia::sim {
 struct SimulatorOptions {
   // Where relative snapshot paths are written; empty: the working directory.
   std::filesystem::path pngDirectory;
+  // The MQTT broker the device registers with; empty: $QUORVIA_PUSH_BROKER, and without
+  // that no push service (the deviceToken and push commands stand in for it).
+  std::string pushBroker;
 };
 
 // The command interpreter of quorvia-sim: plays the host application and the platform around

@@ -58,14 +58,14 @@ int main(int argc, char** argv) {
   std::string script;
   std::string dataDirectory;
   std::string pngDirectory;
+  std::string serviceURL;
+  std::string pushBroker;
   bool strict = false;
 
   CLI::App app{
       "quorvia-sim: plays a host application and the platform around the Quorvia SDK. Reads one "
       "JSON command a line (from --script or standard input; see docs/simulator.md) and writes "
-      "one JSON event a line to standard output. The SDK talks to the service named by the "
-      "environment variable QUORVIA_SERVICE_BASE_URL (default http://127.0.0.1:8765). Ends at "
-      "\"quit\" or at the end of the input.",
+      "one JSON event a line to standard output. Ends at \"quit\" or at the end of the input.",
       kProgram};
   app.set_version_flag("--version", std::string(kProgram) + " " + QUORVIA_VERSION);
   app.add_option("--script", script,
@@ -77,6 +77,12 @@ int main(int argc, char** argv) {
   app.add_option("--png-dir", pngDirectory,
                  "Directory that relative snapshot paths are written to (created when missing); "
                  "default the working directory");
+  app.add_option("--service-url", serviceURL,
+                 "The poll service the SDK talks to; default $QUORVIA_SERVICE_BASE_URL, else "
+                 "http://127.0.0.1:8765");
+  app.add_option("--push-broker", pushBroker,
+                 "The MQTT broker the device registers with and pushes come through; default "
+                 "$QUORVIA_PUSH_BROKER, else none (the deviceToken and push commands stand in)");
   app.add_flag("--strict", strict,
                "Exit 1 when any command was refused (an \"error\" event was written)");
   bool exit = false;
@@ -84,8 +90,9 @@ int main(int argc, char** argv) {
     return code;
   }
 
-  quorvia::platform::ConfigurableEnvironment::install(
+  auto environment = quorvia::platform::ConfigurableEnvironment::install(
       dataDirectory, quorvia::platform::RunLoop::Clock::kReal, "quorvia-sim");
+  environment->setServiceBaseURL(serviceURL);
 
   std::shared_ptr<std::istream> input;
   if (script.empty() || script == "-") {
@@ -104,7 +111,8 @@ int main(int argc, char** argv) {
   std::FILE* out = fopencookie(&counter, "w", {nullptr, countingWrite, nullptr, nullptr});
   if (out == nullptr) out = stdout;
   auto events = std::make_shared<quorvia::sim::EventWriter>(out);
-  quorvia::sim::Simulator simulator(events, quorvia::sim::SimulatorOptions{pngDirectory});
+  quorvia::sim::Simulator simulator(events,
+                                    quorvia::sim::SimulatorOptions{pngDirectory, pushBroker});
   simulator.install();
   quorvia::sim::LineFeed feed(std::move(input));
   while (const std::optional<std::string> line = feed.next()) {

@@ -1,46 +1,24 @@
 // A host built against an installed quorvia, as a new user builds one, run
 // against a real poll service: it starts the SDK without interception,
 // registers a device token, becomes active, sees the service's poll presented
-// as a banner (built from the installed layout files) and answers it.
+// as a banner and answers it, learning each outcome from the SDK's events.
 //   quorvia_consumer SERVICE_URL POLL_ID
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <vector>
 
+#include "quorvia/Observer.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "quorvia/platform/Environment.h"
 #include "quorvia/platform/RunLoop.h"
 
 namespace {
-
-using namespace quorvia;
-
-// The desktop, in a throw-away data directory, remembering its log lines.
-class ConsumerEnvironment final : public platform::EnvironmentWrapper {
- public:
-  using EnvironmentWrapper::EnvironmentWrapper;
-  void log(std::string_view line) override {
-    std::lock_guard lock(mu_);
-    lines_.emplace_back(line);
-    std::fprintf(stdout, "log: %.*s\n", static_cast<int>(line.size()), line.data());
-  }
-  bool logged(const std::string& line) {
-    std::lock_guard lock(mu_);
-    return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-  }
-
- private:
-  std::mutex mu_;
-  std::vector<std::string> lines_;
-};
 
 int fail(const std::string& why) {
   std::fprintf(stderr, "quorvia_consumer: %s\n", why.c_str());
@@ -50,18 +28,27 @@ int fail(const std::string& why) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  using namespace quorvia;
   if (argc != 3) return fail("usage: quorvia_consumer SERVICE_URL POLL_ID");
   if (QuorviaSDK::version() != QUORVIA_VERSION) return fail("library and headers disagree");
-  ::setenv("QUORVIA_SERVICE_BASE_URL", argv[1], 1);
   const auto data =
       std::filesystem::temp_directory_path() / ("quorvia-consumer-" + std::to_string(::getpid()));
-  auto env = std::make_shared<ConsumerEnvironment>(platform::makeDesktopEnvironment(
-      {"quorvia-consumer", data, platform::RunLoop::Clock::kReal, /*push=*/false,
-       /*notifications=*/false}));
-  platform::installEnvironment(env);
+  platform::installEnvironment(platform::makeDesktopEnvironment({.appIdentifier = "quorvia-consumer",
+                                                                 .dataDirectory = data,
+                                                                 .push = false,
+                                                                 .notifications = false,
+                                                                 .serviceBaseURL = argv[1]}));
+  bool registered = false;
+  std::optional<PollEvent> presented;
+  std::optional<ReplyEvent> replied;
+  setObserver({.deviceRegistered = [&](const std::string&) { registered = true; },
+               .deviceRegistrationFailed =
+                   [](const RegistrationFailure& f) { std::printf("not registered: %s\n", f.error.c_str()); },
+               .pollPresented = [&](const PollEvent& poll) { presented = poll; },
+               .replySent = [&](const ReplyEvent& reply) { replied = reply; }});
   auto& loop = platform::mainRunLoop();
-  const auto waitFor = [&](const std::string& line) {
-    return loop.runUntil([&] { return env->logged(line); }, platform::seconds(20));
+  const auto waitFor = [&loop](const auto& done) {
+    return loop.runUntil([&] { return static_cast<bool>(done); }, platform::seconds(20));
   };
 
   QuorviaSDK::initWithAppToken("consumer-app-token", std::nullopt, /*swizzling=*/false);
@@ -71,22 +58,26 @@ int main(int argc, char** argv) {
   for (int i = 0, pid = ::getpid(); i < 4; ++i)
     token[i] = static_cast<std::uint8_t>(pid >> (8 * i));
   QuorviaSDK::setDeviceToken(token);
-  const bool registered = waitFor("QuorviaSDK: Successfully registered device push token.");
-  platform::Application::sharedApplication().setActive(true);  // the window got the focus
-  const bool presented = registered && waitFor("QuorviaSDK: Presenting poll: Installed?");
-  loop.runFor(platform::seconds(0.5));  // the slide-in
-  const bool laidOut = !env->logged(
-      "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown.");
-  if (presented && laidOut) {
+  waitFor(registered);
+  if (registered) platform::Application::sharedApplication().setActive(true);  // in front
+  waitFor(presented);
+  if (presented) {
+    loop.runFor(platform::seconds(0.5));  // the slide-in
     QuorviaSDK::handleActionWithIdentifier("Yes",
                                            platform::Value{{"poll", {{"id", std::atoi(argv[2])}}}});
+    waitFor(replied);
   }
-  const bool replied = presented && laidOut && waitFor("QuorviaSDK: Successfuly sent reply: Yes");
   std::filesystem::remove_all(data);
   if (!registered) return fail("the device did not register");
   if (!presented) return fail("no banner presented from the fetched poll");
-  if (!laidOut) return fail("the installed layout files were not found");
-  if (!replied) return fail("the reply was not sent");
+  if (presented->question != "Installed?" || presented->pollId != argv[2]) {
+    return fail("presented another poll: " + presented->question.value_or("(no question)"));
+  }
+  if (!replied) return fail("the reply did not finish");
+  if (!replied->succeeded()) return fail("the reply failed: " + *replied->error);
+  if (replied->replyText != "Yes" || replied->pollId != argv[2]) {
+    return fail("replied something else: " + replied->replyText.value_or("(nil)"));
+  }
   std::printf("banner shown from a fetched poll, reply sent\n");
   return 0;
 }
