@@ -23,7 +23,7 @@ endif()
 if(QUORVIA_BUILD_BENCH)
   find_package(benchmark REQUIRED)
 endif()
-if(QUORVIA_BUILD_EXAMPLES OR QUORVIA_BUILD_TESTS)
+if(QUORVIA_BUILD_EXAMPLES OR QUORVIA_BUILD_TESTS OR QUORVIA_BUILD_BENCH)
   # Each example host (and its windowed test) is built when its toolkit is there.
   find_package(SDL2 CONFIG QUIET)
   pkg_check_modules(GTK4 QUIET IMPORTED_TARGET gtk4)

@@ -18,9 +18,9 @@ int main() {
       std::printf("log: %.*s\n", static_cast<int>(line.size()), line.data());
     }
   };
-  platform::installEnvironment(
-      std::make_shared<PrintingEnvironment>(platform::makeDesktopEnvironment(
-          {"minimal-host", std::filesystem::temp_directory_path() / "quorvia-minimal-host"})));
+  platform::installEnvironment(std::make_shared<PrintingEnvironment>(platform::makeDesktopEnvironment(
+      {.appIdentifier = "minimal-host",
+       .dataDirectory = std::filesystem::temp_directory_path() / "quorvia-minimal-host"})));
 
   // Start at launch, on the main thread; the host forwards push callbacks itself.
   QuorviaSDK::initWithAppToken("demo-app-token", std::nullopt, /*swizzling=*/false);

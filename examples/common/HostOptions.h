@@ -1,12 +1,14 @@
-// What the example hosts share that is not the SDK's: their command line and
-// the lines they print for people and tests.
+// What the example hosts share: their command line, and the lines they print
+// for people and tests (what the SDK's events say, where the banner is).
 #pragma once
 
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 
+#include "quorvia/Observer.h"
 #include "quorvia/Version.h"
+#include "quorvia/platform/HostWindow.h"
 
 namespace example {
 
@@ -87,6 +89,32 @@ inline void say(const std::string& line) {
 // Says `line` when it differs from the last one said through `last`.
 inline void sayChanged(std::string& last, const std::string& line) {
   if (line != last) say(last = line);
+}
+
+// An observer that says each of the SDK's events as a line.
+inline quorvia::Observer sayingObserver() {
+  using namespace quorvia;
+  return {
+      .deviceRegistered = [](const std::string&) { say("registered"); },
+      .deviceRegistrationFailed =
+          [](const RegistrationFailure& f) { say("not registered: " + f.error); },
+      .pollPresented = [](const PollEvent& p) { say("presented " + p.question.value_or("")); },
+      .bannerExpanded = [](const PollEvent&) { say("expanded"); },
+      .replySent =
+          [](const ReplyEvent& r) {
+            say("replied " + r.replyText.value_or("") + (r.succeeded() ? " ok" : " failed"));
+          },
+      .bannerHidden = [](const PollEvent&) { say("hidden"); },
+  };
+}
+
+// Says the banner's elements and where they are, once they settle and when they changed.
+inline void sayElements(const quorvia::platform::HostWindow& host, std::string& last) {
+  if (host.isAnimating()) return;
+  std::string frames = "elements";
+  for (const auto& element : host.accessibleElements())
+    frames += "; " + quorvia::platform::describe(element);
+  sayChanged(last, frames);
 }
 
 }  // namespace example

@@ -6,7 +6,6 @@
 #include <string>
 
 #include "../common/HostOptions.h"
-#include "quorvia/Observer.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/integration/SdlHost.h"
 #include "quorvia/platform/Environment.h"
@@ -36,7 +35,10 @@ struct Screen {
       fill({28 + i * 10, kFieldY + 12, 7, 12}, 60, 60, 67);
     for (int i = 0; kListY + i * kRowPitch < height; ++i) {
       const SDL_Rect row{16, kListY + i * kRowPitch, width - 32, 60};
-      if (i == selected) fill(row, 214, 226, 252); else fill(row, 255, 255, 255);
+      if (i == selected)
+        fill(row, 214, 226, 252);
+      else
+        fill(row, 255, 255, 255);
       fill({row.x + 16, row.y + 14, row.w / 2 - 20 * (i % 3), 12}, 60, 60, 67);
       fill({row.x + 16, row.y + 36, row.w / 3, 8}, 174, 174, 178);
     }
@@ -44,7 +46,10 @@ struct Screen {
 
   void click(int y) {
     editing = y >= kFieldY && y < kFieldY + kFieldHeight;
-    if (editing) SDL_StartTextInput(); else SDL_StopTextInput();
+    if (editing)
+      SDL_StartTextInput();
+    else
+      SDL_StopTextInput();
     selected = y >= kListY ? (y - kListY) / kRowPitch : -1;
     say(editing ? "text field" : "row " + std::to_string(selected));
   }
@@ -60,9 +65,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "quorvia-desktop-host: SDL: %s\n", SDL_GetError());
     return 1;
   }
-  SDL_Window* window = SDL_CreateWindow("Quorvia desktop host", SDL_WINDOWPOS_CENTERED,
-                                        SDL_WINDOWPOS_CENTERED, options.width, options.height,
-                                        SDL_WINDOW_RESIZABLE);
+  SDL_Window* window =
+      SDL_CreateWindow("Quorvia desktop host", SDL_WINDOWPOS_CENTERED, SDL_WINDOWPOS_CENTERED,
+                       options.width, options.height, SDL_WINDOW_RESIZABLE);
   SDL_Renderer* renderer = window ? SDL_CreateRenderer(window, -1, 0) : nullptr;
   if (!renderer) {
     std::fprintf(stderr, "quorvia-desktop-host: SDL: %s\n", SDL_GetError());
@@ -72,19 +77,14 @@ int main(int argc, char** argv) {
 
   // Polls: configure, embed, observe, start.
   using namespace quorvia;
-  platform::installEnvironment(platform::makeDesktopEnvironment(
-      {.appIdentifier = "quorvia-desktop-host", .dataDirectory = options.dataDir,
-       .serviceBaseURL = options.serviceURL, .pushBroker = options.pushBroker}));
+  platform::installEnvironment(
+      platform::makeDesktopEnvironment({.appIdentifier = "quorvia-desktop-host",
+                                        .dataDirectory = options.dataDir,
+                                        .serviceBaseURL = options.serviceURL,
+                                        .pushBroker = options.pushBroker}));
   integration::SdlBanner banner(window, renderer);
   integration::SdlMainQueue queue;
-  setObserver({
-      .deviceRegistered = [](const std::string&) { say("registered"); },
-      .pollPresented = [](const PollEvent& p) { say("presented " + p.question.value_or("")); },
-      .replySent = [](const ReplyEvent& r) {
-        say("replied " + r.replyText.value_or("") + (r.succeeded() ? " ok" : " failed"));
-      },
-      .bannerHidden = [](const PollEvent&) { say("hidden"); },
-  });
+  setObserver(example::sayingObserver());
   QuorviaSDK::initWithAppToken(options.appToken, std::nullopt);
   QuorviaSDK::askUserForPushPermissions();
   std::string lastFrames;
@@ -113,12 +113,7 @@ int main(int argc, char** argv) {
     screen.draw(renderer, width, height);
     banner.render();
     SDL_RenderPresent(renderer);
-    if (options.printFrames && !banner.host().isAnimating()) {  // said once it settles
-      std::string frames = "elements";
-      for (const auto& element : banner.host().accessibleElements())
-        frames += "; " + platform::describe(element);
-      example::sayChanged(lastFrames, frames);
-    }
+    if (options.printFrames) example::sayElements(banner.host(), lastFrames);
   }
   SDL_DestroyRenderer(renderer);
   SDL_DestroyWindow(window);

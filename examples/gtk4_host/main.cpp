@@ -6,7 +6,6 @@
 #include <string>
 
 #include "../common/HostOptions.h"
-#include "quorvia/Observer.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/integration/GLibMainQueue.h"
 #include "quorvia/integration/Gtk4Banner.h"
@@ -37,7 +36,8 @@ GtkWidget* makeContent() {
     gtk_widget_set_margin_bottom(row, 18);
     gtk_list_box_append(GTK_LIST_BOX(list), row);
   }
-  g_signal_connect(list, "row-activated", G_CALLBACK(+[](GtkListBox*, GtkListBoxRow* row, gpointer) {
+  g_signal_connect(list, "row-activated",
+                   G_CALLBACK(+[](GtkListBox*, GtkListBoxRow* row, gpointer) {
                      say("row " + std::to_string(gtk_list_box_row_get_index(row)));
                    }),
                    nullptr);
@@ -63,38 +63,27 @@ int main(int argc, char** argv) {
   gtk_window_set_child(GTK_WINDOW(window), overlay);
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
   g_signal_connect_swapped(window, "destroy", G_CALLBACK(g_main_loop_quit), loop);
-  g_signal_connect(window, "notify::is-active", G_CALLBACK(+[](GtkWindow* w, GParamSpec*, gpointer) {
+  g_signal_connect(window, "notify::is-active",
+                   G_CALLBACK(+[](GtkWindow* w, GParamSpec*, gpointer) {
                      say(gtk_window_is_active(w) ? "focus gained" : "focus lost");
                    }),
                    nullptr);
 
   // Polls: configure, embed, observe, start.
   using namespace quorvia;
-  platform::installEnvironment(platform::makeDesktopEnvironment(
-      {.appIdentifier = "quorvia-gtk4-host", .dataDirectory = options.dataDir,
-       .serviceBaseURL = options.serviceURL, .pushBroker = options.pushBroker}));
+  platform::installEnvironment(
+      platform::makeDesktopEnvironment({.appIdentifier = "quorvia-gtk4-host",
+                                        .dataDirectory = options.dataDir,
+                                        .serviceBaseURL = options.serviceURL,
+                                        .pushBroker = options.pushBroker}));
   integration::GLibMainQueue queue;
   integration::Gtk4Banner banner(GTK_OVERLAY(overlay));
-  setObserver({
-      .deviceRegistered = [](const std::string&) { say("registered"); },
-      .pollPresented = [](const PollEvent& p) { say("presented " + p.question.value_or("")); },
-      .replySent = [](const ReplyEvent& r) {
-        say("replied " + r.replyText.value_or("") + (r.succeeded() ? " ok" : " failed"));
-      },
-      .bannerHidden = [](const PollEvent&) { say("hidden"); },
-  });
+  setObserver(example::sayingObserver());
   QuorviaSDK::initWithAppToken(options.appToken, std::nullopt);
   QuorviaSDK::askUserForPushPermissions();
   std::string lastFrames;
-  if (options.printFrames) {
-    banner.setPaintedCallback([&] {
-      if (banner.host().isAnimating()) return;  // said once it settles
-      std::string frames = "elements";
-      for (const auto& element : banner.host().accessibleElements())
-        frames += "; " + platform::describe(element);
-      example::sayChanged(lastFrames, frames);
-    });
-  }
+  if (options.printFrames)
+    banner.setPaintedCallback([&] { example::sayElements(banner.host(), lastFrames); });
   // Polls: end of the setup; the banner follows the window by itself.
 
   gtk_window_present(GTK_WINDOW(window));

@@ -7,11 +7,9 @@
 #include <QMainWindow>
 #include <QVBoxLayout>
 #include <QWindow>
-
 #include <string>
 
 #include "../common/HostOptions.h"
-#include "quorvia/Observer.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/integration/Qt6Banner.h"
 #include "quorvia/integration/QtMainQueue.h"
@@ -57,31 +55,19 @@ int main(int argc, char** argv) {
 
   // Polls: configure, embed, observe, start.
   using namespace quorvia;
-  platform::installEnvironment(platform::makeDesktopEnvironment(
-      {.appIdentifier = "quorvia-qt6-host", .dataDirectory = options.dataDir,
-       .serviceBaseURL = options.serviceURL, .pushBroker = options.pushBroker}));
+  platform::installEnvironment(
+      platform::makeDesktopEnvironment({.appIdentifier = "quorvia-qt6-host",
+                                        .dataDirectory = options.dataDir,
+                                        .serviceBaseURL = options.serviceURL,
+                                        .pushBroker = options.pushBroker}));
   integration::QtMainQueue queue;
   auto* banner = new integration::Qt6Banner(window.centralWidget());
-  setObserver({
-      .deviceRegistered = [](const std::string&) { say("registered"); },
-      .pollPresented = [](const PollEvent& p) { say("presented " + p.question.value_or("")); },
-      .replySent = [](const ReplyEvent& r) {
-        say("replied " + r.replyText.value_or("") + (r.succeeded() ? " ok" : " failed"));
-      },
-      .bannerHidden = [](const PollEvent&) { say("hidden"); },
-  });
+  setObserver(example::sayingObserver());
   QuorviaSDK::initWithAppToken(options.appToken, std::nullopt);
   QuorviaSDK::askUserForPushPermissions();
   std::string lastFrames;
-  if (options.printFrames) {
-    banner->setPaintedCallback([&] {
-      if (banner->host().isAnimating()) return;  // said once it settles
-      std::string frames = "elements";
-      for (const auto& element : banner->host().accessibleElements())
-        frames += "; " + platform::describe(element);
-      example::sayChanged(lastFrames, frames);
-    });
-  }
+  if (options.printFrames)
+    banner->setPaintedCallback([&] { example::sayElements(banner->host(), lastFrames); });
   // Polls: end of the setup; the banner follows the window by itself.
 
   window.show();

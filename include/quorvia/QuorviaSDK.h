@@ -48,8 +48,7 @@ class QUORVIA_EXPORT QuorviaSDK final {
   /// presents the poll that launched the app (0.1 s later, expanded) or else
   /// fetches pending polls. May be called again; each call repeats start-up.
   static void initWithAppToken(const std::string& token,
-                               const std::optional<platform::Value>& launchOptions,
-                               bool swizzling);
+                               const std::optional<platform::Value>& launchOptions, bool swizzling);
   /// The shared instance, created on first use (thread-safe) and never torn
   /// down; creating it asks for remote notifications and observes the app
   /// becoming active.

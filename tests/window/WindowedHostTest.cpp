@@ -48,7 +48,8 @@ struct Element {
 
 // The elements of a line "host: elements; ROLE X,Y,W,H[ hidden] NAME; ..." as the hosts say it.
 std::vector<Element> elementsOf(const std::string& line) {
-  static const std::regex element(R"(; (\w+) (-?[\d.]+),(-?[\d.]+),([\d.]+),([\d.]+)( hidden)? ([^;]*))");
+  static const std::regex element(
+      R"(; (\w+) (-?[\d.]+),(-?[\d.]+),([\d.]+),([\d.]+)( hidden)? ([^;]*))");
   std::vector<Element> elements;
   for (std::sregex_iterator m(line.begin(), line.end(), element), end; m != end; ++m) {
     elements.push_back({(*m)[1], (*m)[7], std::stod((*m)[2]), std::stod((*m)[3]),
@@ -146,11 +147,11 @@ TEST_P(WindowedHostTest, PushedPollIsAnsweredInTheWindowAndFromANotification) {
   std::printf("working in %s\n", dir.c_str());
 
   // The X server picks a free display number and writes it once it is ready.
-  testing::ChildProcess xvfb({"Xvfb", "-displayfd", "1", "-screen", "0",
-                              std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) +
-                                  "x24",
-                              "-nolisten", "tcp"},
-                             kMerged);
+  testing::ChildProcess xvfb(
+      {"Xvfb", "-displayfd", "1", "-screen", "0",
+       std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) + "x24", "-nolisten",
+       "tcp"},
+      kMerged);
   const std::string number = xvfb.waitForLine([](const std::string& l) {
     return !l.empty() && l.find_first_not_of("0123456789") == std::string::npos;
   });
@@ -188,12 +189,12 @@ TEST_P(WindowedHostTest, PushedPollIsAnsweredInTheWindowAndFromANotification) {
   environment.push_back("DISPLAY=" + display);
   environment.push_back("DBUS_SESSION_BUS_ADDRESS=" + address);
   environment.push_back("XDG_DATA_HOME=" + dir.string());
-  testing::ChildProcess host({h.binary, "--print-frames", "--app-token", kAppToken,
-                              "--service-url", "http://127.0.0.1:" + std::to_string(port),
-                              "--push-broker", broker.url(), "--data-dir", (dir / "host").string(),
-                              "--width", std::to_string(kScreenWidth), "--height",
-                              std::to_string(kWindowHeight)},
-                             {.environment = environment, .errorsInOutput = true});
+  testing::ChildProcess host(
+      {h.binary, "--print-frames", "--app-token", kAppToken, "--service-url",
+       "http://127.0.0.1:" + std::to_string(port), "--push-broker", broker.url(), "--data-dir",
+       (dir / "host").string(), "--width", std::to_string(kScreenWidth), "--height",
+       std::to_string(kWindowHeight)},
+      {.environment = environment, .errorsInOutput = true});
   ASSERT_FALSE(host.waitForLine(containing("host: ready")).empty()) << host.output();
   // The device registers through the broker before a push can reach it.
   ASSERT_FALSE(host.waitForLine(containing("host: registered")).empty()) << host.output();
@@ -207,8 +208,8 @@ TEST_P(WindowedHostTest, PushedPollIsAnsweredInTheWindowAndFromANotification) {
   double originX = 0, originY = 0;
   {
     const auto geometry = run(display, "xdotool getwindowgeometry " + *windowId + " | sed -n 2p");
-    ASSERT_TRUE(geometry && std::sscanf(geometry->c_str(), " Position: %lf,%lf", &originX,
-                                        &originY) == 2)
+    ASSERT_TRUE(geometry &&
+                std::sscanf(geometry->c_str(), " Position: %lf,%lf", &originX, &originY) == 2)
         << geometry.value_or("no geometry");
   }
   auto focused = fromNow(host, containing("host: focus gained"));
@@ -273,8 +274,7 @@ TEST_P(WindowedHostTest, PushedPollIsAnsweredInTheWindowAndFromANotification) {
   const std::string bubble = notifications.waitForLine(containing("Rain or shine?"));
   ASSERT_FALSE(bubble.empty()) << notifications.output() << host.output();
   const auto note = nlohmann::json::parse(bubble);
-  EXPECT_NE(std::find(note["actions"].begin(), note["actions"].end(), "Yes"),
-            note["actions"].end())
+  EXPECT_NE(std::find(note["actions"].begin(), note["actions"].end(), "Yes"), note["actions"].end())
       << bubble;
   auto answered = fromNow(host, containing("host: replied Yes ok"));
   ASSERT_TRUE(notifications.write("invoke " + std::to_string(note["id"].get<int>()) + " Yes\n"));
@@ -290,15 +290,21 @@ std::vector<Host> hostsBuilt() {
   std::vector<Host> hosts;
 #ifdef QUORVIA_DESKTOP_HOST_BINARY
   // SDL's software renderer has the X server draw each frame before the present returns.
-  hosts.push_back({"sdl", QUORVIA_DESKTOP_HOST_BINARY, "Quorvia desktop host",
+  hosts.push_back({"sdl",
+                   QUORVIA_DESKTOP_HOST_BINARY,
+                   "Quorvia desktop host",
                    {"SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software"}});
 #endif
 #ifdef QUORVIA_GTK4_HOST_BINARY
-  hosts.push_back({"gtk4", QUORVIA_GTK4_HOST_BINARY, "Quorvia GTK 4 host",
+  hosts.push_back({"gtk4",
+                   QUORVIA_GTK4_HOST_BINARY,
+                   "Quorvia GTK 4 host",
                    {"GDK_BACKEND=x11", "GSK_RENDERER=cairo", "GTK_A11Y=none"}});
 #endif
 #ifdef QUORVIA_QT6_HOST_BINARY
-  hosts.push_back({"qt6", QUORVIA_QT6_HOST_BINARY, "Quorvia Qt 6 host",
+  hosts.push_back({"qt6",
+                   QUORVIA_QT6_HOST_BINARY,
+                   "Quorvia Qt 6 host",
                    {"QT_QPA_PLATFORM=xcb", "QT_ACCESSIBILITY=0"}});
 #endif
   return hosts;

@@ -7,18 +7,18 @@
 #include "CommandFields.h"
 #include "HostDelegate.h"
 #include "HostScreen.h"
-#include "platform/ConfigurableEnvironment.h"
-#include "quorvia/platform/PushService.h"
-#include "quorvia/Observer.h"
-#include "quorvia/QuorviaSDK.h"
 #include "platform/Accessibility.h"
-#include "platform/ApplicationRecords.h"
 #include "platform/ApplicationDelegateRuntime.h"
+#include "platform/ApplicationRecords.h"
+#include "platform/ConfigurableEnvironment.h"
 #include "platform/Device.h"
 #include "platform/Log.h"
-#include "quorvia/platform/NotificationCenter.h"
-#include "quorvia/platform/RunLoop.h"
 #include "platform/Window.h"
+#include "quorvia/Observer.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/NotificationCenter.h"
+#include "quorvia/platform/PushService.h"
+#include "quorvia/platform/RunLoop.h"
 
 namespace quorvia::sim {
 namespace {
@@ -146,23 +146,30 @@ void Simulator::install() {
       platform::ApplicationRecords::remoteNotificationRegistrationCount(app);
   // What happened, as the SDK tells a host that observes it.
   setObserver({
-      .deviceRegistered = [events](const std::string& token) {
-        events->write("registered", {{"pushToken", token}});
-      },
-      .deviceRegistrationFailed = [events](const RegistrationFailure& failure) {
-        events->write("registrationFailed",
-                      {{"stage", failure.stage == RegistrationFailure::Stage::kPushToken
-                                     ? "pushToken" : "pollService"},
-                       {"error", failure.error}});
-      },
-      .pollPresented = [events](const PollEvent& poll) { events->write("presented", pollFields(poll)); },
-      .bannerExpanded = [events](const PollEvent& poll) { events->write("expanded", pollFields(poll)); },
-      .replySent = [events](const ReplyEvent& reply) {
-        events->write("replied", {{"pollId", orNull(reply.pollId)},
-                                  {"replyText", orNull(reply.replyText)},
-                                  {"error", orNull(reply.error)}});
-      },
-      .bannerHidden = [events](const PollEvent& poll) { events->write("hidden", pollFields(poll)); },
+      .deviceRegistered =
+          [events](const std::string& token) {
+            events->write("registered", {{"pushToken", token}});
+          },
+      .deviceRegistrationFailed =
+          [events](const RegistrationFailure& failure) {
+            events->write(
+                "registrationFailed",
+                {{"stage", failure.stage == RegistrationFailure::Stage::kPushToken ? "pushToken"
+                                                                                   : "pollService"},
+                 {"error", failure.error}});
+          },
+      .pollPresented =
+          [events](const PollEvent& poll) { events->write("presented", pollFields(poll)); },
+      .bannerExpanded =
+          [events](const PollEvent& poll) { events->write("expanded", pollFields(poll)); },
+      .replySent =
+          [events](const ReplyEvent& reply) {
+            events->write("replied", {{"pollId", orNull(reply.pollId)},
+                                      {"replyText", orNull(reply.replyText)},
+                                      {"error", orNull(reply.error)}});
+          },
+      .bannerHidden =
+          [events](const PollEvent& poll) { events->write("hidden", pollFields(poll)); },
   });
   // With a broker named, the device registers and pushes arrive by themselves; without one,
   // the deviceToken and push commands stand in for the push service.
@@ -318,7 +325,8 @@ void Simulator::expireBackgroundTask(const Json& command) {
       if (!record.ended && !record.expired) task = record.identifier;
     }
   }
-  if (task == platform::UIBackgroundTaskInvalid || !platform::ApplicationRecords::expireBackgroundTask(app, task)) {
+  if (task == platform::UIBackgroundTaskInvalid ||
+      !platform::ApplicationRecords::expireBackgroundTask(app, task)) {
     throw CommandError("no such background task is running");
   }
 }

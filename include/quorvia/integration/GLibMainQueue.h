@@ -26,8 +26,8 @@ class GLibMainQueue final {
     static GSourceFuncs funcs = {&prepare, &check, &dispatch, nullptr, nullptr, nullptr};
     source_ = reinterpret_cast<Source*>(g_source_new(&funcs, sizeof(Source)));
     g_source_set_name(&source_->base, "quorvia main queue");
-    source_->wake = g_source_add_unix_fd(&source_->base,
-                                         platform::mainRunLoop().wakeFileDescriptor(), G_IO_IN);
+    source_->wake =
+        g_source_add_unix_fd(&source_->base, platform::mainRunLoop().wakeFileDescriptor(), G_IO_IN);
     g_source_attach(&source_->base, context ? context : g_main_context_get_thread_default());
   }
   ~GLibMainQueue() {

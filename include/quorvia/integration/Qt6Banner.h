@@ -20,7 +20,6 @@
 #include <QRegion>
 #include <QWidget>
 #include <QWindow>
-
 #include <cmath>
 #include <functional>
 #include <utility>

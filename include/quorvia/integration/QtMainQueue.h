@@ -12,7 +12,6 @@
 #include <QObject>
 #include <QSocketNotifier>
 #include <QTimer>
-
 #include <chrono>
 #include <climits>
 

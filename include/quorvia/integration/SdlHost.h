@@ -71,7 +71,8 @@ class SdlMainQueue final {
       if (auto next = loop.timeUntilNextTimer()) {
         timeoutMs = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(*next).count());
       }
-      const int got = timeoutMs < 0 ? SDL_WaitEvent(&event) : SDL_WaitEventTimeout(&event, timeoutMs);
+      const int got =
+          timeoutMs < 0 ? SDL_WaitEvent(&event) : SDL_WaitEventTimeout(&event, timeoutMs);
       if (!got) {
         if (timeoutMs < 0) return false;
         continue;  // a timer fell due
@@ -212,8 +213,8 @@ class SdlBanner final {
     height_ = host_.pixelHeight();
     layer_.assign(static_cast<std::size_t>(width_) * height_ * 4, 0);
     // The SDK's layer is premultiplied B, G, R, A bytes: SDL's ARGB8888.
-    texture_ = SDL_CreateTexture(renderer_, SDL_PIXELFORMAT_ARGB8888,
-                                 SDL_TEXTUREACCESS_STREAMING, width_, height_);
+    texture_ = SDL_CreateTexture(renderer_, SDL_PIXELFORMAT_ARGB8888, SDL_TEXTUREACCESS_STREAMING,
+                                 width_, height_);
     const SDL_BlendMode premultiplied = SDL_ComposeCustomBlendMode(
         SDL_BLENDFACTOR_ONE, SDL_BLENDFACTOR_ONE_MINUS_SRC_ALPHA, SDL_BLENDOPERATION_ADD,
         SDL_BLENDFACTOR_ONE, SDL_BLENDFACTOR_ONE_MINUS_SRC_ALPHA, SDL_BLENDOPERATION_ADD);

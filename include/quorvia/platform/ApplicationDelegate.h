@@ -58,8 +58,7 @@ struct ApplicationDelegate {
   /// The same with the response info the notification came back with (such
   /// as text the user typed). When both are set, the platform calls this one.
   std::function<void(const std::optional<std::string>& identifier,
-                     const std::optional<Value>& userInfo,
-                     const std::optional<Value>& responseInfo,
+                     const std::optional<Value>& userInfo, const std::optional<Value>& responseInfo,
                      std::function<void()> completionHandler)>
       handleActionWithResponseInfo;
 };

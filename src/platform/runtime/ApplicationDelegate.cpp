@@ -1,7 +1,6 @@
-#include "platform/ApplicationDelegateRuntime.h"
-
 #include <utility>
 
+#include "platform/ApplicationDelegateRuntime.h"
 #include "quorvia/platform/Application.h"
 
 namespace quorvia::platform {
@@ -12,25 +11,23 @@ std::shared_ptr<Object> makeDelegateObject(ApplicationDelegate delegate, std::st
   // is one its class lacks, which is what interception and the completion
   // rule go by.
   auto add = [&cls](std::string_view selector, const auto& callback, IMP imp) {
-    if (callback) class_addMethod(cls.get(), selector, std::move(imp),
-                                  applicationDelegateTypeEncoding(selector));
+    if (callback)
+      class_addMethod(cls.get(), selector, std::move(imp),
+                      applicationDelegateTypeEncoding(selector));
   };
   const auto& d = delegate;
   add(kDidRegisterForRemoteNotificationsSelector, d.didRegisterForRemoteNotifications,
       [f = d.didRegisterForRemoteNotifications](Object&, const MessageArguments& a) {
         f(a.deviceToken.value_or(Bytes{}));
       });
-  add(kDidFailToRegisterForRemoteNotificationsSelector,
-      d.didFailToRegisterForRemoteNotifications,
+  add(kDidFailToRegisterForRemoteNotificationsSelector, d.didFailToRegisterForRemoteNotifications,
       [f = d.didFailToRegisterForRemoteNotifications](Object&, const MessageArguments& a) {
         f(a.error.value_or(Error{}));
       });
   add(kDidReceiveRemoteNotificationSelector, d.didReceiveRemoteNotification,
       [f = d.didReceiveRemoteNotification](Object&, const MessageArguments& a) { f(a.userInfo); });
-  add(kDidReceiveRemoteNotificationFetchSelector,
-      d.didReceiveRemoteNotificationWithFetchCompletion,
-      [f = d.didReceiveRemoteNotificationWithFetchCompletion](Object&,
-                                                              const MessageArguments& a) {
+  add(kDidReceiveRemoteNotificationFetchSelector, d.didReceiveRemoteNotificationWithFetchCompletion,
+      [f = d.didReceiveRemoteNotificationWithFetchCompletion](Object&, const MessageArguments& a) {
         std::function<void(FetchResult)> done;
         if (a.fetchCompletionHandler) {
           done = [handler = a.fetchCompletionHandler](FetchResult result) {
@@ -43,12 +40,14 @@ std::shared_ptr<Object> makeDelegateObject(ApplicationDelegate delegate, std::st
       });
   add(kHandleActionSelector, d.handleAction,
       [f = d.handleAction](Object&, const MessageArguments& a) {
-        f(a.identifier, a.userInfo, a.completionHandler ? a.completionHandler : [] {});
+        f(
+            a.identifier, a.userInfo, a.completionHandler ? a.completionHandler : [] {});
       });
   add(kHandleActionWithResponseInfoSelector, d.handleActionWithResponseInfo,
       [f = d.handleActionWithResponseInfo](Object&, const MessageArguments& a) {
-        f(a.identifier, a.userInfo, a.responseInfo,
-          a.completionHandler ? a.completionHandler : [] {});
+        f(
+            a.identifier, a.userInfo, a.responseInfo,
+            a.completionHandler ? a.completionHandler : [] {});
       });
   return std::make_shared<Object>(std::move(cls));
 }

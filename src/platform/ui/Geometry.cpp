@@ -1,8 +1,8 @@
 #include "quorvia/platform/Geometry.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -42,8 +42,8 @@ bool BezierPath::containsPoint(Point p) const {
       {kRectCornerTopLeft, rect.x() + rx, rect.y() + ry, p.x < rect.x() + rx, p.y < rect.y() + ry},
       {kRectCornerTopRight, rect.maxX() - rx, rect.y() + ry, p.x > rect.maxX() - rx,
        p.y < rect.y() + ry},
-      {kRectCornerBottomLeft, rect.x() + rx, rect.maxY() - ry, p.x < rect.x() + rx,
-       p.y > rect.maxY() - ry},
+      {kRectCornerBottomLeft, rect.x() + rx, rect.maxY() - ry,
+       p.x<rect.x() + rx, p.y> rect.maxY() - ry},
       {kRectCornerBottomRight, rect.maxX() - rx, rect.maxY() - ry, p.x > rect.maxX() - rx,
        p.y > rect.maxY() - ry},
   };
@@ -63,10 +63,17 @@ namespace quorvia::platform {
 std::string describe(const AccessibleElement& element) {
   const char* role = "none";
   switch (element.role) {
-    case AccessibleRole::kAlert: role = "alert"; break;
-    case AccessibleRole::kLabel: role = "label"; break;
-    case AccessibleRole::kPushButton: role = "button"; break;
-    case AccessibleRole::kNone: break;
+    case AccessibleRole::kAlert:
+      role = "alert";
+      break;
+    case AccessibleRole::kLabel:
+      role = "label";
+      break;
+    case AccessibleRole::kPushButton:
+      role = "button";
+      break;
+    case AccessibleRole::kNone:
+      break;
   }
   char box[128];
   std::snprintf(box, sizeof box, "%s %.1f,%.1f,%.1f,%.1f%s ", role, element.frame.x(),

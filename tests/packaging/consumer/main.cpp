@@ -33,17 +33,20 @@ int main(int argc, char** argv) {
   if (QuorviaSDK::version() != QUORVIA_VERSION) return fail("library and headers disagree");
   const auto data =
       std::filesystem::temp_directory_path() / ("quorvia-consumer-" + std::to_string(::getpid()));
-  platform::installEnvironment(platform::makeDesktopEnvironment({.appIdentifier = "quorvia-consumer",
-                                                                 .dataDirectory = data,
-                                                                 .push = false,
-                                                                 .notifications = false,
-                                                                 .serviceBaseURL = argv[1]}));
+  platform::installEnvironment(
+      platform::makeDesktopEnvironment({.appIdentifier = "quorvia-consumer",
+                                        .dataDirectory = data,
+                                        .push = false,
+                                        .notifications = false,
+                                        .serviceBaseURL = argv[1]}));
   bool registered = false;
   std::optional<PollEvent> presented;
   std::optional<ReplyEvent> replied;
   setObserver({.deviceRegistered = [&](const std::string&) { registered = true; },
                .deviceRegistrationFailed =
-                   [](const RegistrationFailure& f) { std::printf("not registered: %s\n", f.error.c_str()); },
+                   [](const RegistrationFailure& f) {
+                     std::printf("not registered: %s\n", f.error.c_str());
+                   },
                .pollPresented = [&](const PollEvent& poll) { presented = poll; },
                .replySent = [&](const ReplyEvent& reply) { replied = reply; }});
   auto& loop = platform::mainRunLoop();
