@@ -3,22 +3,65 @@
 // once; the figures are counters in the benchmark's output.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/ConfigurableEnvironment.h"
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "platform/KeychainStore.h"
 #include "platform/Renderer.h"
-#include "quorvia/platform/RunLoop.h"
 #include "platform/URLSession.h"
 #include "platform/Window.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/RunLoop.h"
+#include "sdk/SDKState.h"
 
 namespace {
 
 using namespace quorvia;
+
+// Resident kB of each mapping of the process, summed by what is mapped: a
+// file's path, or "[heap]", "[stack]", "[anon]" for memory of no file.
+std::map<std::string, long> residentByMapping() {
+  std::map<std::string, long> rss;
+  std::ifstream in("/proc/self/smaps");
+  std::string line, mapping;
+  while (std::getline(in, line)) {
+    if (!line.empty() && std::isxdigit(static_cast<unsigned char>(line[0])) &&
+        line.find('-') < line.find(' ')) {
+      // "start-end perms offset dev inode [path]"
+      std::istringstream fields(line);
+      std::string range, perms, offset, dev, inode;
+      fields >> range >> perms >> offset >> dev >> inode;
+      std::getline(fields >> std::ws, mapping);
+      if (mapping.empty()) mapping = "[anon]";
+    } else if (line.rfind("Rss:", 0) == 0) {
+      rss[mapping] += std::atol(line.c_str() + 4);
+    }
+  }
+  return rss;
+}
+
+// Where the growth between `before` and `after` went, largest first, on stdout.
+void printGrowth(const std::map<std::string, long>& before,
+                 const std::map<std::string, long>& after) {
+  std::vector<std::pair<long, std::string>> grown;
+  for (const auto& [mapping, kb] : after) {
+    const auto was = before.find(mapping);
+    const long delta = kb - (was == before.end() ? 0 : was->second);
+    if (delta > 0) grown.emplace_back(delta, mapping);
+  }
+  std::sort(grown.rbegin(), grown.rend());
+  std::printf("resident growth by mapping (kB):\n");
+  for (const auto& [kb, mapping] : grown) std::printf("%8ld  %s\n", kb, mapping.c_str());
+}
 
 // A field of /proc/self/status in kB, or -1.
 double statusKb(const std::string& field) {
@@ -47,6 +90,7 @@ class EmptyFetchTransport final : public platform::URLTransport {
 void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
   const double rssBefore = statusKb("VmRSS");
   const double anonBefore = statusKb("RssAnon");
+  const auto mappingsBefore = residentByMapping();
   for (auto _ : state) {
     auto env = platform::ConfigurableEnvironment::install(
         std::filesystem::temp_directory_path() / "quorvia-bench-memory",
@@ -68,6 +112,7 @@ void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
     benchmark::DoNotOptimize(frame.rgba.data());
     if (!sdk::SDKState::shared().banner->presentedPollView()) state.SkipWithError("no banner");
   }
+  printGrowth(mappingsBefore, residentByMapping());
   state.counters["rss_added_kb"] = statusKb("VmRSS") - rssBefore;
   state.counters["anon_added_kb"] = statusKb("RssAnon") - anonBefore;
   state.counters["rss_before_kb"] = rssBefore;
