@@ -49,6 +49,8 @@ std::string pathSegment(std::string_view text) {
 
 bool isAcceptableAccessToken(std::string_view token) {
   if (token.size() > kMaxAccessTokenBytes) return false;
+  // Empty or blank, it would read back as no token, or go out as "JWT   ".
+  if (token.find_first_not_of(" \t") == std::string_view::npos) return false;
   for (std::size_t i = 0; i < token.size(); ++i) {
     const auto byte = static_cast<unsigned char>(token[i]);
     if (byte < 0x20 || byte == 0x7F) return false;

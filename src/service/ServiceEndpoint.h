@@ -33,7 +33,7 @@ bool hasStoredAccessToken();
 
 /// Whether `token` can be kept and sent as a header value: one line of
 /// printable text (no control characters, no line or paragraph separators)
-/// of at most kMaxAccessTokenBytes.
+/// of at most kMaxAccessTokenBytes, not empty and not blanks alone.
 bool isAcceptableAccessToken(std::string_view token);
 
 /// Reads the stored access token and makes "Authorization: JWT <token>" the
