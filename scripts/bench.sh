@@ -14,7 +14,7 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
-benches=(startup_bench idle_bench idle_adapters_bench networking_bench push_bench devserver_bench keychain_bench ui_bench
+benches=(startup_bench idle_bench idle_adapters_bench wide_input_bench networking_bench push_bench devserver_bench keychain_bench ui_bench
   host_window_bench memory_bench)
 out=build/release/bench
 echo "== build (release)" >&2
@@ -130,6 +130,15 @@ for adapter in ("GLib", "Qt", "Sdl"):
     rows.append((f"  through the {adapter} adapter", "idle_adapters_bench",
                  "n/a" if idle is None else f"{idle:.2f}", "the same loop without it",
                  "n/a" if idle is None else ("yes" if idle == 0 else "NO")))
+t = us("BM_DecodeMillionKeyObject")
+row("decode a 1,000,000-key object (16.8 MB)", "wide_input_bench", t, fmt_time(t), "-", 1e6)
+for name, label in (("BM_LongestMainThreadHoldOfWideFetchAnswer",
+                     "main queue held by a 250,000-key fetch answer"),
+                    ("BM_LongestMainThreadHoldOfWidePush", "main queue held by a 200,000-key push")):
+    held = runs.get(name, {}).get("longest_ms")
+    rows.append((label, "wide_input_bench", "n/a" if held is None else f"{held:.2f} ms",
+                 "60 Hz frame 16.67 ms",
+                 "n/a" if held is None else ("yes" if held < 16.67 else "NO")))
 push = runs.get("BM_PushToHandler", {})
 p99 = push.get("p99_ms")
 rows.append(("push: publish to delegate, p99", "push_bench",
@@ -186,6 +195,9 @@ targets = {
     "  through the GLib adapter": "0",
     "  through the Qt adapter": "0",
     "  through the Sdl adapter": "0",
+    "decode a 1,000,000-key object (16.8 MB)": "< 1 s",
+    "main queue held by a 250,000-key fetch answer": "< 16.67 ms",
+    "main queue held by a 200,000-key push": "< 16.67 ms",
     "push: publish to delegate, p99": "< 20 ms",
     "push fan-out: one poll to 10,000 devices": "< 2 s",
     "window: slide-in frame, p99": "< 4 ms",

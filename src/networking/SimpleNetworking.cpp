@@ -22,16 +22,27 @@ std::optional<platform::Value> jsonFromData(const std::optional<platform::Bytes>
       std::string_view(reinterpret_cast<const char*>(data->data()), data->size()));
 }
 
-SimpleNetworking::DataReturned jsonCompletion(SimpleNetworking::Returned returned) {
-  return [returned = std::move(returned)](std::optional<platform::Bytes> data,
-                                          std::optional<platform::Error> error) {
+// A JSON operation's completion, and the reader that decodes an answer's
+// body where it arrived: a wide answer never holds the main queue while it is
+// decoded. An answer from the cache is decoded in the completion.
+struct JsonCompletion {
+  SimpleNetworking::DataReturned returned;
+  platform::URLSession::BodyReader readBody;
+};
+
+JsonCompletion jsonCompletion(SimpleNetworking::Returned returned) {
+  auto decoded = std::make_shared<std::optional<std::optional<platform::Value>>>();
+  auto readBody = [decoded](const platform::Bytes& body) { *decoded = jsonFromData(body); };
+  auto done = [returned = std::move(returned), decoded](std::optional<platform::Bytes> data,
+                                                        std::optional<platform::Error> error) {
     if (!returned) return;
     if (error) {
       returned(std::nullopt, std::move(error));
       return;
     }
-    returned(jsonFromData(data), std::nullopt);
+    returned(*decoded ? std::move(**decoded) : jsonFromData(data), std::nullopt);
   };
+  return {std::move(done), std::move(readBody)};
 }
 
 SimpleNetworking::DataReturned imageCompletion(SimpleNetworking::ImageReturned returned) {
@@ -94,16 +105,18 @@ void SimpleNetworking::setHeaderFields(platform::Value headers) {
 void SimpleNetworking::getJsonCachedFromURL(const std::string& url,
                                             const std::optional<platform::Value>& param,
                                             double cacheExpireInSeconds, Returned returned) {
-  shared().callNSURLSessionWithType(static_cast<int>(RequestType::kGet), url, param, true,
-                                    cacheExpireInSeconds, false, "", "", std::nullopt,
-                                    jsonCompletion(std::move(returned)));
+  auto json = jsonCompletion(std::move(returned));
+  shared().callWithBodyReader(static_cast<int>(RequestType::kGet), url, param, true,
+                              cacheExpireInSeconds, false, "", "", std::nullopt,
+                              std::move(json.returned), std::move(json.readBody));
 }
 
 void SimpleNetworking::getJsonCachelessFromURL(const std::string& url,
                                                const std::optional<platform::Value>& param,
                                                Returned returned) {
-  shared().callNSURLSessionWithType(static_cast<int>(RequestType::kGet), url, param, false, 0,
-                                    false, "", "", std::nullopt, jsonCompletion(std::move(returned)));
+  auto json = jsonCompletion(std::move(returned));
+  shared().callWithBodyReader(static_cast<int>(RequestType::kGet), url, param, false, 0, false, "",
+                              "", std::nullopt, std::move(json.returned), std::move(json.readBody));
 }
 
 void SimpleNetworking::getImageCachedFromURL(const std::string& url,
@@ -124,8 +137,9 @@ void SimpleNetworking::getImageCachelessFromURL(const std::string& url,
 
 void SimpleNetworking::postToURL(const std::string& url,
                                  const std::optional<platform::Value>& param, Returned returned) {
-  shared().callNSURLSessionWithType(static_cast<int>(RequestType::kPost), url, param, false, 0,
-                                    false, "", "", std::nullopt, jsonCompletion(std::move(returned)));
+  auto json = jsonCompletion(std::move(returned));
+  shared().callWithBodyReader(static_cast<int>(RequestType::kPost), url, param, false, 0, false, "",
+                              "", std::nullopt, std::move(json.returned), std::move(json.readBody));
 }
 
 void SimpleNetworking::postImageToURL(const std::string& url,
@@ -133,30 +147,44 @@ void SimpleNetworking::postImageToURL(const std::string& url,
                                       const platform::Bytes& imageInNSData,
                                       const std::string& imageName,
                                       const std::string& imageExtension, Returned returned) {
-  shared().callNSURLSessionWithType(static_cast<int>(RequestType::kPost), url, param, false, 0,
-                                    true, imageName, imageExtension, imageInNSData,
-                                    jsonCompletion(std::move(returned)));
+  auto json = jsonCompletion(std::move(returned));
+  shared().callWithBodyReader(static_cast<int>(RequestType::kPost), url, param, false, 0, true,
+                              imageName, imageExtension, imageInNSData, std::move(json.returned),
+                              std::move(json.readBody));
 }
 
 void SimpleNetworking::putToURL(const std::string& url, const std::optional<platform::Value>& param,
                                 Returned returned) {
-  shared().callNSURLSessionWithType(static_cast<int>(RequestType::kPut), url, param, false, 0,
-                                    false, "", "", std::nullopt, jsonCompletion(std::move(returned)));
+  auto json = jsonCompletion(std::move(returned));
+  shared().callWithBodyReader(static_cast<int>(RequestType::kPut), url, param, false, 0, false, "",
+                              "", std::nullopt, std::move(json.returned), std::move(json.readBody));
 }
 
 void SimpleNetworking::deleteFromURL(const std::string& url,
                                      const std::optional<platform::Value>& param,
                                      Returned returned) {
   // Code 2 on purpose: a delete goes out as "PUT", and the service expects it.
-  shared().callNSURLSessionWithType(static_cast<int>(RequestType::kPut), url, param, false, 0,
-                                    false, "", "", std::nullopt, jsonCompletion(std::move(returned)));
+  auto json = jsonCompletion(std::move(returned));
+  shared().callWithBodyReader(static_cast<int>(RequestType::kPut), url, param, false, 0, false, "",
+                              "", std::nullopt, std::move(json.returned), std::move(json.readBody));
 }
 
-void SimpleNetworking::callNSURLSessionWithType(
+void SimpleNetworking::callNSURLSessionWithType(int type, const std::string& url,
+                                                const std::optional<platform::Value>& param,
+                                                bool isCached, double cacheExpireInSeconds,
+                                                bool isImage, const std::string& imageName,
+                                                const std::string& imageExtension,
+                                                const std::optional<platform::Bytes>& imageInNSData,
+                                                DataReturned returned) {
+  callWithBodyReader(type, url, param, isCached, cacheExpireInSeconds, isImage, imageName,
+                     imageExtension, imageInNSData, std::move(returned), nullptr);
+}
+
+void SimpleNetworking::callWithBodyReader(
     int type, const std::string& url, const std::optional<platform::Value>& param, bool isCached,
     double cacheExpireInSeconds, bool isImage, const std::string& imageName,
     const std::string& imageExtension, const std::optional<platform::Bytes>& imageInNSData,
-    DataReturned returned) {
+    DataReturned returned, platform::URLSession::BodyReader readBody) {
   platform::URLRequest request =
       requestWithType(type, url, param, isImage, imageName, imageExtension, imageInNSData);
   if (!isCached) {
@@ -170,7 +198,8 @@ void SimpleNetworking::callNSURLSessionWithType(
           } else {
             returned(data ? std::move(data) : platform::Bytes{}, std::nullopt);
           }
-        });
+        },
+        std::move(readBody));
     return;
   }
 
@@ -198,7 +227,8 @@ void SimpleNetworking::callNSURLSessionWithType(
         fresh.storagePolicy = platform::URLCacheStoragePolicy::kAllowed;
         returned(fresh.data, std::nullopt);
         platform::URLCache::sharedURLCache()->storeCachedResponse(std::move(fresh), key);
-      });
+      },
+      std::move(readBody));
 }
 
 }  // namespace quorvia

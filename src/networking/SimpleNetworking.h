@@ -117,6 +117,14 @@ class QUORVIA_EXPORT SimpleNetworking final {
                                 const std::string& imageName, const std::string& imageExtension,
                                 const std::optional<platform::Bytes>& imageInNSData,
                                 DataReturned returned);
+  /// The central method with a reader of the answer's body that runs where
+  /// the body arrived (the JSON operations decode there).
+  void callWithBodyReader(int type, const std::string& url,
+                          const std::optional<platform::Value>& param, bool isCached,
+                          double cacheExpireInSeconds, bool isImage, const std::string& imageName,
+                          const std::string& imageExtension,
+                          const std::optional<platform::Bytes>& imageInNSData,
+                          DataReturned returned, platform::URLSession::BodyReader readBody);
   /// The request the central method sends for these arguments.
   platform::URLRequest requestWithType(int type, const std::string& url,
                                        const std::optional<platform::Value>& param, bool isImage,

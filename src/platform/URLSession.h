@@ -126,9 +126,16 @@ class QUORVIA_EXPORT URLSession final {
   /// A session on a given transport (tests, benchmarks).
   URLSession(std::shared_ptr<URLTransport> transport, ServerTrustPolicy trust);
 
+  /// Reads an answer's body where it arrived, off the main thread, before
+  /// the handler runs (e.g. decodes it, so the main queue gets the value).
+  using BodyReader = std::function<void(const Bytes& body)>;
+
   /// Creates and resumes one data task: sends `request` and calls `handler`
   /// once on the main queue with (data, response, nil) or (nil, nil, error).
-  void dataTaskWithRequest(URLRequest request, CompletionHandler handler);
+  /// `readBody`, when given, sees the body of an answer first, on the
+  /// transport's thread.
+  void dataTaskWithRequest(URLRequest request, CompletionHandler handler,
+                           BodyReader readBody = nullptr);
 
  private:
   std::shared_ptr<URLTransport> transport_;

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <memory>
+#include <unordered_map>
+#include <utility>
 
 namespace quorvia::platform {
 namespace {
@@ -60,12 +63,23 @@ std::string plistQuoted(std::string_view s) {
     if (c < 0x80) {
       ++i;
       switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\t': out += "\\t"; break;
-        case '\r': out += "\\r"; break;
-        default: out += static_cast<char>(c);
+        case '"':
+          out += "\\\"";
+          break;
+        case '\\':
+          out += "\\\\";
+          break;
+        case '\n':
+          out += "\\n";
+          break;
+        case '\t':
+          out += "\\t";
+          break;
+        case '\r':
+          out += "\\r";
+          break;
+        default:
+          out += static_cast<char>(c);
       }
       continue;
     }
@@ -144,18 +158,21 @@ class Describer final {
       case Value::value_t::object: {
         if (tooDeep(level)) return;
         // Foundation lists a dictionary with string keys in ascending key order.
-        std::vector<const std::string*> keys;
-        keys.reserve(v.size());
-        for (const auto& item : v.items()) keys.push_back(&item.key());
-        std::sort(keys.begin(), keys.end(), [](auto* a, auto* b) { return *a < *b; });
+        // The entries are sorted, not looked up again by key: a lookup walks
+        // the list, which would cost a wide dictionary the square of its size.
+        std::vector<const std::pair<const std::string, Value>*> entries;
+        entries.reserve(v.size());
+        for (const auto& entry : *v.get_ptr<const Value::object_t*>()) entries.push_back(&entry);
+        std::sort(entries.begin(), entries.end(),
+                  [](auto* a, auto* b) { return a->first < b->first; });
         indent(level);
         append("{\n");
-        for (const auto* key : keys) {
+        for (const auto* entry : entries) {
           if (full_) return;
           indent(level + 1);
-          append(plistQuoted(*key));
+          append(plistQuoted(entry->first));
           append(" = ");
-          describeAt(v.at(*key), level + 1, true);
+          describeAt(entry->second, level + 1, true);
           append(";\n");
         }
         indent(level);
@@ -206,6 +223,95 @@ class Describer final {
   bool full_ = false;
 };
 
+// Builds a value from the reader's events in time linear in the text: an
+// object's keys go to the end of its list as they come, and a key seen before
+// in the same object is found through an index instead of a walk of the list
+// (the value type's own insert walks the list, which made a wide object cost
+// the square of its key count). A repeated key keeps its first place and
+// takes the last value, as the value type's own insert does.
+class LinearBuilder final {
+ public:
+  bool null() { return put(nullptr); }
+  bool boolean(bool v) { return put(v); }
+  bool number_integer(Value::number_integer_t v) { return put(v); }
+  bool number_unsigned(Value::number_unsigned_t v) { return put(v); }
+  bool number_float(Value::number_float_t v, const Value::string_t&) { return put(v); }
+  bool string(Value::string_t& v) { return put(std::move(v)); }
+  bool binary(Value::binary_t& v) { return put(Value::binary(std::move(v))); }
+  bool start_object(std::size_t) { return open(Value::object()); }
+  bool start_array(std::size_t) { return open(Value::array()); }
+  bool end_object() { return close(); }
+  bool end_array() { return close(); }
+  bool key(Value::string_t& key) {
+    Level& level = stack_.back();
+    auto& entries =
+        static_cast<Value::object_t::Container&>(*level.value->get_ptr<Value::object_t*>());
+    std::size_t at = entries.size();
+    if (entries.size() < kIndexFrom) {
+      for (std::size_t i = 0; i < entries.size() && at == entries.size(); ++i) {
+        if (entries[i].first == key) at = i;
+      }
+    } else {
+      // Past a few keys the list is indexed by the keys' hashes (the strings
+      // move as the list grows, so they are compared in place).
+      if (!level.index) {
+        level.index = std::make_unique<std::unordered_multimap<std::size_t, std::size_t>>();
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+          level.index->emplace(std::hash<std::string>{}(entries[i].first), i);
+        }
+      }
+      const std::size_t hash = std::hash<std::string>{}(key);
+      for (auto [it, end] = level.index->equal_range(hash); it != end; ++it) {
+        if (entries[it->second].first == key) at = it->second;
+      }
+      if (at == entries.size()) level.index->emplace(hash, at);
+    }
+    if (at == entries.size()) entries.emplace_back(std::move(key), nullptr);
+    pending_ = &entries[at].second;
+    return true;
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) {
+    return false;
+  }
+
+  Value take() && { return std::move(root_); }
+
+ private:
+  static constexpr std::size_t kIndexFrom = 16;
+  struct Level {
+    Value* value;
+    std::unique_ptr<std::unordered_multimap<std::size_t, std::size_t>> index;
+  };
+
+  // Where the next value goes: the root, the key just read, or the array's end.
+  Value* slot() {
+    if (stack_.empty()) return &root_;
+    if (Value* key = std::exchange(pending_, nullptr)) return key;
+    Value* array = stack_.back().value;
+    array->get_ptr<Value::array_t*>()->emplace_back();
+    return &array->get_ptr<Value::array_t*>()->back();
+  }
+  template <typename T>
+  bool put(T&& v) {
+    *slot() = Value(std::forward<T>(v));
+    return true;
+  }
+  bool open(Value container) {
+    Value* at = slot();
+    *at = std::move(container);
+    stack_.push_back({at, nullptr});
+    return true;
+  }
+  bool close() {
+    stack_.pop_back();
+    return true;
+  }
+
+  Value root_;
+  Value* pending_ = nullptr;
+  std::vector<Level> stack_;
+};
+
 // Depth of the deepest container, counting brackets outside string literals.
 bool nestingWithinLimit(std::string_view text) {
   int depth = 0;
@@ -213,11 +319,14 @@ bool nestingWithinLimit(std::string_view text) {
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
     if (inString) {
-      if (c == '\\') ++i;
-      else if (c == '"') inString = false;
+      if (c == '\\')
+        ++i;
+      else if (c == '"')
+        inString = false;
       continue;
     }
-    if (c == '"') inString = true;
+    if (c == '"')
+      inString = true;
     else if (c == '[' || c == '{') {
       if (++depth > kMaxJsonDepth) return false;
     } else if (c == ']' || c == '}') {
@@ -257,9 +366,7 @@ std::string describe(const std::optional<Value>& value) {
   return value ? describe(*value) : "(null)";
 }
 
-std::string describe(const std::optional<std::string>& value) {
-  return value ? *value : "(null)";
-}
+std::string describe(const std::optional<std::string>& value) { return value ? *value : "(null)"; }
 
 std::string hexString(const Bytes& bytes) {
   static constexpr char kHex[] = "0123456789abcdef";
@@ -277,8 +384,14 @@ std::optional<Value> parseJson(std::string_view text) {
   // The parser takes a NUL byte for the end of the text and would accept
   // whatever follows it; a raw NUL is valid nowhere in JSON.
   if (text.find('\0') != std::string_view::npos) return std::nullopt;
-  Value v = Value::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
-  if (v.is_discarded() || !v.is_structured()) return std::nullopt;
+  LinearBuilder builder;
+  try {
+    if (!Value::sax_parse(text.begin(), text.end(), &builder)) return std::nullopt;
+  } catch (const std::exception&) {
+    return std::nullopt;  // out of memory, or the reader's own refusal
+  }
+  Value v = std::move(builder).take();
+  if (!v.is_structured()) return std::nullopt;
   return v;
 }
 

@@ -13,6 +13,38 @@
 namespace quorvia::platform {
 namespace {
 
+// A key that comes again in one object keeps its first place and takes its last value, in a
+// small object as in one wide enough to be indexed; objects in an array do not share keys.
+TEST(RepeatedKeysKeepFirstPlaceAndLastValue, SmallAndWideObjects) {
+  std::string wide = "{";
+  for (int i = 0; i < 100; ++i)
+    wide += "\"k" + std::to_string(i % 30) + "\":" + std::to_string(i) + ",";
+  wide += "\"last\":true}";
+  const std::tuple<const char*, std::string, std::string> cases[] = {
+      {"small", R"({"b":1,"a":2,"b":3})", R"({"b":3,"a":2})"},
+      {"nested", R"({"o":{"x":1,"x":{"y":2}},"o":{"z":3}})", R"({"o":{"z":3}})"},
+      {"objects in an array", R"([{"k":1},{"k":2,"k":3}])", R"([{"k":1},{"k":3}])"},
+  };
+  for (const auto& [name, text, expected] : cases) {
+    const auto value = parseJson(text);
+    ASSERT_TRUE(value) << name;
+    EXPECT_EQ(value->dump(), expected) << name;
+  }
+  const auto value = parseJson(wide);
+  ASSERT_TRUE(value);
+  ASSERT_EQ(value->size(), 31u);
+  const auto* object = value->get_ptr<const Value::object_t*>();
+  for (int k = 0; k < 30; ++k) {
+    const auto& [key, v] = *(object->begin() + k);
+    EXPECT_EQ(key, "k" + std::to_string(k));
+    EXPECT_EQ(v, 90 + (k < 10 ? k : k - 30));
+  }
+  EXPECT_EQ(object->back().first, "last");
+  // A wide dictionary is described in key order, each key with its own value.
+  EXPECT_TRUE(describe(*value).starts_with("{\n    k0 = 90;\n    k1 = 91;\n    k10 = 70;"))
+      << describe(*value).substr(0, 80);
+}
+
 // Log lines, URL paths and the form body depend on these exact texts.
 TEST(DescribeFormatsAsFoundation, EveryKindOfValue) {
   const std::tuple<const char*, Value, std::string> cases[] = {

@@ -46,9 +46,13 @@ URLSession::URLSession(ServerTrustPolicy trust) : URLSession(sharedURLTransport(
 URLSession::URLSession(std::shared_ptr<URLTransport> transport, ServerTrustPolicy trust)
     : transport_(std::move(transport)), trust_(trust) {}
 
-void URLSession::dataTaskWithRequest(URLRequest request, CompletionHandler handler) {
+void URLSession::dataTaskWithRequest(URLRequest request, CompletionHandler handler,
+                                     BodyReader readBody) {
   transport_->start(
-      std::move(request), trust_, [handler = std::move(handler)](TransportResult result) mutable {
+      std::move(request), trust_,
+      [handler = std::move(handler),
+       readBody = std::move(readBody)](TransportResult result) mutable {
+        if (readBody && !result.error) readBody(result.data ? *result.data : Bytes{});
         // Moved, not copied, into the main-queue task: what the
         // handler captured must die on the main queue, never on
         // the transport's thread.
