@@ -74,7 +74,7 @@ void QVNotificationView::setup() {
   addSubview(tableView_);
 
   auto bundle = platform::Bundle::bundleWithIdentifier(kBundleIdentifier);
-  if (!bundle) platform::NSLog(std::string("Could not find the resource bundle ") + kBundleIdentifier);
+  if (!bundle) platform::debugLog(std::string("Could not find the resource bundle ") + kBundleIdentifier);
   loaded_ = bundle != nullptr;
   for (const char* name : {kHeaderCell, kTextCell, kActionCell}) {
     auto nib = platform::Nib::nibWithNibName(name, bundle);

@@ -136,7 +136,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
       }
     }
     if (dropped) {
-      NSLog(
+      debugLog(
           "QuorviaSDK: too many desktop notifications wait for the session bus; the oldest "
           "was dropped");
     }
@@ -330,12 +330,12 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     g_variant_builder_init(&actions, G_VARIANT_TYPE("as"));
     for (const Button& button : notification.buttons) {
       if (pending->identifiers.size() == kMaxButtons) {
-        NSLog("QuorviaSDK: a desktop notification shows only its first " +
-              std::to_string(kMaxButtons) + " buttons");
+        debugLog("QuorviaSDK: a desktop notification shows only its first " +
+                 std::to_string(kMaxButtons) + " buttons");
         break;
       }
       if (!acceptableIdentifier(button.identifier)) {
-        NSLog(
+        debugLog(
             "QuorviaSDK: a notification button was left out: its identifier is empty, "
             "\"default\", longer than " +
             std::to_string(kMaxIdentifierBytes) + " bytes or not UTF-8");
@@ -365,8 +365,8 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     GVariant* reply = finish(source, result, &error);
     if (!reply) {
       if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-        NSLog("QuorviaSDK: the desktop notification service did not show a notification (" +
-              errorText(error) + ")");
+        debugLog("QuorviaSDK: the desktop notification service did not show a notification (" +
+                 errorText(error) + ")");
       }
       g_clear_error(&error);
       return;
@@ -458,7 +458,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   void ignored(const std::string& why) {
     if (ignoredLogs_ >= kMaxIgnoredSignalLogs) return;
     ++ignoredLogs_;
-    NSLog("QuorviaSDK: a desktop notification signal was ignored: " + why);
+    debugLog("QuorviaSDK: a desktop notification signal was ignored: " + why);
   }
 
   void turnOff(const std::string& why) {
@@ -469,7 +469,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     }
     ready_ = false;
     if (off_.exchange(true)) return;
-    NSLog("QuorviaSDK: " + why + "; desktop notifications are off");
+    debugLog("QuorviaSDK: " + why + "; desktop notifications are off");
   }
 
   // After the loop ended: cancel what is in flight, let its callbacks run
