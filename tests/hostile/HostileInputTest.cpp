@@ -128,6 +128,9 @@ TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
 TEST_F(HostileInputTest, WithDebugOffOnlyTheThreeUnswitchedKindsOfLineAreWritten) {
   std::filesystem::create_directories(dataDir_ / "data");
   std::ofstream(dataDir_ / "data" / "UserDefaults.qvka") << "not an archive";
+  const auto emptyBundle = dataDir_ / "resources" / "com.quorvia.sdk.ios";
+  std::filesystem::create_directories(emptyBundle);
+  ::setenv("QUORVIA_RESOURCE_DIR", emptyBundle.parent_path().c_str(), 1);
   QuorviaSDK::setDebug(false);
 
   auto& app = platform::Application::sharedApplication();
@@ -148,6 +151,12 @@ TEST_F(HostileInputTest, WithDebugOffOnlyTheThreeUnswitchedKindsOfLineAreWritten
   SimpleNetworking::postToURL(origin() + "/x", Value::array({1}), [](auto, auto) {});
   platform::UserDefaults::standardUserDefaults().setObject(Value("text"), "archived");
   EXPECT_FALSE(SimpleNetworking::shared().unarchiveForKey("archived"));
+  // Without its layout files the banner still shows, and says nothing of it.
+  const Value poll = {{"id", 3}, {"question", "Q"}, {"options", {{{"text", "A"}}}}};
+  QuorviaSDK::handleRemoteNotification(Value{{"poll", poll}});
+  advance(0.3);
+  EXPECT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  ::unsetenv("QUORVIA_RESOURCE_DIR");
 
   // The three.
   QuorviaSDK::handleActionWithIdentifier("Yes", Value{{"poll", Value::object()}});

@@ -30,6 +30,10 @@ platform::ConfigurableEnvironment& simulatedEnvironment() {
 using platform::Value;
 
 constexpr const char* kDefaultSystemVersion = "17.0";
+// The simulated phone's screen, in points, and its pixels per point.
+constexpr double kScreenWidth = 375;
+constexpr double kScreenHeight = 667;
+constexpr double kScreenScale = 2;
 
 Value categoryIdentifiers(const std::optional<platform::CategorySet>& categories) {
   if (!categories) return nullptr;
@@ -145,7 +149,11 @@ void Simulator::install() {
   } else {
     simulatedEnvironment().setPushService(nullptr);
   }
-  drawHostScreen(*platform::keyWindow());
+  auto window = platform::View::make<platform::Window>(
+      platform::Rect::make(0, 0, kScreenWidth, kScreenHeight));
+  window->setScale(kScreenScale);
+  app.setKeyWindow(window);
+  drawHostScreen(*window);
 }
 
 bool Simulator::execute(std::string_view line) {

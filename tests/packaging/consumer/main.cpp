@@ -36,6 +36,11 @@ class ConsumerEnvironment final : public platform::EnvironmentWrapper {
     std::lock_guard lock(mu_);
     return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
   }
+  bool loggedStarting(const std::string& prefix) {
+    std::lock_guard lock(mu_);
+    return std::any_of(lines_.begin(), lines_.end(),
+                       [&](const std::string& line) { return line.starts_with(prefix); });
+  }
 
  private:
   std::mutex mu_;
@@ -75,8 +80,11 @@ int main(int argc, char** argv) {
   platform::Application::sharedApplication().setActive(true);  // the window got the focus
   const bool presented = registered && waitFor("QuorviaSDK: Presenting poll: Installed?");
   loop.runFor(platform::seconds(0.5));  // the slide-in
-  const bool laidOut = !env->logged(
-      "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown.");
+  // The banner would show without them too (the shipped layouts are built
+  // in), so only the absence of the lines that say so tells they were found.
+  const bool laidOut = !env->loggedStarting("QuorviaSDK: resource bundle") &&
+                       !env->loggedStarting("Could not load layout file") &&
+                       !env->loggedStarting("Malformed layout file");
   if (presented && laidOut) {
     QuorviaSDK::handleActionWithIdentifier("Yes",
                                            platform::Value{{"poll", {{"id", std::atoi(argv[2])}}}});
