@@ -273,13 +273,17 @@ void Simulator::action(const Json& command) {
 }
 
 void Simulator::lifecycle(const Json& command) {
+  // The app's activity changes as a host's window focus changes it, so that a
+  // push to an app in the background becomes a desktop notification.
   const std::string name = requiredString(command, "cmd");
-  const char* notification = platform::UIApplicationDidBecomeActiveNotification;
-  if (name == "resignActive") notification = platform::UIApplicationWillResignActiveNotification;
-  if (name == "enterBackground")
-    notification = platform::UIApplicationDidEnterBackgroundNotification;
-  if (name == "terminate") notification = platform::UIApplicationWillTerminateNotification;
-  platform::NotificationCenter::defaultCenter().postNotificationName(notification);
+  auto& app = platform::Application::sharedApplication();
+  app.setActive(name == "becomeActive");
+  auto& center = platform::NotificationCenter::defaultCenter();
+  if (name == "enterBackground") {
+    center.postNotificationName(platform::UIApplicationDidEnterBackgroundNotification);
+  } else if (name == "terminate") {
+    center.postNotificationName(platform::UIApplicationWillTerminateNotification);
+  }
 }
 
 void Simulator::expireBackgroundTask(const Json& command) {
