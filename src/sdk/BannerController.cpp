@@ -2,9 +2,10 @@
 
 #include "platform/Accessibility.h"
 #include "platform/Animation.h"
-#include "quorvia/platform/Application.h"
 #include "platform/BlurView.h"
 #include "platform/URL.h"
+#include "platform/push/NotificationActions.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/Window.h"
 #include "service/PollService.h"
 
@@ -33,6 +34,18 @@ std::string questionOf(const std::shared_ptr<QVNotificationView>& view) {
 const platform::Value* pollIdOf(const std::shared_ptr<QVNotificationView>& view) {
   if (!view || !view->poll() || !view->poll()->objectId()) return nullptr;
   return &*view->poll()->objectId();
+}
+
+// The poll was answered in the app: a desktop notification of the same poll
+// would only ask again.
+void withdrawNotificationsOfPoll(const std::shared_ptr<QVNotificationView>& view) {
+  const platform::Value* id = pollIdOf(view);
+  if (!id) return;
+  platform::withdrawRemoteNotifications([id = *id](const platform::Value& payload) {
+    const platform::Value* pushed =
+        platform::valueForKey(platform::valueForKey(payload, "poll"), "id");
+    return pushed && *pushed == id;
+  });
 }
 
 // A window that is not there has bounds of zero.
@@ -129,6 +142,7 @@ void BannerController::notificationView(const std::shared_ptr<QVNotificationView
                                   const std::optional<std::string>& link) {
   log("User tapped action: " + platform::describe(identifier));
   replies_->sendReplyWithIdentifier(identifier, pollIdOf(view), nullptr);
+  withdrawNotificationsOfPoll(view);
   hideNotificationView(view);
   if (!link) return;
   auto& app = platform::Application::sharedApplication();
@@ -145,6 +159,7 @@ void BannerController::notificationViewDidPressClose(const std::shared_ptr<QVNot
   log("User dismissed poll: " + questionOf(view));
   // A dismissal is reported to the service like an answer.
   replies_->sendReplyWithIdentifier(std::string(kDismissIdentifier), pollIdOf(view), nullptr);
+  withdrawNotificationsOfPoll(view);
   hideNotificationView(view);
 }
 

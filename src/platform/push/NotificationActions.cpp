@@ -111,4 +111,10 @@ void deliverNotificationAction(std::string identifier, Value payload) {
       std::move(arguments));
 }
 
+void withdrawRemoteNotifications(std::function<bool(const Value&)> matches) {
+  if (const auto presenter = environment().notificationPresenter()) {
+    presenter->withdraw(std::move(matches));
+  }
+}
+
 }  // namespace quorvia::platform
