@@ -2,7 +2,10 @@
 // sends and the ones it must not get away with; pushing goes through a real broker.
 
 #include <algorithm>
+#include <condition_variable>
+#include <functional>
 #include <future>
+#include <mutex>
 
 #include "AccessToken.h"
 #include "DevServerFixture.h"
@@ -253,15 +256,20 @@ TEST_F(DevServerTest, EventStreamCarriesRepliesAsTheyArriveAndEndsAtStop) {
   std::promise<json> firstEvent;
   std::thread reader([&] {
     std::string text;
-    client().Get("/admin/events", [&, seen = false](const char* data, size_t length) mutable {
-      if (text.empty()) connected.set_value();
-      text.append(data, length);
-      size_t at = text.find("data: "), end = text.find("\n\n", at);
-      if (at != std::string::npos && end != std::string::npos && !std::exchange(seen, true)) {
-        firstEvent.set_value(json::parse(text.substr(at + 6, end - at - 6)));
-      }
-      return true;
-    });
+    client().Get("/admin/events",
+                 [&, first = true, seen = false](const char* data, size_t length) mutable {
+                   if (std::exchange(first, false)) connected.set_value();
+                   text.append(data, length);
+                   // The device's call comes first; the reply it carried follows.
+                   for (size_t at, end; (at = text.find("data: ")) != std::string::npos &&
+                                        (end = text.find("\n\n", at)) != std::string::npos;) {
+                     json event = json::parse(text.substr(at + 6, end - at - 6));
+                     text.erase(0, end + 2);
+                     if (event["type"] == "reply" && !std::exchange(seen, true))
+                       firstEvent.set_value(event);
+                   }
+                   return true;
+                 });
   });
   ASSERT_EQ(connected.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
   ASSERT_EQ(statusOf(sdk(replyPath(poll), token, "reply_text=Y")), 201);
@@ -275,6 +283,77 @@ TEST_F(DevServerTest, EventStreamCarriesRepliesAsTheyArriveAndEndsAtStop) {
   // An open stream does not keep the server from stopping.
   stopServer();
   reader.join();
+}
+
+// Every call the service receives from a device, registration included, is that device's last
+// call, and the dashboard's event stream says so as it happens; a refused call is no device's.
+TEST_F(DevServerTest, EveryCallOfADeviceIsItsLastCallAndReachesTheDashboardAtOnce) {
+  json poll = createPoll("A", "Q", {{{"text", "Y"}}});
+  std::mutex mutex;
+  std::condition_variable arrived;
+  std::vector<json> events;
+  std::promise<void> connected;
+  std::thread reader([&] {
+    std::string text;
+    client().Get("/admin/events", [&, first = true](const char* data, size_t length) mutable {
+      if (std::exchange(first, false)) connected.set_value();
+      text.append(data, length);
+      for (size_t at, end; (at = text.find("data: ")) != std::string::npos &&
+                           (end = text.find("\n\n", at)) != std::string::npos;) {
+        json event = json::parse(text.substr(at + 6, end - at - 6));
+        text.erase(0, end + 2);
+        std::lock_guard lock(mutex);
+        events.push_back(std::move(event));
+        arrived.notify_all();
+      }
+      return true;
+    });
+  });
+  ASSERT_EQ(connected.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  // Waits for the device events of app A to number `count`.
+  const auto deviceEvents = [&](size_t count) {
+    std::unique_lock lock(mutex);
+    arrived.wait_for(lock, std::chrono::seconds(10), [&] {
+      return std::count(events.begin(), events.end(),
+                        json{{"type", "device"}, {"app_token", "A"}}) >= static_cast<long>(count);
+    });
+    return std::count(events.begin(), events.end(), json{{"type", "device"}, {"app_token", "A"}});
+  };
+  const auto lastCall = [&] {
+    return adminGet("/admin/devices?app=A")["devices"].at(0)["last_seen_at"];
+  };
+
+  std::string token;
+  // A call the device makes, with the status it gets.
+  const std::pair<const char*, std::function<int()>> calls[] = {
+      {"registration",
+       [&] {
+         token = registerDevice("d1", "A");
+         return token.empty() ? 0 : 200;
+       }},
+      {"user info", [&] { return statusOf(sdk("/me/", token, "user_info=x")); }},
+      {"reply", [&] { return statusOf(sdk(replyPath(poll), token, "reply_text=Y")); }},
+      {"fetch", [&] { return statusOf(sdk("/apps/A/polls/", token)); }},
+      {"registration again", [&] { return registerDevice("d1", "A").empty() ? 0 : 200; }},
+  };
+  std::string previous;
+  long seen = 0;
+  for (const auto& [name, call] : calls) {
+    SCOPED_TRACE(name);
+    EXPECT_LT(call(), 300);
+    const long now = deviceEvents(seen + 1);
+    EXPECT_GT(now, seen) << "the dashboard hears of the call";
+    seen = now;
+    const json last = lastCall();
+    ASSERT_TRUE(last.is_string());
+    EXPECT_GE(last.get<std::string>(), previous);
+    previous = last;
+  }
+  EXPECT_EQ(statusOf(sdk("/apps/A/polls/", "not-a-token")), 401);
+  EXPECT_EQ(lastCall(), previous);
+  stopServer();
+  reader.join();
+  EXPECT_EQ(deviceEvents(0), seen) << "a refused call is not a device's";
 }
 
 TEST_F(DevServerTest, PushPublishesThePollToEachDeviceTopicAndABrokerDownIsAnError) {
