@@ -205,8 +205,8 @@ Value pollPush(const std::string& alert, const std::optional<std::string>& categ
 }
 
 /// Sees every NotificationClosed on the bus, whoever it is sent to (the
-/// private bus lets clients eavesdrop), and whether the notification service
-/// has an owner yet.
+/// private bus lets clients eavesdrop), and the notification service taking
+/// its name.
 class BusWatcher {
  public:
   explicit BusWatcher(const std::string& address)
@@ -229,15 +229,10 @@ class BusWatcher {
     g_object_unref(connection_);
   }
 
-  /// Whether the service has an owner, waiting up to `bound` for one.
+  /// Whether the service got an owner since the watcher was made, waiting up to `bound`.
   bool waitForService(std::chrono::seconds bound) {
-    if (!connection_) return false;
-    GVariant* reply = callBus("NameHasOwner", g_variant_new("(s)", kInterface), "(b)");
-    gboolean owned = FALSE;
-    if (reply) g_variant_get(reply, "(b)", &owned);
-    if (reply) g_variant_unref(reply);
     std::unique_lock lock(mu_);
-    return owned || changed_.wait_for(lock, bound, [&] { return owned_; });
+    return changed_.wait_for(lock, bound, [&] { return owned_; });
   }
   /// The (id, reason) of the first NotificationClosed, waiting up to `bound`.
   std::optional<std::pair<std::uint32_t, std::uint32_t>> waitForClosed(std::chrono::seconds bound) {
@@ -247,16 +242,12 @@ class BusWatcher {
   }
 
  private:
-  GVariant* callBus(const char* method, GVariant* parameters, const char* replyType = nullptr) {
-    return g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                       "org.freedesktop.DBus", method, parameters,
-                                       replyType ? G_VARIANT_TYPE(replyType) : nullptr,
-                                       G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, nullptr);
-  }
   void addMatch(const std::string& rule) {
-    if (GVariant* reply = callBus("AddMatch", g_variant_new("(s)", rule.c_str()))) {
-      g_variant_unref(reply);
-    }
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "AddMatch", g_variant_new("(s)", rule.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, 10'000,
+        nullptr, nullptr);
+    if (reply) g_variant_unref(reply);
   }
   // On GDBus's worker thread, for every message that comes in.
   static GDBusMessage* onMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming,
