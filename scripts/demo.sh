@@ -3,8 +3,9 @@
 # broker and the service on loopback, and runs the SDK end to end: launch, a device token from
 # the broker, registration, a poll pushed from the service's admin API, the banner, snapshots
 # of it collapsed and expanded, an answer; then a second poll fetched when the app becomes
-# active, answered too. Prints every step, checks each, and prints the replies the service
-# recorded and where the PNGs are.
+# active, answered too; then a push to the device while it is offline that survives a restart
+# of the broker. Prints every step, checks each, and prints the replies the service recorded
+# and where the PNGs are.
 #   scripts/demo.sh            everything (installs missing Debian packages first)
 #   scripts/demo.sh --no-setup skip the package check (the tools are still built)
 set -euo pipefail
@@ -13,7 +14,7 @@ root=$PWD
 
 setup=1
 case "${1:-}" in
-  -h|--help) sed -n '2,7p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
+  -h|--help) sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'; exit 0 ;;
   --no-setup) setup=0 ;;
   "") ;;
   *) echo "demo: unknown argument $1 (see --help)" >&2; exit 2 ;;
@@ -28,7 +29,7 @@ work=$(mktemp -d "${TMPDIR:-/tmp}/quorvia-demo.XXXXXX")
 cleanup() {
   local status=$?
   if [ "$status" -ne 0 ]; then
-    echo "demo: logs kept in $work (broker.log, server.log, sim.stderr)" >&2
+    echo "demo: logs kept in $work (broker.log, server.log, sim.stderr; the broker's store in broker/)" >&2
   else
     rm -rf "$work"
   fi

@@ -2,8 +2,10 @@
 """Drives the end-to-end demo: a mosquitto broker, the local poll service and
 the host simulator, all on loopback. A poll arrives by push and is answered from
 the banner; a second one is fetched when the app becomes active and answered
-too. Every step is printed as it happens and checked; any failure ends the run
-with a message and exit status 1.
+too; a third is pushed while the app is not running, the broker is restarted,
+and the push still reaches the app when it starts again. Every step is printed
+as it happens and checked; any failure ends the run with a message and exit
+status 1.
 
     demo_driver.py --devserver PATH --sim PATH --host PATH --work DIR --png-dir DIR
 
@@ -14,6 +16,7 @@ xdotool clicks the card and an option where the host says the banner is.
 import argparse
 import json
 import os
+import pwd
 import queue
 import secrets
 import shutil
@@ -27,6 +30,7 @@ import urllib.request
 
 APP_TOKEN = "demo-app"
 WAIT = 20  # seconds any one step may take
+FETCH_CALLBACK = "application:didReceiveRemoteNotification:fetchCompletionHandler:"
 
 
 class DemoFailed(Exception):
@@ -392,6 +396,76 @@ def real_window(args, service, broker_url, base, children):
     return answers
 
 
+class Broker:
+    """The demo's own mosquitto on a loopback port, keeping its sessions and queued messages in
+    a directory of the demo's work; its log goes to broker.log there, kept when the demo fails."""
+
+    def __init__(self, work, children):
+        self.port = free_port()
+        self.url = f"mqtt://127.0.0.1:{self.port}"
+        self.store = os.path.join(work, "broker")
+        os.makedirs(self.store, mode=0o700, exist_ok=True)
+        self.config = os.path.join(work, "mosquitto.conf")
+        # Started as root, mosquitto would drop to its own user, which may not write in the
+        # demo's private directory: its store would be lost at every stop. It stays who we are.
+        with open(self.config, "w") as conf:
+            conf.write(f"listener {self.port} 127.0.0.1\nallow_anonymous true\n"
+                       f"persistence true\npersistence_location {self.store}/\n"
+                       f"user {pwd.getpwuid(os.getuid()).pw_name}\nlog_dest stderr\n")
+        self.log = os.path.join(work, "broker.log")
+        self.children = children
+        self.process = None
+
+    def start(self):
+        self.process = subprocess.Popen(["mosquitto", "-c", self.config],
+                                        stdout=open(self.log, "a"), stderr=subprocess.STDOUT)
+        self.children.append(self.process)
+        wait_for_port(self.port, self.process, "mosquitto")
+
+    def stop(self):
+        self.process.send_signal(signal.SIGTERM)
+        try:
+            self.process.wait(timeout=WAIT)
+        except subprocess.TimeoutExpired:
+            raise DemoFailed(f"mosquitto did not stop within {WAIT} s")
+        with open(self.log) as log:
+            errors = [line.strip() for line in log if "Error" in line]
+        if errors:
+            raise DemoFailed("mosquitto could not save its store: " + "; ".join(errors))
+
+
+def offline_push(args, service, broker, env, sim, children):
+    step("a poll pushed while the device is offline, kept by the broker through a restart")
+    sim.quit()
+    poll = service.call("POST", "/admin/polls", {
+        "app_token": APP_TOKEN, "question": "Did the broker keep this one? 📬",
+        "options": [{"text": "Yes"}, {"text": "No"}]})
+    sent = service.call("POST", f"/admin/polls/{poll['id']}/push", {})
+    check(sent.get("sent", 0) >= 1, "the service handed the push to the broker; the device is offline")
+    broker.stop()
+    check(os.path.exists(os.path.join(broker.store, "mosquitto.db")),
+          "the broker saved its sessions and the queued push as it stopped")
+    broker.start()
+    print(f"  broker: restarted on {broker.url} (pid {broker.process.pid})")
+    # The same device again: same data, so the same token and the same broker session.
+    sim = Simulator(args.sim, env, os.path.join(args.work, "app-data"), args.png_dir,
+                    open(os.path.join(args.work, "sim.stderr"), "a"))
+    children.append(sim.process)
+    sim.send({"cmd": "launch", "appToken": APP_TOKEN, "launchOptions": None, "swizzling": True,
+              "delegate": {"implements": [FETCH_CALLBACK]},
+              "settings": {"types": 7, "categories": []}})
+    sim.wait_for("the push the broker kept", lambda e: e["event"] == "hostCallback"
+                 and e["selector"] == FETCH_CALLBACK)
+    check(True, "the push sent while the device was offline arrived after the broker's restart")
+    # Start-up fetched the same poll; dismissing its banner also takes back its bubble, if any.
+    sim.send({"cmd": "wait", "seconds": 0.5})
+    check(sim.state()["presentedPollView"], "the poll is on screen")
+    sim.send({"cmd": "tapClose"})
+    sim.log_line("the dismissal", "QuorviaSDK: Successfuly sent reply: Dismiss")
+    sim.quit()
+    return poll
+
+
 def replies_of(service, poll_id):
     return service.call("GET", f"/admin/polls/{poll_id}/replies")["replies"]
 
@@ -401,17 +475,10 @@ def run(args):
     work = args.work
     try:
         step("starting a mosquitto broker on a free loopback port")
-        broker_port = free_port()
-        with open(os.path.join(work, "mosquitto.conf"), "w") as conf:
-            conf.write(f"listener {broker_port} 127.0.0.1\nallow_anonymous true\n"
-                       f"persistence true\npersistence_location {work}/\n")
-        broker = subprocess.Popen(["mosquitto", "-c", os.path.join(work, "mosquitto.conf")],
-                                  stdout=open(os.path.join(work, "broker.log"), "w"),
-                                  stderr=subprocess.STDOUT)
-        children.append(broker)
-        wait_for_port(broker_port, broker, "mosquitto")
-        broker_url = f"mqtt://127.0.0.1:{broker_port}"
-        print(f"broker: {broker_url} (pid {broker.pid})")
+        broker = Broker(work, children)
+        broker.start()
+        broker_url = broker.url
+        print(f"broker: {broker_url} (pid {broker.process.pid})")
 
         step("starting the poll service, pushing through that broker")
         port = free_port()
@@ -460,7 +527,7 @@ def run(args):
         sim.send({"cmd": "becomeActive"})
         sim.event("the fetched poll", "presented", question="Coffee or tea?")
         answer_banner(sim, args.png_dir, "fetched", 1)
-        sim.quit()
+        kept = offline_push(args, service, broker, env, sim, children)
 
         window_answers = {}
         if args.host:
@@ -469,7 +536,7 @@ def run(args):
             step("the real window is skipped: the desktop host was not built (SDL2 missing)")
 
         step("replies recorded by the service")
-        expected = {pushed["id"]: "👍 Loved it", fetched["id"]: "🍵 Tea"}
+        expected = {pushed["id"]: "👍 Loved it", fetched["id"]: "🍵 Tea", kept["id"]: "Dismiss"}
         expected.update(window_answers)
         recorded = {}
         for poll_id, text in expected.items():

@@ -15,7 +15,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 procps curl
   chromium
-  libsdl2-dev libgtk-4-dev qt6-base-dev xvfb xdotool imagemagick
+  libsdl2-dev libgtk-4-dev qt6-base-dev xvfb xdotool imagemagick notification-daemon
 )
 
 if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi

@@ -20,6 +20,7 @@
 #include "platform/URLSession.h"
 #include "platform/Window.h"
 #include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/RunLoop.h"
 #include "sdk/SDKState.h"
 
@@ -99,6 +100,10 @@ void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
     env->setLogSink([](std::string_view) {});
     env->setKeychainStore(platform::makeInMemoryKeychainStore());
     env->setURLTransport(std::make_shared<EmptyFetchTransport>());
+    // The host's window, as a HostWindow would make it.
+    auto window = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 375, 667));
+    window->setScale(2);
+    platform::Application::sharedApplication().setKeyWindow(window);
 
     QuorviaSDK::initWithAppToken("bench-app-token", std::nullopt, /*swizzling=*/false);
     loop->runUntil([] { return false; }, platform::seconds(0.2));  // the fetch's answer
@@ -108,7 +113,7 @@ void BM_ResidentMemoryOfStartedSdkWithBanner(benchmark::State& state) {
                           {"question", "Coffee or tea?"},
                           {"options", {{{"text", "Coffee"}}, {{"text", "Tea"}}}}}}});
     loop->advance(platform::seconds(0.5));
-    const auto frame = platform::Renderer::render(*platform::keyWindow());
+    const auto frame = platform::Renderer::render(*window);
     benchmark::DoNotOptimize(frame.rgba.data());
     if (!sdk::SDKState::shared().banner->presentedPollView()) state.SkipWithError("no banner");
   }

@@ -55,7 +55,9 @@ class QUORVIA_EXPORT QuorviaSDK final {
   static std::shared_ptr<QuorviaSDK> sharedInstance();
   /// Writes "QuorviaSDK: <message>" to the log while debug() is true. Any thread.
   static void log(std::string_view message);
-  /// Turns the SDK's logging on or off (on by default).
+  /// Turns the SDK's logging on or off (on by default). Off, the SDK writes
+  /// only three kinds of line: "nil id" for a poll without an id, a failed
+  /// fetch's error and an exception caught while sending a reply.
   static void setDebug(bool debug);
   /// Registers the poll categories with badge, sound and alert types, merged
   /// with the categories already registered. The platform asks the user.

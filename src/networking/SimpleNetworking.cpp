@@ -94,8 +94,8 @@ platform::Value SimpleNetworking::headerFields() const {
 
 void SimpleNetworking::setHeaderFields(platform::Value headers) {
   if (!headers.is_object()) {
-    platform::NSLog("SimpleNetworking: header fields are not a dictionary; none are sent: " +
-                    platform::describe(headers));
+    platform::debugLog("SimpleNetworking: header fields are not a dictionary; none are sent: " +
+                       platform::describe(headers));
     headers = platform::Value::object();
   }
   std::lock_guard lock(headerMu_);

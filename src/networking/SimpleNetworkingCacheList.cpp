@@ -68,7 +68,7 @@ std::optional<platform::Value> SimpleNetworking::unarchiveForKey(const std::stri
   const auto stored = platform::UserDefaults::standardUserDefaults().objectForKey(key);
   if (!stored) return std::nullopt;
   if (!stored->is_binary()) {
-    platform::NSLog("SimpleNetworking: user default " + key + " is not an archive");
+    platform::debugLog("SimpleNetworking: user default " + key + " is not an archive");
     return std::nullopt;
   }
   return platform::unarchiveObjectWithData(stored->get_binary());

@@ -34,8 +34,8 @@ std::string SimpleNetworking::getRESTfulTypeStringForType(int type) {
 
 std::string SimpleNetworking::getParamInString(const platform::Value& param) {
   if (!param.is_object()) {
-    platform::NSLog("SimpleNetworking: param is not a dictionary and is not sent: " +
-                    platform::describe(param));
+    platform::debugLog("SimpleNetworking: param is not a dictionary and is not sent: " +
+                       platform::describe(param));
     return {};
   }
   std::string joined;
@@ -62,8 +62,8 @@ platform::URLRequest SimpleNetworking::requestWithType(
   const platform::Value headers = headerFields();
   for (const auto& [field, value] : headers.items()) {
     if (!value.is_string()) {
-      platform::NSLog("SimpleNetworking: header field " + field +
-                      " has no text value and is not sent: " + platform::describe(value));
+      platform::debugLog("SimpleNetworking: header field " + field +
+                         " has no text value and is not sent: " + platform::describe(value));
       continue;
     }
     request.setValueForHTTPHeaderField(value.get<std::string>(), field);

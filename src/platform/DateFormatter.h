@@ -15,8 +15,10 @@ namespace quorvia::platform {
 
 /// A date formatter that has only its pattern set. Not thread-safe: make one
 /// per thread or per use. The locale and time zone are the process's current
-/// ones (ICU's defaults, from LANG/LC_* and TZ) when the pattern is set.
-/// Instants have millisecond precision.
+/// ones when the pattern is set: the locale of LC_ALL, LC_TIME or LANG (in
+/// that order), the zone of TZ or else of /etc/localtime, both read afresh,
+/// so a formatter made after a change follows it. Instants have millisecond
+/// precision.
 class QUORVIA_EXPORT DateFormatter final {
  public:
   DateFormatter();

@@ -11,19 +11,19 @@
 
 namespace quorvia::platform {
 
-/// Runs `body`; an exception it raises is written to the system log as
-/// "QuorviaSDK: <where> dropped malformed input: <reason>" and dropped.
+/// Runs `body`; an exception it raises is dropped, with the debug line
+/// "QuorviaSDK: <where> dropped malformed input: <reason>".
 template <typename Body>
 void runDroppingExceptions(std::string_view where, Body&& body) noexcept {
   try {
     body();
   } catch (const std::exception& e) {
     try {
-      NSLog("QuorviaSDK: " + std::string(where) + " dropped malformed input: " + e.what());
+      debugLog("QuorviaSDK: " + std::string(where) + " dropped malformed input: " + e.what());
     } catch (...) {
     }
   } catch (...) {
-    NSLog("QuorviaSDK: " + std::string(where) + " dropped malformed input");
+    debugLog("QuorviaSDK: " + std::string(where) + " dropped malformed input");
   }
 }
 

@@ -36,8 +36,8 @@ class QUORVIA_EXPORT Window final : public View {
   Point touchPoint_;
 };
 
-/// The application's key window; when the host has set none, a default
-/// window of 375 x 667 points at scale 2 is made, made key and returned.
+/// The application's key window, or null while the host has set none (a
+/// HostWindow sets one). Without one a banner is shown in no window at all.
 QUORVIA_EXPORT std::shared_ptr<Window> keyWindow();
 
 }  // namespace quorvia::platform

@@ -2,10 +2,11 @@
 
 #include "platform/Accessibility.h"
 #include "platform/Animation.h"
-#include "quorvia/platform/Application.h"
 #include "platform/BlurView.h"
 #include "platform/URL.h"
 #include "platform/Window.h"
+#include "platform/push/NotificationActions.h"
+#include "quorvia/platform/Application.h"
 #include "sdk/Events.h"
 #include "service/PollService.h"
 
@@ -41,6 +42,23 @@ PollEvent pollEventOf(const std::shared_ptr<QVNotificationView>& view) {
   return {sdk::eventText(view->poll()->objectId()), sdk::eventText(view->poll()->question())};
 }
 
+// The poll was answered in the app: a desktop notification of the same poll
+// would only ask again.
+void withdrawNotificationsOfPoll(const std::shared_ptr<QVNotificationView>& view) {
+  const platform::Value* id = pollIdOf(view);
+  if (!id) return;
+  platform::withdrawRemoteNotifications([id = *id](const platform::Value& payload) {
+    const platform::Value* pushed =
+        platform::valueForKey(platform::valueForKey(payload, "poll"), "id");
+    return pushed && *pushed == id;
+  });
+}
+
+// A window that is not there has bounds of zero.
+Rect boundsOf(const std::shared_ptr<platform::Window>& window) {
+  return window ? window->bounds() : Rect{};
+}
+
 std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
   auto backdrop = platform::View::make(windowBounds);
   if (platform::UIAccessibilityIsReduceTransparencyEnabled()) {
@@ -59,20 +77,18 @@ std::shared_ptr<platform::View> makeBackdrop(const Rect& windowBounds) {
 std::shared_ptr<QVNotificationView> BannerController::presentPollWithPollDict(
     const platform::Value* pollDict) {
   if (presentedPollView_) return nullptr;
+  // Without a key window every step runs against nothing: the banner has no
+  // width and is on no screen, yet it is the presented one until hidden.
   auto window = platform::keyWindow();
 
   const auto poll = QVModelPoll::objectWithDictionary(pollDict);
   log("Presenting poll: " + platform::describe(poll->question()));
 
   auto view = QVNotificationView::initWithFrame(
-      Rect::make(kBannerX, kBannerStartY, window->bounds().width(), kBannerHeight));
-  if (!view->isLoaded()) {
-    log("Could not load the poll banner's layout files; the poll is not shown.");
-    return nullptr;
-  }
+      Rect::make(kBannerX, kBannerStartY, boundsOf(window).width(), kBannerHeight));
   view->setPoll(poll);
   view->setDelegate(weak_from_this());
-  window->addSubview(view);
+  if (window) window->addSubview(view);
   presentedPollView_ = view;
   platform::animateWithDuration(kSlideDuration, [&view] {
     Rect frame = view->frame();
@@ -86,11 +102,11 @@ std::shared_ptr<QVNotificationView> BannerController::presentPollWithPollDict(
 void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNotificationView>& view) {
   auto window = platform::keyWindow();
   if (view) view->removeFromSuperview();
-  auto backdrop = makeBackdrop(window->bounds());
+  auto backdrop = makeBackdrop(boundsOf(window));
   backdrop->setAlpha(0.0);
   backdrop->setTag(kBackdropTag);
-  window->addSubview(backdrop);
-  if (view) window->addSubview(view);
+  if (window) window->addSubview(backdrop);
+  if (window && view) window->addSubview(view);
   platform::animateWithDuration(kBackdropFadeDuration, [&backdrop] { backdrop->setAlpha(1.0); });
   // At once, not after the fade: the options slide in while the backdrop fades in.
   if (view) {
@@ -101,7 +117,7 @@ void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNo
 
 void BannerController::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
   auto window = platform::keyWindow();
-  auto backdrop = window->viewWithTag(kBackdropTag);
+  auto backdrop = window ? window->viewWithTag(kBackdropTag) : nullptr;
   platform::animateWithDuration(
       kBackdropFadeDuration,
       [&backdrop] {
@@ -137,6 +153,7 @@ void BannerController::notificationView(const std::shared_ptr<QVNotificationView
                                   const std::optional<std::string>& link) {
   log("User tapped action: " + platform::describe(identifier));
   replies_->sendReplyWithIdentifier(identifier, pollIdOf(view), nullptr);
+  withdrawNotificationsOfPoll(view);
   hideNotificationView(view);
   if (!link) return;
   auto& app = platform::Application::sharedApplication();
@@ -153,6 +170,7 @@ void BannerController::notificationViewDidPressClose(const std::shared_ptr<QVNot
   log("User dismissed poll: " + questionOf(view));
   // A dismissal is reported to the service like an answer.
   replies_->sendReplyWithIdentifier(std::string(kDismissIdentifier), pollIdOf(view), nullptr);
+  withdrawNotificationsOfPoll(view);
   hideNotificationView(view);
 }
 

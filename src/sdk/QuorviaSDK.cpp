@@ -18,6 +18,7 @@ std::shared_ptr<QuorviaSDK> QuorviaSDK::sharedInstance() {
   static std::once_flag once;
   std::call_once(once, [] {
     shared = new std::shared_ptr<QuorviaSDK>(new QuorviaSDK);
+    platform::setDebugLogging(true);
     platform::Application::sharedApplication().registerForRemoteNotifications();
     sdk::SDKState* state = (*shared)->state_.get();
     platform::NotificationCenter::defaultCenter().addObserver(
@@ -43,7 +44,11 @@ void QuorviaSDK::log(std::string_view message) {
   if (sharedInstance()->debug()) platform::NSLog("QuorviaSDK: " + std::string(message));
 }
 
-void QuorviaSDK::setDebug(bool debug) { sharedInstance()->state_->debug = debug; }
+// The platform's switch, so that the layers below the SDK fall silent with it.
+void QuorviaSDK::setDebug(bool debug) {
+  sharedInstance();
+  platform::setDebugLogging(debug);
+}
 
 void QuorviaSDK::askUserForPushPermissions() {
   sdk::SDKState::shared().askUserForPushPermissions();
@@ -68,7 +73,7 @@ void QuorviaSDK::setUserInfo(const std::optional<platform::Value>& userInfo) {
 
 std::string_view QuorviaSDK::version() { return QUORVIA_VERSION; }
 
-bool QuorviaSDK::debug() const { return state_->debug.load(std::memory_order_relaxed); }
+bool QuorviaSDK::debug() const { return platform::debugLogging(); }
 
 const std::optional<std::string>& QuorviaSDK::appToken() const { return state_->appTokenProperty; }
 

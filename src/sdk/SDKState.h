@@ -3,7 +3,6 @@
 // the class-level initWithAppToken runs on it. The facade's operations are
 // one-line forwards into these parts.
 
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,7 +40,6 @@ class SDKState final {
   /// nil before one (kept process-wide, apart from the appToken property).
   static std::optional<std::string> currentAppToken();
 
-  std::atomic<bool> debug{true};
   std::optional<std::string> appTokenProperty;
   Interception interception;
   const std::shared_ptr<service::PollService> service;

@@ -3,7 +3,7 @@
 #include <mutex>
 
 #include "platform/Bundle.h"
-#include "platform/Log.h"
+#include "ui/BuiltInLayouts.h"
 #include "ui/QVNotificationActionCell.h"
 #include "ui/QVNotificationHeaderCell.h"
 #include "ui/QVNotificationTextCell.h"
@@ -46,6 +46,18 @@ class TableUpdater final : public QVNotificationViewModel::TableUpdates {
   TableView& table_;
 };
 
+// Whether `nib` makes a row of class `Cell`. Checked once per banner: a file
+// that makes anything else, or raises, would fail the table's layout inside
+// the host's paint.
+template <typename Cell>
+bool makesCell(const platform::Nib& nib) {
+  try {
+    return std::dynamic_pointer_cast<Cell>(nib.instantiate()) != nullptr;
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 std::shared_ptr<QVNotificationView> QVNotificationView::initWithFrame(platform::Rect frame) {
@@ -76,14 +88,17 @@ void QVNotificationView::setup() {
   tableView_->setRowHeight(platform::UITableViewAutomaticDimension);
   addSubview(tableView_);
 
+  // A layout file that is missing or makes no row of its kind gives way to
+  // the shipped one built into the library: the packaging fault goes
+  // unnoticed, as it would on the original platform, and the poll still shows.
   auto bundle = platform::Bundle::bundleWithIdentifier(kBundleIdentifier);
-  if (!bundle) platform::NSLog(std::string("Could not find the resource bundle ") + kBundleIdentifier);
-  loaded_ = bundle != nullptr;
-  for (const char* name : {kHeaderCell, kTextCell, kActionCell}) {
-    auto nib = platform::Nib::nibWithNibName(name, bundle);
-    loaded_ = loaded_ && nib;
-    tableView_->registerNib(std::move(nib), name);
-  }
+  const auto layout = [&bundle](const char* name, bool (*makesRow)(const platform::Nib&)) {
+    auto nib = bundle ? platform::Nib::nibWithNibName(name, bundle) : nullptr;
+    return nib && makesRow(*nib) ? nib : builtInLayout(name);
+  };
+  tableView_->registerNib(layout(kHeaderCell, makesCell<QVNotificationHeaderCell>), kHeaderCell);
+  tableView_->registerNib(layout(kTextCell, makesCell<QVNotificationTextCell>), kTextCell);
+  tableView_->registerNib(layout(kActionCell, makesCell<QVNotificationActionCell>), kActionCell);
 }
 
 void QVNotificationView::setPoll(std::shared_ptr<QVModelPoll> poll) {
@@ -99,8 +114,7 @@ void QVNotificationView::setShowOptions(bool showOptions) {
 void QVNotificationView::notificationTapped() { model_.notificationTapped(); }
 
 int QVNotificationView::numberOfSectionsInTableView(TableView&) {
-  // Without its layout files the banner has no rows to make.
-  return loaded_ ? model_.numberOfSections() : 0;
+  return model_.numberOfSections();
 }
 
 int QVNotificationView::numberOfRowsInSection(TableView&, int section) {

@@ -20,15 +20,13 @@ class QUORVIA_EXPORT QVNotificationView final : public platform::View,
                                                 public platform::TableViewDelegate,
                                                 public QVNotificationHeaderCellDelegate {
  public:
-  /// Makes the banner with `frame` and builds its table (setup). When the
-  /// resource bundle or a layout file is missing the banner is made without
-  /// rows and isLoaded() is false (a line is logged).
+  /// Makes the banner with `frame` and builds its table (setup). Its rows are
+  /// laid out by the files of the resource bundle "com.quorvia.sdk.ios"; one
+  /// that is missing or unusable is replaced by the shipped layout.
   static std::shared_ptr<QVNotificationView> initWithFrame(platform::Rect frame);
 
   /// Builds the table; called once by initWithFrame.
   void setup();
-  /// Whether every layout file of the rows was found.
-  bool isLoaded() const { return loaded_; }
 
   const std::shared_ptr<QVModelPoll>& poll() const { return model_.poll(); }
   /// Stores the poll and reloads the whole table.
@@ -68,7 +66,6 @@ class QUORVIA_EXPORT QVNotificationView final : public platform::View,
  private:
   QVNotificationViewModel model_;
   std::shared_ptr<platform::TableView> tableView_;
-  bool loaded_ = false;
 };
 
 }  // namespace quorvia

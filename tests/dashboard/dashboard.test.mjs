@@ -78,7 +78,7 @@ function stopServer() {
   });
 }
 
-// A device as the SDK is one: it registers for a token, then replies.
+// A device as the SDK is one: it registers for a token, then replies. Resolves with the token.
 async function answer(base, pushToken, pollId, replyText) {
   const registered = await fetch(`${base}/endpoints/`, {
     method: 'POST', body: `push_token=${pushToken}&app_token=demo-app&platform=ios` });
@@ -87,7 +87,11 @@ async function answer(base, pushToken, pollId, replyText) {
     method: 'POST', headers: { Authorization: `JWT ${accessToken}` },
     body: `reply_text=${replyText}` });
   check(reply.status === 201, `device ${pushToken} replied "${replyText}"`);
+  return accessToken;
 }
+
+const lastCall = (page, pushToken) =>
+  page.locator(`#devices tr[data-push-token="${pushToken}"] td.last-call time`).getAttribute('datetime');
 
 const barCount = (page, option) =>
   page.locator(`.bar[data-option="${option}"] .count`).textContent();
@@ -132,7 +136,7 @@ async function main() {
   await page.waitForFunction(() =>
     document.querySelector('.bar[data-option="Tea"] .count')?.textContent === '1');
   await answer(base, 'e5f6a7b8', pollId, 'Tea');
-  await answer(base, 'c9d0e1f2', pollId, 'Coffee');
+  const coffeeToken = await answer(base, 'c9d0e1f2', pollId, 'Coffee');
   await answer(base, '0a1b2c3d', pollId, 'Dismiss');
   await page.waitForFunction(() =>
     document.querySelector('.bar[data-option="Coffee"] .count')?.textContent === '1' &&
@@ -144,6 +148,18 @@ async function main() {
   check((await barCount(page, 'Water')) === '0', 'Water has none');
   await page.locator('#devices tbody tr', { hasText: 'c9d0e1f2' }).waitFor();
   check((await page.locator('table.replies tbody tr').count()) === 4, 'the replies log lists all four');
+
+  // Any call of a device is its last call, shown as it happens: here a fetch of its polls.
+  const replied = await lastCall(page, 'c9d0e1f2');
+  check(Boolean(replied), 'the device\'s last call is its reply');
+  const fetched = await fetch(`${base}/apps/demo-app/polls/`, {
+    headers: { Authorization: `JWT ${coffeeToken}` } });
+  check(fetched.status === 200, 'the device fetched its polls');
+  await page.waitForFunction(({ token, before }) => {
+    const cell = document.querySelector(`#devices tr[data-push-token="${token}"] td.last-call time`);
+    return cell && cell.getAttribute('datetime') > before;
+  }, { token: 'c9d0e1f2', before: replied });
+  check(await page.evaluate(() => window.notReloaded === true), 'its last call moved without a reload');
   await page.screenshot({ path: screenshot });
   check(true, `results view saved to ${screenshot}`);
 

@@ -4,16 +4,25 @@
 // completion's captures die on.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cmath>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "networking/SimpleNetworking.h"
+#include "platform/URLSession.h"
+#include "platform/UserDefaults.h"
+#include "platform/push/NotificationActions.h"
+#include "platform/push/RemoteNotifications.h"
 #include "quorvia/QuorviaSDK.h"
 #include "quorvia/platform/Application.h"
 #include "platform/ApplicationDelegateRuntime.h"
 #include "platform/Runtime.h"
+#include "quorvia/platform/ApplicationDelegate.h"
+#include "quorvia/platform/HostWindow.h"
 #include "sdk/SDKState.h"
 #include "support/FakeTransport.h"
 #include "support/LoopbackServer.h"
@@ -111,6 +120,65 @@ TEST_F(HostileInputTest, MalformedPollsAreDroppedWithoutAMessage) {
   drain();
   EXPECT_EQ(log_.lines(), std::vector<std::string>{});
   EXPECT_EQ(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+}
+
+// With the debug switch off a host hears only the three kinds of line that
+// bypass it: "nil id", a failed fetch's error and an exception caught while
+// sending a reply. Whatever else a run of hostile input provokes, in the SDK
+// or in the platform under it, is silent.
+TEST_F(HostileInputTest, WithDebugOffOnlyTheThreeUnswitchedKindsOfLineAreWritten) {
+  std::filesystem::create_directories(dataDir_ / "data");
+  std::ofstream(dataDir_ / "data" / "UserDefaults.qvka") << "not an archive";
+  const auto emptyBundle = dataDir_ / "resources" / "com.quorvia.sdk.ios";
+  std::filesystem::create_directories(emptyBundle);
+  ::setenv("QUORVIA_RESOURCE_DIR", emptyBundle.parent_path().c_str(), 1);
+  QuorviaSDK::setDebug(false);
+
+  auto& app = platform::Application::sharedApplication();
+  platform::deliverNotificationAction("Yes", Value::object());  // nobody to deliver it to
+  app.setCurrentUserNotificationSettings(platform::NotificationSettings::settingsForTypes(7, {}));
+  platform::deliverRemoteNotification(Value{{"aps", {{"alert", 5}}}});
+  platform::HostWindow({-1, 0}, 2).pointerDown({std::nan(""), 0});  // no size, no point
+  platform::setDelegateObject(
+      app, std::make_shared<platform::Object>(platform::Class::create("QuietHost")));
+  QuorviaSDK::initWithAppToken(
+      "app", Value{{UIApplicationLaunchOptionsRemoteNotificationKey, {{"poll", 5}}}});
+  advance(0.1);  // the launch poll, not a dictionary
+  platform::MessageArguments opened;
+  opened.identifier = platform::kDefaultActionIdentifier;
+  opened.userInfo = Value{{"poll", "not a poll"}};
+  platform::delegateObject(app)->send(platform::kHandleActionWithResponseInfoSelector, opened);
+  SimpleNetworking::setHeaderFieldsWithDictionary(Value(3));
+  SimpleNetworking::setHeaderFieldsWithDictionary(Value{{"X-Count", 3}});
+  SimpleNetworking::postToURL(origin() + "/x", Value::array({1}), [](auto, auto) {});
+  platform::UserDefaults::standardUserDefaults().setObject(Value("text"), "archived");
+  EXPECT_FALSE(SimpleNetworking::shared().unarchiveForKey("archived"));
+  // Without its layout files the banner still shows, and says nothing of it.
+  const Value poll = {{"id", 3}, {"question", "Q"}, {"options", {{{"text", "A"}}}}};
+  QuorviaSDK::handleRemoteNotification(Value{{"poll", poll}});
+  advance(0.3);
+  EXPECT_NE(sdk::SDKState::shared().banner->presentedPollView(), nullptr);
+  ::unsetenv("QUORVIA_RESOURCE_DIR");
+
+  // The three.
+  QuorviaSDK::handleActionWithIdentifier("Yes", Value{{"poll", Value::object()}});
+  QuorviaSDK::handleActionWithIdentifier("Yes", Value(5));
+  QuorviaSDK::initWithAppToken("app", std::nullopt);
+  ASSERT_NE(lastURL().find("/apps/app/polls/"), std::string::npos);
+  transport_->fail(transport_->requestCount() - 1, platform::NSURLErrorCannotConnectToHost,
+                   "Could not connect to the server.");
+  drain();
+
+  const platform::Error fetchError{
+      platform::NSURLErrorDomain, platform::NSURLErrorCannotConnectToHost,
+      Value{{platform::kNSLocalizedDescriptionKey, "Could not connect to the server."}}};
+  std::vector<std::string> expected = {
+      "nil id", platform::unrecognizedSelector(Value(5), "objectForKey:").what(),
+      fetchError.description()};
+  std::vector<std::string> lines = log_.lines();
+  std::sort(expected.begin(), expected.end());
+  std::sort(lines.begin(), lines.end());
+  EXPECT_EQ(lines, expected);
 }
 
 // Counts the destructions, off the main thread, of copies that still hold the

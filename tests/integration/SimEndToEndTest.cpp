@@ -116,6 +116,31 @@ TEST_F(SimFlowTest, PollArrivingByFetchOrPushIsShownAnsweredAndRecordedOnce) {
   }
 }
 
+// The lifecycle commands change the app's activity as a host's window focus
+// does: the app starts inactive, becoming active fetches polls once however
+// often it is said, and resigning, going to the background or terminating
+// make it inactive, so that the next activation fetches again.
+TEST_F(SimFlowTest, LifecycleCommandsChangeTheAppsActivityAsTheHostsFocusDoes) {
+  restartSimulator();
+  ASSERT_NO_FATAL_FAILURE(launchAndRegister());
+  EXPECT_FALSE(sim_->state()["active"].get<bool>()) << "a launched app is not yet in front";
+  const std::pair<const char*, bool> steps[] = {
+      {"becomeActive", true}, {"becomeActive", true},     {"resignActive", false},
+      {"becomeActive", true}, {"enterBackground", false}, {"enterBackground", false},
+      {"becomeActive", true}, {"terminate", false},
+  };
+  for (const auto& [command, active] : steps) {
+    sim_->send({{"cmd", command}});
+    EXPECT_EQ(sim_->state(0.3)["active"], active) << command;
+  }
+  finishSimulator();
+  stopServer();  // the request log is complete now
+  const auto fetches = std::count_if(lines_.begin(), lines_.end(), [](const std::string& line) {
+    return line.starts_with("GET /apps/sim-app/polls/ ");
+  });
+  EXPECT_EQ(fetches, 1 + 3) << "at launch, then at each activation";
+}
+
 TEST_F(SimFlowTest, BadCommandGetsAnErrorAndTheSimulatorGoesOn) {
   errorsExpected_ = true;
   restartSimulator();

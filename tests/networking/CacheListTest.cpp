@@ -124,6 +124,38 @@ TEST_F(CacheListTest, ExpiryStringsRoundTripToTheMillisecond) {
   }
 }
 
+// A formatter is made for each conversion, so a change of the time zone or of
+// the locale shows in the very next one, and each text reads back to the same
+// instant where it was written.
+TEST_F(CacheListTest, TimeZoneAndLocaleChangesShowAtTheNextConversion) {
+  // TZ, LC_ALL and LC_TIME (nullptr: unset), and the expiry text of now.
+  const std::tuple<const char*, const char*, const char*, std::string> cases[] = {
+      {"UTC", "en_US", nullptr, "Nov 21 2026 12:00:00:0000"},
+      {"Asia/Tokyo", "en_US", nullptr, "Nov 21 2026 21:00:00:0000"},
+      {"America/New_York", "en_US.UTF-8", nullptr, "Nov 21 2026 07:00:00:0000"},
+      {"America/New_York", "de_DE.UTF-8", nullptr, "Nov. 21 2026 07:00:00:0000"},
+      {"America/New_York", nullptr, "fr_FR", "nov. 21 2026 07:00:00:0000"},
+      {"<+0530>-5:30", "en_US", nullptr, "Nov 21 2026 17:30:00:0000"},
+      {"UTC", "en_US", nullptr, "Nov 21 2026 12:00:00:0000"},
+  };
+  const auto set = [](const char* name, const char* value) {
+    value ? ::setenv(name, value, 1) : ::unsetenv(name);
+  };
+  auto& client = SimpleNetworking::shared();
+  const auto format = SimpleNetworking::kExpiryFormat;
+  for (const auto& [tz, all, time, text] : cases) {
+    SCOPED_TRACE(std::string(tz) + " " + (all ? all : time));
+    set("TZ", tz);
+    set("LC_ALL", all);
+    set("LC_TIME", time);
+    ::tzset();
+    EXPECT_EQ(client.getCurrentTimeInNSStringWithFormat(format), text);
+    const auto back = client.getNSDateFromNSString(text, format);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, wallNow_);
+  }
+}
+
 // Loaded from one key at start and saved under the other, deliberately: every
 // process starts from what was stored under the load key, never from its own save.
 TEST_F(CacheListTest, ListIsLoadedFromOneKeyAndSavedUnderTheOther) {

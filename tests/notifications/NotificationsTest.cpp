@@ -6,9 +6,11 @@
 #include <gio/gio.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <thread>
 
 #include "platform/push/NotificationActions.h"
@@ -66,6 +68,9 @@ struct NotifyCall {
   std::string sender;  // the caller's unique bus name
   std::string appName, body;
   std::vector<std::string> actions;  // identifier, label, identifier, label...
+  std::int32_t expireTimeout = -2;
+  int urgency = -1;   // the hint's byte; -1: no hint
+  int resident = -1;  // the hint's boolean; -1: no hint
 };
 
 /// A client of the bus. As the test's notification service (`own`) it owns
@@ -157,12 +162,20 @@ class BusPeer {
     } else {
       const gchar *appName, *body;
       GVariantIter* actions = nullptr;
-      g_variant_get(parameters, "(&su&s&s&sasa{sv}i)", &appName, nullptr, nullptr, nullptr, &body,
-                    &actions, nullptr, nullptr);
-      NotifyCall call{self->nextId_++, sender, appName, body, {}};
+      GVariant* hints = nullptr;
+      NotifyCall call{self->nextId_++, sender, "", "", {}};
+      g_variant_get(parameters, "(&su&s&s&sas@a{sv}i)", &appName, nullptr, nullptr, nullptr, &body,
+                    &actions, &hints, &call.expireTimeout);
+      call.appName = appName;
+      call.body = body;
       for (const gchar* action; g_variant_iter_next(actions, "&s", &action);)
         call.actions.emplace_back(action);
       g_variant_iter_free(actions);
+      guchar urgency = 0;
+      gboolean resident = FALSE;
+      if (g_variant_lookup(hints, "urgency", "y", &urgency)) call.urgency = urgency;
+      if (g_variant_lookup(hints, "resident", "b", &resident)) call.resident = resident;
+      g_variant_unref(hints);
       // Answered before it is recorded: a signal the test emits once it sees
       // the call then follows the answer on the bus, as a real server's would.
       g_dbus_method_invocation_return_value(invocation, g_variant_new("(u)", call.id));
@@ -183,13 +196,89 @@ class BusPeer {
   std::uint32_t nextId_ = 1;
 };
 
-Value pollPush(const std::string& alert, const std::optional<std::string>& category) {
+Value pollPush(const std::string& alert, const std::optional<std::string>& category, int id = 7) {
   Value aps = {{"alert", alert}};
   if (category) aps["category"] = *category;
   return {{"aps", aps},
           {"poll",
-           {{"id", 7}, {"question", alert}, {"options", {{{"text", "Yes"}}, {{"text", "No"}}}}}}};
+           {{"id", id}, {"question", alert}, {"options", {{{"text", "Yes"}}, {{"text", "No"}}}}}}};
 }
+
+/// Sees every NotificationClosed on the bus, whoever it is sent to (the
+/// private bus lets clients eavesdrop), and the notification service taking
+/// its name.
+class BusWatcher {
+ public:
+  explicit BusWatcher(const std::string& address)
+      : connection_(g_dbus_connection_new_for_address_sync(
+            address.c_str(),
+            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr)) {
+    if (!connection_) return;
+    filter_ = g_dbus_connection_add_filter(connection_, &BusWatcher::onMessage, this, nullptr);
+    addMatch("type='signal',member='NotificationClosed',eavesdrop='true',interface='" +
+             std::string(kInterface) + "'");
+    addMatch("type='signal',sender='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+             std::string(kInterface) + "'");
+  }
+  ~BusWatcher() {
+    if (!connection_) return;
+    g_dbus_connection_remove_filter(connection_, filter_);
+    g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    g_object_unref(connection_);
+  }
+
+  /// Whether the service got an owner since the watcher was made, waiting up to `bound`.
+  bool waitForService(std::chrono::seconds bound) {
+    std::unique_lock lock(mu_);
+    return changed_.wait_for(lock, bound, [&] { return owned_; });
+  }
+  /// The (id, reason) of the first NotificationClosed, waiting up to `bound`.
+  std::optional<std::pair<std::uint32_t, std::uint32_t>> waitForClosed(std::chrono::seconds bound) {
+    std::unique_lock lock(mu_);
+    if (!changed_.wait_for(lock, bound, [&] { return !closed_.empty(); })) return std::nullopt;
+    return closed_.front();
+  }
+
+ private:
+  void addMatch(const std::string& rule) {
+    GVariant* reply = g_dbus_connection_call_sync(
+        connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+        "AddMatch", g_variant_new("(s)", rule.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, 10'000,
+        nullptr, nullptr);
+    if (reply) g_variant_unref(reply);
+  }
+  // On GDBus's worker thread, for every message that comes in.
+  static GDBusMessage* onMessage(GDBusConnection*, GDBusMessage* message, gboolean incoming,
+                                 gpointer data) {
+    auto* self = static_cast<BusWatcher*>(data);
+    const char* member = g_dbus_message_get_member(message);
+    GVariant* body = g_dbus_message_get_body(message);
+    if (!incoming || !member || !body) return message;
+    std::lock_guard lock(self->mu_);
+    if (std::string_view(member) == "NotificationClosed" &&
+        g_variant_is_of_type(body, G_VARIANT_TYPE("(uu)"))) {
+      std::uint32_t id = 0, reason = 0;
+      g_variant_get(body, "(uu)", &id, &reason);
+      self->closed_.emplace_back(id, reason);
+    } else if (std::string_view(member) == "NameOwnerChanged" &&
+               g_variant_is_of_type(body, G_VARIANT_TYPE("(sss)"))) {
+      const gchar* owner = nullptr;
+      g_variant_get(body, "(&s&s&s)", nullptr, nullptr, &owner);
+      self->owned_ = owner && *owner;
+    }
+    self->changed_.notify_all();
+    return message;
+  }
+
+  GDBusConnection* const connection_;
+  guint filter_ = 0;
+  std::mutex mu_;
+  std::condition_variable changed_;
+  bool owned_ = false;                                           // guarded by mu_
+  std::vector<std::pair<std::uint32_t, std::uint32_t>> closed_;  // guarded by mu_
+};
 
 void allowAlerts(std::uint32_t types = 7, bool withCategories = true) {
   Application::sharedApplication().setCurrentUserNotificationSettings(
@@ -403,6 +492,95 @@ TEST_F(NotificationsTest, LinesTextsAndLiveBubblesAreBounded) {
   ASSERT_TRUE(waitFor([&] { return !service_->closed().empty(); }));
   EXPECT_EQ(service_->closed(), std::vector<std::uint32_t>{call.id});
   EXPECT_EQ(service_->calls().size(), 65u);
+}
+
+// A bubble waits for the user as the notification centre would: it never
+// expires, and the server keeps it (resident, of normal urgency) until the
+// user answers it, which takes it off the desktop, or until the same poll is
+// answered in the app, which withdraws it, whether shown or not yet, and no
+// other.
+TEST_F(NotificationsTest, BubblesWaitForTheUserUntilThePollIsAnsweredAnywhere) {
+  start();
+  startSDKWithHost("Host", {});
+  auto& banner = *sdk::SDKState::shared().banner;
+  const auto answerInTheApp = [&](int id) {
+    const Value poll = pollPush("", std::nullopt, id)["poll"];
+    auto view = banner.presentPollWithPollDict(&poll);
+    ASSERT_TRUE(view);
+    banner.notificationView(view, "Yes", std::nullopt);
+    advance(0.3);  // the banner slides out
+  };
+  const auto closed = [&](const NotifyCall& call) {
+    const auto ids = service_->closed();
+    return std::count(ids.begin(), ids.end(), call.id);
+  };
+  for (const auto& [question, id] : {std::pair{"Coffee?", 7}, {"Tea?", 8}, {"Cake?", 9}})
+    platform::presentRemoteNotification(pollPush(question, "Yes.No", id));
+  const NotifyCall coffee = waitForNotify(1), tea = waitForNotify(2), cake = waitForNotify(3);
+  for (const NotifyCall& call : {coffee, tea, cake}) {
+    EXPECT_EQ(call.expireTimeout, 0) << call.body;
+    EXPECT_EQ(call.urgency, 1) << call.body;
+    EXPECT_EQ(call.resident, 1) << call.body;
+  }
+  service_->emit("ActionInvoked", g_variant_new("(us)", coffee.id, "Yes"));
+  ASSERT_TRUE(waitFor([&] { return closed(coffee) == 1; })) << "the answered bubble goes";
+  answerInTheApp(8);
+  ASSERT_TRUE(waitFor([&] { return closed(tea) == 1; })) << "the bubble of the poll answered";
+  // Answered in the app before the bubble reached the desktop.
+  platform::presentRemoteNotification(pollPush("Pie?", "Yes.No", 10));
+  answerInTheApp(10);
+  platform::presentRemoteNotification(pollPush("Last", "Yes.No", 11));
+  ASSERT_TRUE(waitFor([&] { return service_->calls().back().body == "Last"; }));
+  for (const NotifyCall& call : service_->calls()) {
+    if (call.body != "Pie?") continue;
+    EXPECT_TRUE(waitFor([&] { return closed(call) == 1; })) << "shown, then taken back";
+  }
+  EXPECT_EQ(closed(cake), 0);
+  EXPECT_EQ(closed(coffee) + closed(tea), 2) << "each closed once";
+}
+
+// With Debian's own notification server (GNOME's notification-daemon, on an
+// X server and the private bus of the test), a poll's bubble is still on
+// screen 10 s after the push; answering the poll in the app then takes it
+// back from the server.
+TEST_F(NotificationsTest, ARealNotificationServerStillShowsTheBubbleAfterTenSeconds) {
+  constexpr const char* kDaemon = "/usr/lib/notification-daemon/notification-daemon";
+  ASSERT_TRUE(std::filesystem::exists(kDaemon)) << "scripts/setup.sh installs notification-daemon";
+  // The X server picks a free display number and writes it once it is ready.
+  ChildProcess xvfb({"Xvfb", "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp"},
+                    {.errorFile = (dataDir_ / "xvfb.log").string()});
+  const std::string number = xvfb.waitForLine([](const std::string& l) { return !l.empty(); });
+  ASSERT_FALSE(number.empty()) << "Xvfb did not start";
+  const std::string display = "DISPLAY=:" + number;
+  BusWatcher watcher(bus_->address);
+  ChildProcess daemon({kDaemon},
+                      {.environment = {display, "DBUS_SESSION_BUS_ADDRESS=" + bus_->address},
+                       .errorFile = (dataDir_ / "daemon.log").string()});
+  ASSERT_TRUE(watcher.waitForService(std::chrono::seconds(30))) << "the daemon took no name";
+  // The one bubble window of the screen, once visible (waiting up to 30 s).
+  const auto bubbleShown = [&](bool wait) {
+    std::vector<std::string> command = {"xdotool", "search", "--onlyvisible", "--name",
+                                        "Notification"};
+    if (wait) command.insert(command.begin() + 2, "--sync");
+    ChildProcess search(command, {.environment = {display}});
+    return !search.waitForLine([](const std::string& l) { return !l.empty(); }).empty();
+  };
+
+  start(/*withService=*/false);
+  startSDKWithHost("Host", {});
+  platform::presentRemoteNotification(pollPush("Coffee?", "Yes.No"));
+  ASSERT_TRUE(bubbleShown(true));
+  EXPECT_FALSE(watcher.waitForClosed(std::chrono::seconds(10))) << "closed by the server";
+  EXPECT_TRUE(bubbleShown(false)) << "the bubble is gone from the screen";
+
+  const Value poll = pollPush("", std::nullopt)["poll"];
+  auto& banner = *sdk::SDKState::shared().banner;
+  auto view = banner.presentPollWithPollDict(&poll);
+  ASSERT_TRUE(view);
+  banner.notificationView(view, "Yes", std::nullopt);
+  const auto withdrawn = watcher.waitForClosed(std::chrono::seconds(20));
+  ASSERT_TRUE(withdrawn);
+  EXPECT_EQ(withdrawn->second, 3u) << "closed by a call of CloseNotification";
 }
 
 // The bubble clicked: the SDK opens the banner expanded; a host with its own

@@ -2,7 +2,11 @@
 // sends and the ones it must not get away with; pushing goes through a real broker.
 
 #include <algorithm>
-#include <future>
+#include <condition_variable>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <thread>
 
 #include "AccessToken.h"
 #include "DevServerFixture.h"
@@ -246,35 +250,94 @@ TEST_F(DevServerTest, ResultsCountEachOptionApartAndDeletingTakesThePollWithItsR
   EXPECT_EQ(statusOf(client().Get(path + "/results")), 404);
 }
 
-TEST_F(DevServerTest, EventStreamCarriesRepliesAsTheyArriveAndEndsAtStop) {
-  json poll = createPoll("A", "Q", {{{"text", "Y"}}});
-  std::string token = registerDevice("d1", "A");
-  std::promise<void> connected;
-  std::promise<json> firstEvent;
-  std::thread reader([&] {
-    std::string text;
-    client().Get("/admin/events", [&, seen = false](const char* data, size_t length) mutable {
-      if (text.empty()) connected.set_value();
-      text.append(data, length);
-      size_t at = text.find("data: "), end = text.find("\n\n", at);
-      if (at != std::string::npos && end != std::string::npos && !std::exchange(seen, true)) {
-        firstEvent.set_value(json::parse(text.substr(at + 6, end - at - 6)));
-      }
-      return true;
+// The dashboard's event stream, read on a thread of its own until the server stops.
+class EventLog {
+ public:
+  // `stopServer` ends the stream; it runs before the reader is joined.
+  EventLog(httplib::Client client, std::function<void()> stopServer)
+      : stopServer_(std::move(stopServer)), reader_([this, client = std::move(client)]() mutable {
+          std::string text;
+          client.Get("/admin/events", [&](const char* data, size_t length) {
+            std::lock_guard lock(mutex_);
+            connected_ = true;
+            text.append(data, length);
+            for (size_t at, end; (at = text.find("data: ")) != std::string::npos &&
+                                 (end = text.find("\n\n", at)) != std::string::npos;) {
+              events_.push_back(json::parse(text.substr(at + 6, end - at - 6)));
+              text.erase(0, end + 2);
+            }
+            changed_.notify_all();
+            return true;
+          });
+        }) {}
+  ~EventLog() {
+    stopServer_();
+    reader_.join();
+  }
+  bool connected() {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(10), [&] { return connected_; });
+  }
+  // The events of `type`, once there are `count` of them or 10 s have passed.
+  std::vector<json> waitFor(const std::string& type, size_t count) {
+    std::unique_lock lock(mutex_);
+    std::vector<json> found;
+    changed_.wait_for(lock, std::chrono::seconds(10), [&] {
+      found.clear();
+      std::copy_if(events_.begin(), events_.end(), std::back_inserter(found),
+                   [&](const json& event) { return event["type"] == type; });
+      return found.size() >= count;
     });
-  });
-  ASSERT_EQ(connected.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  ASSERT_EQ(statusOf(sdk(replyPath(poll), token, "reply_text=Y")), 201);
-  std::future<json> event = firstEvent.get_future();
-  ASSERT_EQ(event.wait_for(std::chrono::seconds(10)), std::future_status::ready);
-  json reply = event.get();
-  EXPECT_EQ(reply["type"], "reply");
-  EXPECT_EQ(reply["poll_id"], poll["id"]);
-  EXPECT_EQ(reply["reply"]["reply_text"], "Y");
-  EXPECT_EQ(reply["reply"]["device"]["push_token"], "d1");
-  // An open stream does not keep the server from stopping.
+    return found;
+  }
+
+ private:
+  std::function<void()> stopServer_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool connected_ = false;    // guarded by mutex_
+  std::vector<json> events_;  // guarded by mutex_
+  std::thread reader_;
+};
+
+// The dashboard's event stream carries, as they happen, every call the service receives from a
+// device, each the device's last call from then on (registration included), and every reply; a
+// refused call is no device's. An open stream does not keep the server from stopping.
+TEST_F(DevServerTest, EventStreamCarriesEachDeviceCallAndReplyAsTheyArriveAndEndsAtStop) {
+  json poll = createPoll("A", "Q", {{{"text", "Y"}}});
+  EventLog events(client(), [this] { stopServer(); });
+  ASSERT_TRUE(events.connected());
+  const auto lastCall = [&] { return adminGet("/admin/devices")["devices"].at(0)["last_seen_at"]; };
+  std::string token;
+  // A call the device makes, and the device events it brings (user info stored is one more).
+  const std::tuple<const char*, std::function<int()>, size_t> calls[] = {
+      {"registration", [&] { return (token = registerDevice("d1", "A")).empty() ? 0 : 200; }, 1},
+      {"user info", [&] { return statusOf(sdk("/me/", token, "user_info=x")); }, 2},
+      {"reply", [&] { return statusOf(sdk(replyPath(poll), token, "reply_text=Y")); }, 1},
+      {"fetch", [&] { return statusOf(sdk("/apps/A/polls/", token)); }, 1},
+      {"registration again", [&] { return registerDevice("d1", "A").empty() ? 0 : 200; }, 1},
+  };
+  std::string previous;
+  size_t expected = 0;
+  for (const auto& [name, call, brings] : calls) {
+    SCOPED_TRACE(name);
+    EXPECT_LT(call(), 300);
+    expected += brings;
+    EXPECT_EQ(events.waitFor("device", expected).size(), expected);
+    const json last = lastCall();
+    ASSERT_TRUE(last.is_string());
+    EXPECT_GE(last.get<std::string>(), previous);
+    previous = last;
+  }
+  const std::vector<json> replies = events.waitFor("reply", 1);
+  ASSERT_EQ(replies.size(), 1u);
+  EXPECT_EQ(replies[0]["poll_id"], poll["id"]);
+  EXPECT_EQ(replies[0]["reply"]["reply_text"], "Y");
+  EXPECT_EQ(replies[0]["reply"]["device"]["push_token"], "d1");
+  EXPECT_EQ(statusOf(sdk("/apps/A/polls/", "not-a-token")), 401);
+  EXPECT_EQ(lastCall(), previous);
   stopServer();
-  reader.join();
+  EXPECT_EQ(events.waitFor("device", 0).size(), expected) << "a refused call is no device's";
 }
 
 TEST_F(DevServerTest, PushPublishesThePollToEachDeviceTopicAndABrokerDownIsAnError) {

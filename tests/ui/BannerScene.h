@@ -52,10 +52,18 @@ inline platform::Point centerInWindow(platform::View& view) {
   return p;
 }
 
+/// Makes a key window of 375 x 667 points at scale 2, as a host's would be.
+inline std::shared_ptr<platform::Window> installKeyWindow() {
+  auto window = platform::View::make<platform::Window>(platform::Rect::make(0, 0, 375, 667));
+  window->setScale(2);
+  platform::Application::sharedApplication().setKeyWindow(window);
+  return window;
+}
+
 /// The host app's background colour behind the banner.
 inline constexpr platform::Color kHostBackground{0.933, 0.945, 0.965, 1};
 
-/// Fills the key window (375 x 667 at scale 2) with a simple host screen,
+/// Fills the key window (made when there is none) with a simple host screen,
 /// presents a poll with emoji options, lets the slide finish and, when
 /// `expanded`, expands it and lets the fade finish.
 inline std::shared_ptr<QVNotificationView> makeBannerScene(platform::RunLoop& loop, bool expanded) {
@@ -63,6 +71,7 @@ inline std::shared_ptr<QVNotificationView> makeBannerScene(platform::RunLoop& lo
   using platform::Rect;
   using platform::View;
   auto window = platform::keyWindow();
+  if (!window) window = installKeyWindow();
   auto content = View::make(window->bounds());
   content->setBackgroundColor(kHostBackground);
   auto bar = View::make(Rect::make(0, 0, 375, 64));

@@ -1,7 +1,11 @@
 // The poll banner: the controller's presenting, expanding, answering and hiding;
 // its table's rows, masks and highlights; its model's events; how it is drawn.
 
+#include <fstream>
+#include <map>
+
 #include "platform/ApplicationRecords.h"
+#include "platform/Bundle.h"
 #include "platform/Renderer.h"
 #include "platform/ui/TextLayout.h"
 #include "support/FakeTransport.h"
@@ -25,6 +29,7 @@ class BannerControllerTest : public testing::PlatformTest {
   void SetUp() override {
     PlatformTest::SetUp();
     transport_ = testing::FakeTransport::install();
+    testing::installKeyWindow();
   }
   BannerController& banner() { return *sdk::SDKState::shared().banner; }
   std::shared_ptr<QVNotificationView> present(const Value& poll) {
@@ -154,21 +159,11 @@ TEST_F(BannerControllerTest, CloseSendsDismissAndHides) {
   EXPECT_EQ(banner().presentedPollView(), nullptr);
 }
 
-TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) {
+TEST_F(BannerControllerTest, MalformedPollRaisesAndNoBannerExpandsOnlyTheBackdrop) {
   const Value notADictionary = Value::array({1, 2});
   // Raised to the caller, which decides whether a line is written.
   EXPECT_ANY_THROW(banner().presentPollWithPollDict(&notADictionary));
   EXPECT_EQ(banner().presentedPollView(), nullptr);
-
-  const auto empty = dataDir_ / "resources";
-  std::filesystem::create_directories(empty / "com.quorvia.sdk.ios");
-  ::setenv("QUORVIA_RESOURCE_DIR", empty.c_str(), 1);
-  EXPECT_EQ(present(pollDict("Q", {{"A", ""}})), nullptr);
-  EXPECT_EQ(banner().presentedPollView(), nullptr);
-  EXPECT_TRUE(log_.contains(
-      "QuorviaSDK: Could not load the poll banner's layout files; the poll is not shown."));
-  advance(1);  // no deferred work may touch the half-made banner
-  ::unsetenv("QUORVIA_RESOURCE_DIR");
 
   // A launch poll that found a banner already shown expands nothing: only the
   // backdrop comes, and stays until a later hide.
@@ -179,6 +174,106 @@ TEST_F(BannerControllerTest, MalformedPollMissingLayoutOrNoBannerGivesNoBanner) 
   advance(5);
   EXPECT_EQ(backdrop->superview(), window());
   EXPECT_EQ(backdrop->presentationAlpha(), 1.0);
+  banner().hideNotificationView(nullptr);
+  advance(0.3);
+  EXPECT_EQ(backdrop->superview(), nullptr);
+}
+
+// Layout files that are missing, not JSON, or that make an unknown class or
+// the wrong row give way to the shipped layouts built into the library: the
+// banner looks exactly as shipped, is answered as usual, and its backdrop goes
+// with it.
+TEST_F(BannerControllerTest, UnusableLayoutFilesGiveWayToTheShippedOnes) {
+  using Images = std::pair<RenderedImage, RenderedImage>;
+  // The banner rendered collapsed and expanded, then answered "No".
+  const auto showAndAnswer = [&]() -> Images {
+    auto view = present(pollDict("Lunch?", {{"Yes", ""}, {"No", ""}}, 5));
+    if (!view) return {};
+    const auto settled = [&](double seconds) {
+      advance(seconds);
+      window()->layoutIfNeeded();
+      drain();  // the rows' deferred masks
+      return platform::Renderer::render(*window());
+    };
+    Images images;
+    images.first = settled(0.3);
+    window()->tap(centerInWindow(*testing::cellAt<QVNotificationTextCell>(*view, 0, 1)));
+    images.second = settled(0.5);
+    if (auto no = testing::cellAt<QVNotificationActionCell>(*view, 1, 1))
+      window()->tap(centerInWindow(*no));
+    advance(0.3);
+    EXPECT_EQ(window()->viewWithTag(kBackdropTag), nullptr) << "the backdrop went with the banner";
+    EXPECT_EQ(banner().presentedPollView(), nullptr);
+    return images;
+  };
+  const Images shipped = showAndAnswer();
+  ASSERT_GT(shipped.first.rgba.size(), 0u);
+  ASSERT_NE(shipped.first.rgba, shipped.second.rgba);
+  ASSERT_NE(shipped.first.rgba, platform::Renderer::render(*window()).rgba) << "a banner was drawn";
+
+  const auto installed = platform::Bundle::bundleWithIdentifier("com.quorvia.sdk.ios");
+  ASSERT_TRUE(installed);
+  const auto bundle = dataDir_ / "resources" / "com.quorvia.sdk.ios";
+  ::setenv("QUORVIA_RESOURCE_DIR", bundle.parent_path().c_str(), 1);
+  // Layout files replaced (an empty text: removed); the others stay as shipped.
+  const std::pair<const char*, std::map<std::string, std::string>> cases[] = {
+      {"none at all",
+       {{"QVNotificationHeaderCell", ""},
+        {"QVNotificationTextCell", ""},
+        {"QVNotificationActionCell", ""}}},
+      {"not JSON", {{"QVNotificationHeaderCell", "{"}}},
+      {"an unknown class", {{"QVNotificationActionCell", R"({"class": "Nope"})"}}},
+      {"an unknown subview",
+       {{"QVNotificationActionCell",
+         R"({"class": "QVNotificationActionCell", "subviews": [{"type": "Nope"}]})"}}},
+      {"the wrong row", {{"QVNotificationTextCell", R"({"class": "TableViewCell"})"}}},
+  };
+  for (const auto& [name, replaced] : cases) {
+    SCOPED_TRACE(name);
+    std::filesystem::remove_all(bundle);
+    std::filesystem::create_directories(bundle);
+    for (const char* file :
+         {"QVNotificationHeaderCell", "QVNotificationTextCell", "QVNotificationActionCell"}) {
+      const auto found = replaced.find(file);
+      if (found == replaced.end()) {
+        std::filesystem::copy_file(installed->bundlePath() / (std::string(file) + ".json"),
+                                   bundle / (std::string(file) + ".json"));
+      } else if (!found->second.empty()) {
+        std::ofstream(bundle / (std::string(file) + ".json")) << found->second;
+      }
+    }
+    log_.clear();
+    const Images images = showAndAnswer();
+    EXPECT_TRUE(log_.contains("QuorviaSDK: Presenting poll: Lunch?"));
+    EXPECT_TRUE(images.first.rgba == shipped.first.rgba) << "collapsed as shipped";
+    EXPECT_TRUE(images.second.rgba == shipped.second.rgba) << "expanded as shipped";
+  }
+  ::unsetenv("QUORVIA_RESOURCE_DIR");
+  EXPECT_EQ(replies(),
+            std::vector<std::string>(std::size(cases) + 1, "POST /polls/5/replies/ reply_text=No"));
+}
+
+// Without a key window the steps run against nothing: the banner has no width
+// and is in no window, yet it is the presented one (another poll is dropped)
+// until its hide completes; no window is made up for it.
+TEST_F(BannerControllerTest, WithoutAKeyWindowTheBannerIsShownInNoWindow) {
+  platform::Application::sharedApplication().setKeyWindow(nullptr);
+  auto view = present(pollDict("Q", {{"A", ""}}));
+  ASSERT_TRUE(view);
+  EXPECT_EQ(view->frame(), Rect::make(0, 20, 0, 330));
+  EXPECT_EQ(view->superview(), nullptr);
+  EXPECT_EQ(platform::keyWindow(), nullptr);
+  EXPECT_EQ(present(pollDict("R", {{"B", ""}})), nullptr);
+  banner().notificationViewDidPressExpand(view);
+  EXPECT_TRUE(view->showOptions());
+  EXPECT_EQ(view->superview(), nullptr) << "nor is a backdrop laid anywhere";
+  advance(0.2);
+  banner().notificationViewDidPressClose(view);
+  EXPECT_EQ(replies(), std::vector<std::string>{"POST /polls/42/replies/ reply_text=Dismiss"});
+  advance(0.29);
+  EXPECT_EQ(banner().presentedPollView(), view);
+  advance(0.01);
+  EXPECT_EQ(banner().presentedPollView(), nullptr);
 }
 
 // A poll of options named "Option i"; option 1 carries a link.
@@ -206,7 +301,6 @@ TEST_F(BannerRowsTest, RowsFollowTheModelWithDeferredMasks) {
   for (const auto& [options, corners, radii] : cases) {
     SCOPED_TRACE(options);
     auto view = optionsBanner(options);
-    ASSERT_TRUE(view->isLoaded());
     view->setShowOptions(true);
     EXPECT_NO_THROW(view->setShowOptions(true));
     EXPECT_EQ(view->tableView()->numberOfSections(), options ? 2 : 1);
@@ -248,7 +342,7 @@ TEST_F(BannerRowsTest, RowsFollowTheModelWithDeferredMasks) {
 }
 
 TEST_F(BannerRowsTest, OptionRowHighlightsWhileTouched) {
-  auto window = platform::keyWindow();
+  auto window = testing::installKeyWindow();
   auto view = optionsBanner(1);
   window->addSubview(view);
   view->setShowOptions(true);

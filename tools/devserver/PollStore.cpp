@@ -254,11 +254,13 @@ std::optional<DeviceRecord> PollStore::registerDevice(const std::string& appToke
                                                       const std::string& pushToken,
                                                       const std::string& platform) {
   std::lock_guard lock(mutex_);
+  // Registering is a call from the device too: it counts as the last one.
   Statement upsert(db_, std::string("INSERT INTO devices (app_token, push_token, platform, "
-                                    "created_at, updated_at) VALUES (?, ?, ?, ") +
-                            kNow + ", " + kNow +
+                                    "created_at, updated_at, last_seen_at) VALUES (?, ?, ?, ") +
+                            kNow + ", " + kNow + ", " + kNow +
                             ") ON CONFLICT (app_token, push_token) DO UPDATE SET "
-                            "platform = excluded.platform, updated_at = excluded.updated_at");
+                            "platform = excluded.platform, updated_at = excluded.updated_at, "
+                            "last_seen_at = excluded.last_seen_at");
   upsert.bind(appToken).bind(pushToken).bind(platform);
   if (upsert.step() != SQLITE_DONE) return std::nullopt;
   std::vector<DeviceRecord> found =

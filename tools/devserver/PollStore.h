@@ -39,7 +39,7 @@ struct DeviceRecord {
   std::optional<std::string> userInfo;  // the text the SDK posted, verbatim
   std::string createdAt;
   std::string updatedAt;
-  std::optional<std::string> lastSeenAt;  // the device's latest authorised call
+  std::optional<std::string> lastSeenAt;  // the device's latest call: registration or authorised
 };
 
 // A recorded reply with the device that sent it.
@@ -70,7 +70,8 @@ class PollStore final {
   // Stores `value` under `key`, replacing any earlier value.
   bool setSetting(const std::string& key, const std::string& value);
 
-  // Records the device, or refreshes its platform and update time when the pair is known.
+  // Records the device, or refreshes its platform and update time when the pair is known; either
+  // way the registration is the device's latest call.
   std::optional<DeviceRecord> registerDevice(const std::string& appToken,
                                              const std::string& pushToken,
                                              const std::string& platform);

@@ -33,12 +33,17 @@ std::optional<int64_t> parseId(std::string_view text) {
   return id;
 }
 
+// Tells the dashboard that a device of `appToken` changed: registered, called, or sent its info.
+void publishDevice(EventHub& events, const std::string& appToken) {
+  events.publish(json{{"type", "device"}, {"app_token", appToken}}.dump());
+}
+
 // The registered device behind the request's "Authorization: JWT <token>" header, or nullopt
 // after answering 401. A token must verify and name a device that still exists with the same
-// app and push token.
+// app and push token. The call is the device's latest, and the dashboard hears of it.
 std::optional<DeviceRecord> authorisedDevice(const httplib::Request& request,
                                              httplib::Response& response, PollStore& store,
-                                             const AccessToken& tokens) {
+                                             const AccessToken& tokens, EventHub& events) {
   constexpr std::string_view kScheme = "JWT ";
   std::string header = request.get_header_value("Authorization");
   if (header.empty()) {
@@ -62,6 +67,7 @@ std::optional<DeviceRecord> authorisedDevice(const httplib::Request& request,
     return std::nullopt;
   }
   store.touchDevice(device->id);
+  publishDevice(events, device->appToken);
   return device;
 }
 
@@ -93,13 +99,13 @@ void registerDevice(const httplib::Request& request, httplib::Response& response
               {"app_token", device->appToken},
               {"push_token", device->pushToken},
               {"iat", static_cast<int64_t>(std::time(nullptr))}};
-  events.publish(json{{"type", "device"}, {"app_token", device->appToken}}.dump());
+  publishDevice(events, device->appToken);
   sendJson(response, 200, json{{"access_token", tokens.issue(claims)}});
 }
 
 void setUserInfo(const httplib::Request& request, httplib::Response& response, PollStore& store,
                  const AccessToken& tokens, EventHub& events) {
-  std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens);
+  std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens, events);
   if (!device) return;
   auto form = parseSdkForm(request.body, {"user_info"});
   if (!form.contains("user_info")) {
@@ -110,13 +116,13 @@ void setUserInfo(const httplib::Request& request, httplib::Response& response, P
     sendError(response, 500, "could not store the user info");
     return;
   }
-  events.publish(json{{"type", "device"}, {"app_token", device->appToken}}.dump());
+  publishDevice(events, device->appToken);
   sendJson(response, 200, json{{"status", "ok"}});
 }
 
 void sendReply(const httplib::Request& request, httplib::Response& response, PollStore& store,
                const AccessToken& tokens, EventHub& events) {
-  std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens);
+  std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens, events);
   if (!device) return;
   // A poll id the SDK could not read arrives as "(null)" and lands here as unknown.
   std::optional<int64_t> pollId = parseId(request.matches[1].str());
@@ -149,8 +155,8 @@ void sendReply(const httplib::Request& request, httplib::Response& response, Pol
 }
 
 void fetchPolls(const httplib::Request& request, httplib::Response& response, PollStore& store,
-                const AccessToken& tokens, EventHub& /*events*/) {
-  std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens);
+                const AccessToken& tokens, EventHub& events) {
+  std::optional<DeviceRecord> device = authorisedDevice(request, response, store, tokens, events);
   if (!device) return;
   std::string appToken = request.matches[1].str();
   if (appToken != device->appToken) {

@@ -4,12 +4,13 @@
 
 #include "CommandFields.h"
 #include "Simulator.h"
-#include "quorvia/QuorviaSDK.h"
-#include "sdk/SDKState.h"
 #include "keychain/LKKeychain.h"
 #include "platform/Renderer.h"
 #include "platform/TableView.h"
 #include "platform/Window.h"
+#include "quorvia/QuorviaSDK.h"
+#include "quorvia/platform/Application.h"
+#include "sdk/SDKState.h"
 #include "ui/QVNotificationHeaderCell.h"
 #include "ui/QVNotificationView.h"
 
@@ -136,7 +137,8 @@ void Simulator::state(const Json&) {
       if (flag == true) added.push_back(selector);
     }
   }
-  events_->write("state", {{"presentedPollView", view != nullptr},
+  events_->write("state", {{"active", platform::Application::sharedApplication().isActive()},
+                           {"presentedPollView", view != nullptr},
                            {"banner", banner},
                            {"backdrop", backdrop},
                            {"accessToken", token ? Value(*token) : Value(nullptr)},

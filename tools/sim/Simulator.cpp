@@ -31,6 +31,10 @@ platform::ConfigurableEnvironment& simulatedEnvironment() {
 using platform::Value;
 
 constexpr const char* kDefaultSystemVersion = "17.0";
+// The simulated phone's screen, in points, and its pixels per point.
+constexpr double kScreenWidth = 375;
+constexpr double kScreenHeight = 667;
+constexpr double kScreenScale = 2;
 
 Value orNull(const std::optional<std::string>& text) { return text ? Value(*text) : Value(); }
 
@@ -184,7 +188,11 @@ void Simulator::install() {
   } else {
     simulatedEnvironment().setPushService(nullptr);
   }
-  drawHostScreen(*platform::keyWindow());
+  auto window = platform::View::make<platform::Window>(
+      platform::Rect::make(0, 0, kScreenWidth, kScreenHeight));
+  window->setScale(kScreenScale);
+  app.setKeyWindow(window);
+  drawHostScreen(*window);
 }
 
 bool Simulator::execute(std::string_view line) {
@@ -304,13 +312,17 @@ void Simulator::action(const Json& command) {
 }
 
 void Simulator::lifecycle(const Json& command) {
+  // The app's activity changes as a host's window focus changes it, so that a
+  // push to an app in the background becomes a desktop notification.
   const std::string name = requiredString(command, "cmd");
-  const char* notification = platform::UIApplicationDidBecomeActiveNotification;
-  if (name == "resignActive") notification = platform::UIApplicationWillResignActiveNotification;
-  if (name == "enterBackground")
-    notification = platform::UIApplicationDidEnterBackgroundNotification;
-  if (name == "terminate") notification = platform::UIApplicationWillTerminateNotification;
-  platform::NotificationCenter::defaultCenter().postNotificationName(notification);
+  auto& app = platform::Application::sharedApplication();
+  app.setActive(name == "becomeActive");
+  auto& center = platform::NotificationCenter::defaultCenter();
+  if (name == "enterBackground") {
+    center.postNotificationName(platform::UIApplicationDidEnterBackgroundNotification);
+  } else if (name == "terminate") {
+    center.postNotificationName(platform::UIApplicationWillTerminateNotification);
+  }
 }
 
 void Simulator::expireBackgroundTask(const Json& command) {

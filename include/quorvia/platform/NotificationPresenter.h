@@ -58,10 +58,15 @@ class QUORVIA_EXPORT NotificationPresenter {
   /// The presenter keeps the handler and destroys it on the main queue. Any
   /// thread.
   virtual void setActionHandler(ActionHandler handler) = 0;
-  /// Shows `notification`. Any thread; never blocks the caller on the
+  /// Shows `notification` until the user acts on it or it is withdrawn:
+  /// it does not expire. Any thread; never blocks the caller on the
   /// notification service. A presenter that cannot show notifications (no
   /// service) drops it, after saying so once in the log.
   virtual void present(Notification notification) = 0;
+  /// Takes back every notification shown or still to be shown whose payload
+  /// `matches` accepts (the app dealt with it another way). `matches` runs on
+  /// the presenter's own thread. Any thread. By default nothing is taken back.
+  virtual void withdraw(std::function<bool(const Value& payload)> matches);
 };
 
 /// The desktop's presenter: the freedesktop Notifications service

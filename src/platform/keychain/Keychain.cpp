@@ -20,7 +20,7 @@ OSStatus guarded(const char* function, Call&& call) noexcept {
     return errSecAllocate;
   } catch (const std::exception& e) {
     try {
-      NSLog(std::string("QuorviaSDK: ") + function + " failed: " + e.what());
+      debugLog(std::string("QuorviaSDK: ") + function + " failed: " + e.what());
     } catch (...) {
     }
     return errSecParam;

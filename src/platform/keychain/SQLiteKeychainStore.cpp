@@ -249,8 +249,8 @@ class SQLiteKeychainStore final : public KeychainStore {
     if (db_) return errSecSuccess;
     std::string why;
     if (!createPrivateDirectory(directory_, &why)) {
-      NSLog("QuorviaSDK: keychain store directory " + directory_.string() +
-            " cannot be created: " + why);
+      debugLog("QuorviaSDK: keychain store directory " + directory_.string() +
+               " cannot be created: " + why);
       return errSecNotAvailable;
     }
     if (OSStatus s = checkPrivate(directory_, /*directory=*/true)) return s;
@@ -261,8 +261,8 @@ class SQLiteKeychainStore final : public KeychainStore {
     struct stat st {};
     if (::lstat(path_.c_str(), &st) != 0) {
       if (errno != ENOENT) {
-        NSLog("QuorviaSDK: keychain store " + path_.string() +
-              " cannot be read: " + std::strerror(errno));
+        debugLog("QuorviaSDK: keychain store " + path_.string() +
+                 " cannot be read: " + std::strerror(errno));
         return errSecNotAvailable;
       }
       if (OSStatus s = createStore()) return s;
@@ -302,30 +302,30 @@ class SQLiteKeychainStore final : public KeychainStore {
     struct stat st {};
     if (::lstat(path.c_str(), &st) != 0) {
       if (errno == ENOENT && !directory) return errSecSuccess;
-      NSLog("QuorviaSDK: keychain store " + path.string() +
-            " cannot be checked: " + std::strerror(errno) + "; refused");
+      debugLog("QuorviaSDK: keychain store " + path.string() +
+               " cannot be checked: " + std::strerror(errno) + "; refused");
       return errSecNotAvailable;
     }
     // "keychain store directory <path>" or, for a file, "keychain store <path>".
     const std::string what = (directory ? "keychain store directory " : "keychain store ") +
                              path.string();
     if (directory ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode)) {
-      NSLog("QuorviaSDK: " + what + (directory ? " is not a directory" : " is not a regular file") +
-            "; refused");
+      debugLog("QuorviaSDK: " + what +
+               (directory ? " is not a directory" : " is not a regular file") + "; refused");
       return errSecNotAvailable;
     }
     if (st.st_uid != ::geteuid()) {
-      NSLog("QuorviaSDK: " + what + " belongs to user " + std::to_string(st.st_uid) +
-            ", not to this one; refused");
+      debugLog("QuorviaSDK: " + what + " belongs to user " + std::to_string(st.st_uid) +
+               ", not to this one; refused");
       return errSecNotAvailable;
     }
     // The directory may be listed by others, never written: whoever can write
     // it can swap the files in it.
     const mode_t loose = directory ? 022 : 077;
     if ((st.st_mode & loose) != 0) {
-      NSLog("QuorviaSDK: " + what + " has mode " + octalMode(st.st_mode) +
-            (directory ? ", writable by group or others; refused until it is 0700"
-                       : ", open to group or others; refused until it is 0600"));
+      debugLog("QuorviaSDK: " + what + " has mode " + octalMode(st.st_mode) +
+               (directory ? ", writable by group or others; refused until it is 0700"
+                          : ", open to group or others; refused until it is 0600"));
       return errSecNotAvailable;
     }
     return errSecSuccess;
@@ -351,16 +351,16 @@ class SQLiteKeychainStore final : public KeychainStore {
     const long journalRead = header(journal, bytes, sizeof bytes);
     if (journalRead > 0 && (journalRead < 8 || (std::memcmp(bytes, kJournalMagic, 8) != 0 &&
                                                 std::memcmp(bytes, kZeroes, 8) != 0))) {
-      NSLog("QuorviaSDK: keychain store journal " + journal +
-            " is damaged; store refused and left untouched");
+      debugLog("QuorviaSDK: keychain store journal " + journal +
+               " is damaged; store refused and left untouched");
       return errSecDecode;
     }
     const std::string wal = path_.string() + "-wal";
     const long walRead = header(wal, bytes, 4);
     if (walRead > 0 && (walRead < 4 || (std::memcmp(bytes, kWalMagic[0], 4) != 0 &&
                                         std::memcmp(bytes, kWalMagic[1], 4) != 0))) {
-      NSLog("QuorviaSDK: keychain store log " + wal +
-            " is damaged; store refused and left untouched");
+      debugLog("QuorviaSDK: keychain store log " + wal +
+               " is damaged; store refused and left untouched");
       return errSecDecode;
     }
     return errSecSuccess;
@@ -374,8 +374,8 @@ class SQLiteKeychainStore final : public KeychainStore {
     ::unlink(fresh.c_str());
     const int fd = ::open(fresh.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
-      NSLog("QuorviaSDK: keychain store " + path_.string() +
-            " cannot be created: " + std::strerror(errno));
+      debugLog("QuorviaSDK: keychain store " + path_.string() +
+               " cannot be created: " + std::strerror(errno));
       return errSecNotAvailable;
     }
     ::close(fd);
@@ -389,8 +389,8 @@ class SQLiteKeychainStore final : public KeychainStore {
     if (rc != SQLITE_OK) {
       status = failure("create", rc);
     } else if (!publish(fresh) && errno != EEXIST) {
-      NSLog("QuorviaSDK: keychain store " + path_.string() +
-            " cannot be created: " + std::strerror(errno));
+      debugLog("QuorviaSDK: keychain store " + path_.string() +
+               " cannot be created: " + std::strerror(errno));
       status = errSecNotAvailable;
     } else {
       syncDirectory();
@@ -434,9 +434,9 @@ class SQLiteKeychainStore final : public KeychainStore {
     rc = sqlite3_step(table.get());
     if (rc != SQLITE_ROW) return rc;
     if (sqlite3_column_int(table.get(), 0) == 1) return SQLITE_OK;
-    NSLog("QuorviaSDK: keychain store " + path_.string() +
-          " has no items table: its contents were lost or never reached it; refused and left"
-          " untouched");
+    debugLog("QuorviaSDK: keychain store " + path_.string() +
+             " has no items table: its contents were lost or never reached it; refused and left"
+             " untouched");
     return SQLITE_CORRUPT;
   }
 
@@ -551,9 +551,9 @@ class SQLiteKeychainStore final : public KeychainStore {
   // Logs a failed SQLite call (never a value, only what failed) and maps it.
   OSStatus failure(const char* what, int rc) {
     const OSStatus status = statusOfSqlite(rc);
-    NSLog("QuorviaSDK: keychain store " + path_.string() + " " + what + " failed: " +
-          sqlite3_errstr(rc) + " (SQLite " + std::to_string(rc) + ", status " +
-          std::to_string(status) + ")");
+    debugLog("QuorviaSDK: keychain store " + path_.string() + " " + what +
+             " failed: " + sqlite3_errstr(rc) + " (SQLite " + std::to_string(rc) + ", status " +
+             std::to_string(status) + ")");
     return status;
   }
 

@@ -1,14 +1,23 @@
 #include "platform/DateFormatter.h"
 
+#include <sys/stat.h>
+#include <unicode/locid.h>
 #include <unicode/parsepos.h>
+#include <unicode/simpletz.h>
 #include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
 #include <unicode/unistr.h>
 
 #include <array>
 #include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <map>
+#include <mutex>
 #include <string>
+#include <string_view>
 
 namespace quorvia::platform {
 namespace {
@@ -23,9 +32,12 @@ constexpr double kEarliestMs = static_cast<double>(
 
 bool representable(UDate ms) { return ms > kEarliestMs && ms < kLatestMs; }
 
-// One ICU formatter per pattern and thread, with the last few conversions
-// remembered: building a formatter costs tens of microseconds and a
-// conversion a few, while the cache list converts the same instants and
+constexpr const char* kLocalTime = "/etc/localtime";
+constexpr std::size_t kMaxFormatters = 16;
+
+// One ICU formatter per pattern, locale, time zone and thread, with the last
+// few conversions remembered: building a formatter costs tens of microseconds
+// and a conversion a few, while the cache list converts the same instants and
 // strings over and over. A formatter is only used by the thread that made it.
 struct PatternFormatter {
   static constexpr std::size_t kRemembered = 4;
@@ -66,24 +78,95 @@ struct PatternFormatter {
   }
 };
 
-PatternFormatter* formatterForPattern(const std::string& pattern) {
-  thread_local std::map<std::string, std::unique_ptr<PatternFormatter>> formatters;
-  auto found = formatters.find(pattern);
-  if (found != formatters.end()) return found->second.get();
+// The locale dates are written in: LC_ALL, else LC_TIME, else LANG, as the C
+// library orders them, without codeset or modifier; ICU's name for "C".
+std::string currentLocaleName() {
+  std::string name;
+  for (const char* variable : {"LC_ALL", "LC_TIME", "LANG"}) {
+    const char* value = std::getenv(variable);
+    if (value && *value) {
+      name = value;
+      break;
+    }
+  }
+  name = name.substr(0, name.find_first_of(".@"));
+  return name.empty() || name == "C" || name == "POSIX" ? "en_US_POSIX" : name;
+}
+
+// What names the process's current time zone: TZ when set, else where
+// /etc/localtime points (or, for a copied file, which file it is and when it
+// was written).
+std::string currentZoneKey() {
+  if (const char* tz = std::getenv("TZ")) return std::string("TZ=") + tz;
+  std::error_code ec;
+  const auto target = std::filesystem::read_symlink(kLocalTime, ec);
+  if (!ec) return "link=" + target.string();
+  struct stat st {};
+  if (::stat(kLocalTime, &st) != 0) return "none";
+  return "file=" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_mtim.tv_sec) + "." +
+         std::to_string(st.st_mtim.tv_nsec);
+}
+
+// The zone `key` names. ICU reads TZ itself; /etc/localtime it reads once
+// per process, so a link is followed here.
+std::unique_ptr<icu::TimeZone> zoneFor(const std::string& key) {
+  constexpr std::string_view kZoneInfo = "zoneinfo/";
+  if (key.starts_with("link=")) {
+    const auto at = key.find(kZoneInfo);
+    if (at != std::string::npos) {
+      std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createTimeZone(
+          icu::UnicodeString::fromUTF8(key.substr(at + kZoneInfo.size()))));
+      if (zone && *zone != icu::TimeZone::getUnknown()) return zone;
+    }
+  }
+  // ICU detects into buffers of its own, one caller at a time.
+  static auto* const detecting = new std::mutex;
+  std::lock_guard lock(*detecting);
+  std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::detectHostTimeZone());
+  // A POSIX rule ICU cannot name (such as "<+0530>-5:30") comes back as
+  // another zone: the C library's offset of now decides then.
+  ::tzset();
+  const std::time_t now = std::time(nullptr);
+  std::tm local{};
+  if (!zone || !::localtime_r(&now, &local)) return zone;
   UErrorCode status = U_ZERO_ERROR;
-  auto icu = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString::fromUTF8(pattern), status);
+  std::int32_t raw = 0, dst = 0;
+  zone->getOffset(static_cast<UDate>(now) * 1000.0, false, raw, dst, status);
+  const auto offsetMs = static_cast<std::int32_t>(local.tm_gmtoff * 1000);
+  if (U_FAILURE(status) || raw + dst != offsetMs) {
+    zone = std::make_unique<icu::SimpleTimeZone>(offsetMs, icu::UnicodeString::fromUTF8(key));
+  }
+  return zone;
+}
+
+// The formatter for `pattern` in the current locale and time zone. Both are
+// looked up at every call, so that a change is seen at once; only what they
+// and the pattern fully decide is kept, one formatter per combination and
+// thread.
+std::shared_ptr<PatternFormatter> formatterForPattern(const std::string& pattern) {
+  thread_local std::map<std::string, std::shared_ptr<PatternFormatter>> formatters;
+  const std::string locale = currentLocaleName();
+  const std::string zoneKey = currentZoneKey();
+  std::string key = pattern;
+  key.append(1, '\0').append(locale).append(1, '\0').append(zoneKey);
+  auto found = formatters.find(key);
+  if (found != formatters.end()) return found->second;
+  UErrorCode status = U_ZERO_ERROR;
+  auto icu = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString::fromUTF8(pattern),
+                                                     icu::Locale(locale.c_str()), status);
   if (U_FAILURE(status)) return nullptr;
   icu->setLenient(false);
-  if (formatters.size() > 16) formatters.clear();
-  auto formatter = std::make_unique<PatternFormatter>();
+  if (auto zone = zoneFor(zoneKey)) icu->adoptTimeZone(zone.release());
+  if (formatters.size() >= kMaxFormatters) formatters.clear();
+  auto formatter = std::make_shared<PatternFormatter>();
   formatter->icu = std::move(icu);
-  return formatters.emplace(pattern, std::move(formatter)).first->second.get();
+  return formatters.emplace(std::move(key), std::move(formatter)).first->second;
 }
 
 }  // namespace
 
 struct DateFormatter::State {
-  PatternFormatter* formatter = nullptr;
+  std::shared_ptr<PatternFormatter> formatter;
 };
 
 DateFormatter::DateFormatter() : state_(std::make_unique<State>()) {}

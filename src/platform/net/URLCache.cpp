@@ -98,8 +98,8 @@ struct URLCache::State {
   }
 
   void diskFailed(const std::string& what) {
-    NSLog("QuorviaSDK: URL cache store " + diskPath->string() + " unavailable (" + what +
-          "); answers are kept in memory only");
+    debugLog("QuorviaSDK: URL cache store " + diskPath->string() + " unavailable (" + what +
+             "); answers are kept in memory only");
     if (db) sqlite3_close(db);
     db = nullptr;
   }
@@ -229,7 +229,7 @@ struct URLCache::State {
     sqlite3_bind_int64(insert.get(), 6, static_cast<sqlite3_int64>(size));
     sqlite3_bind_int64(insert.get(), 7, ++accessCounter);
     if (sqlite3_step(insert.get()) != SQLITE_DONE) {
-      NSLog(std::string("QuorviaSDK: URL cache store write failed: ") + sqlite3_errmsg(handle));
+      debugLog(std::string("QuorviaSDK: URL cache store write failed: ") + sqlite3_errmsg(handle));
       return;
     }
     // Oldest-used answers leave the store until it fits its capacity again.

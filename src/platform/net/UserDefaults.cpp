@@ -55,8 +55,8 @@ struct FileState {
       // Kept aside rather than overwritten, so nothing in it is lost.
       const auto aside = std::filesystem::path(file.string() + ".corrupt");
       std::filesystem::rename(file, aside, ec);
-      NSLog("QuorviaSDK: user defaults file " + file.string() +
-            " is not a readable dictionary; moved to " + aside.string() + " and starting empty");
+      debugLog("QuorviaSDK: user defaults file " + file.string() +
+               " is not a readable dictionary; moved to " + aside.string() + " and starting empty");
       return;
     }
     values = std::move(*root);
@@ -65,7 +65,7 @@ struct FileState {
   bool save() {
     std::string error;
     if (!createPrivateDirectory(file.parent_path(), &error)) {
-      NSLog("QuorviaSDK: user defaults not saved: " + error);
+      debugLog("QuorviaSDK: user defaults not saved: " + error);
       return false;
     }
     const Bytes bytes = archivedDataWithRootObject(values);
@@ -73,15 +73,15 @@ struct FileState {
         std::filesystem::path(file.string() + ".tmp." + std::to_string(::getpid()));
     const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) {
-      NSLog("QuorviaSDK: user defaults not saved: " + std::string(std::strerror(errno)));
+      debugLog("QuorviaSDK: user defaults not saved: " + std::string(std::strerror(errno)));
       return false;
     }
     const bool ok = writeAll(fd, bytes) && ::fsync(fd) == 0;
     const int savedErrno = errno;
     ::close(fd);
     if (!ok || ::rename(temporary.c_str(), file.c_str()) != 0) {
-      NSLog("QuorviaSDK: user defaults not saved: " +
-            std::string(std::strerror(ok ? errno : savedErrno)));
+      debugLog("QuorviaSDK: user defaults not saved: " +
+               std::string(std::strerror(ok ? errno : savedErrno)));
       ::unlink(temporary.c_str());
       return false;
     }

@@ -1,7 +1,8 @@
 // The desktop's notification centre: bubbles with answer buttons through the
-// freedesktop Notifications service on the session bus. GDBus runs on a
-// thread of its own with its own GMainContext, so a slow or hostile bus never
-// stalls the main queue; the user's choices go to the main queue.
+// freedesktop Notifications service on the session bus, kept until the user
+// answers or the app takes them back. GDBus runs on a thread of its own with
+// its own GMainContext, so a slow or hostile bus never stalls the main queue;
+// the user's choices go to the main queue.
 
 #include <gio/gio.h>
 #include <pthread.h>
@@ -30,6 +31,11 @@ constexpr const char* kBusName = "org.freedesktop.DBus";
 constexpr const char* kBusPath = "/org/freedesktop/DBus";
 // What a server that draws the bubble's own click as a button shows.
 constexpr const char* kDefaultActionLabel = "Open";
+// A poll waits for its answer as it would in the notification centre: the
+// bubble never expires, and the server keeps it until the user acts or the
+// app takes it back. Its urgency is "normal": a poll is not critical.
+constexpr gint32 kNeverExpires = 0;
+constexpr guchar kNormalUrgency = 1;
 
 // A notification service that does not answer within this is treated as
 // failed for that one notification.
@@ -136,10 +142,18 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
       }
     }
     if (dropped) {
-      NSLog(
+      debugLog(
           "QuorviaSDK: too many desktop notifications wait for the session bus; the oldest "
           "was dropped");
     }
+  }
+
+  void withdraw(std::function<bool(const Value&)> matches) override {
+    if (!matches) return;
+    std::lock_guard lock(mu_);
+    // No thread yet: nothing was ever presented.
+    if (stopping_ || !thread_.joinable()) return;
+    onBusThread([this, matches = std::move(matches)] { withdrawOnBus(matches); });
   }
 
  private:
@@ -151,6 +165,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     FreedesktopNotificationPresenter* self;
     std::vector<std::string> identifiers;
     Value payload;
+    bool withdrawn = false;  // taken back before the service answered
   };
 
   // Runs `work` on the bus thread's context. Any thread. The work itself
@@ -330,12 +345,12 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     g_variant_builder_init(&actions, G_VARIANT_TYPE("as"));
     for (const Button& button : notification.buttons) {
       if (pending->identifiers.size() == kMaxButtons) {
-        NSLog("QuorviaSDK: a desktop notification shows only its first " +
-              std::to_string(kMaxButtons) + " buttons");
+        debugLog("QuorviaSDK: a desktop notification shows only its first " +
+                 std::to_string(kMaxButtons) + " buttons");
         break;
       }
       if (!acceptableIdentifier(button.identifier)) {
-        NSLog(
+        debugLog(
             "QuorviaSDK: a notification button was left out: its identifier is empty, "
             "\"default\", longer than " +
             std::to_string(kMaxIdentifierBytes) + " bytes or not UTF-8");
@@ -349,11 +364,14 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     g_variant_builder_add(&actions, "s", kDefaultActionLabel);
     GVariantBuilder hints;
     g_variant_builder_init(&hints, G_VARIANT_TYPE("a{sv}"));
+    g_variant_builder_add(&hints, "{sv}", "urgency", g_variant_new_byte(kNormalUrgency));
+    g_variant_builder_add(&hints, "{sv}", "resident", g_variant_new_boolean(TRUE));
     const std::string appName = busString(notification.appName, kMaxTitleBytes);
     const std::string body = busString(notification.body, kMaxBodyBytes);
+    notifying_.push_back(pending);
     call(kServiceName, kServicePath, kServiceInterface, "Notify",
          g_variant_new("(susssasa{sv}i)", appName.c_str(), 0u, "", appName.c_str(), body.c_str(),
-                       &actions, &hints, -1),
+                       &actions, &hints, kNeverExpires),
          "(u)", &FreedesktopNotificationPresenter::onShown, pending);
   }
 
@@ -361,12 +379,13 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     std::unique_ptr<PendingNotify> pending(static_cast<PendingNotify*>(data));
     FreedesktopNotificationPresenter* self = pending->self;
     --self->inFlight_;
+    std::erase(self->notifying_, pending.get());
     GError* error = nullptr;
     GVariant* reply = finish(source, result, &error);
     if (!reply) {
       if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-        NSLog("QuorviaSDK: the desktop notification service did not show a notification (" +
-              errorText(error) + ")");
+        debugLog("QuorviaSDK: the desktop notification service did not show a notification (" +
+                 errorText(error) + ")");
       }
       g_clear_error(&error);
       return;
@@ -374,6 +393,10 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     guint32 id = 0;
     g_variant_get(reply, "(u)", &id);
     g_variant_unref(reply);
+    if (pending->withdrawn) {
+      self->close(id);
+      return;
+    }
     self->remember(id, Live{std::move(pending->identifiers), std::move(pending->payload)});
   }
 
@@ -385,15 +408,38 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     const guint32 oldest = order_.front();
     forget(oldest);
     // Its buttons would no longer answer; better gone from the desktop too.
-    g_dbus_connection_call(connection_, kServiceName, kServicePath, kServiceInterface,
-                           "CloseNotification", g_variant_new("(u)", oldest), nullptr,
-                           G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, nullptr,
-                           nullptr);
+    close(oldest);
   }
 
   void forget(guint32 id) {
     live_.erase(id);
     std::erase(order_, id);
+  }
+
+  // Takes a bubble off the desktop; its outcome is of no further interest.
+  void close(guint32 id) {
+    g_dbus_connection_call(connection_, kServiceName, kServicePath, kServiceInterface,
+                           "CloseNotification", g_variant_new("(u)", id), nullptr,
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, kCallTimeoutMs, nullptr, nullptr,
+                           nullptr);
+  }
+
+  void withdrawOnBus(const std::function<bool(const Value&)>& matches) {
+    {
+      std::lock_guard lock(mu_);
+      std::erase_if(waiting_, [&](const Notification& n) { return matches(n.payload); });
+    }
+    for (PendingNotify* pending : notifying_) {
+      if (matches(pending->payload)) pending->withdrawn = true;
+    }
+    std::vector<guint32> ids;
+    for (const auto& [id, live] : live_) {
+      if (matches(live.payload)) ids.push_back(id);
+    }
+    for (guint32 id : ids) {
+      forget(id);
+      close(id);
+    }
   }
 
   static void onSignal(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
@@ -449,6 +495,8 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     }
     Value payload = std::move(found->second.payload);
     forget(id);  // one answer per notification
+    // A resident bubble stays after its answer unless it is taken back.
+    close(id);
     dispatch_async(
         [main = main_, identifier = std::string(action), payload = std::move(payload)]() mutable {
           if (main->handler) main->handler(std::move(identifier), std::move(payload));
@@ -458,7 +506,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   void ignored(const std::string& why) {
     if (ignoredLogs_ >= kMaxIgnoredSignalLogs) return;
     ++ignoredLogs_;
-    NSLog("QuorviaSDK: a desktop notification signal was ignored: " + why);
+    debugLog("QuorviaSDK: a desktop notification signal was ignored: " + why);
   }
 
   void turnOff(const std::string& why) {
@@ -469,7 +517,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     }
     ready_ = false;
     if (off_.exchange(true)) return;
-    NSLog("QuorviaSDK: " + why + "; desktop notifications are off");
+    debugLog("QuorviaSDK: " + why + "; desktop notifications are off");
   }
 
   // After the loop ended: cancel what is in flight, let its callbacks run
@@ -520,6 +568,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   std::string owner_;  // unique name of the service's owner; empty: none
   std::map<guint32, Live> live_;
   std::deque<guint32> order_;  // live ids, oldest first
+  std::vector<PendingNotify*> notifying_;  // Notify calls not yet answered
   int ignoredLogs_ = 0;
 };
 

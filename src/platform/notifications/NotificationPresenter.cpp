@@ -4,4 +4,6 @@ namespace quorvia::platform {
 
 NotificationPresenter::~NotificationPresenter() = default;
 
+void NotificationPresenter::withdraw(std::function<bool(const Value&)>) {}
+
 }  // namespace quorvia::platform

@@ -17,7 +17,7 @@ namespace quorvia::platform {
 namespace {
 
 void logTokenProblem(const std::string& message) {
-  NSLog("QuorviaSDK: push device token " + message);
+  debugLog("QuorviaSDK: push device token " + message);
 }
 
 std::optional<Bytes> randomToken() {

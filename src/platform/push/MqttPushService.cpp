@@ -193,8 +193,8 @@ class MqttPushService final : public PushService {
     topic_ = kTopicPrefix + hex;
     const std::optional<BrokerAddress> broker = parseBrokerURL(options_.brokerURL);
     if (!broker) {
-      NSLog("QuorviaSDK: push broker URL \"" + options_.brokerURL +
-            "\" is not mqtt://host:port or mqtts://host:port; push is off");
+      debugLog("QuorviaSDK: push broker URL \"" + options_.brokerURL +
+               "\" is not mqtt://host:port or mqtts://host:port; push is off");
       reportFailure(kQuorviaPushErrorBadBrokerURL,
                     "The push broker URL \"" + options_.brokerURL + "\" is not valid", true);
       return;
@@ -275,8 +275,8 @@ class MqttPushService final : public PushService {
       if (stopping()) return;
       auto wait = delay;
       if (accepted_) {
-        NSLog("QuorviaSDK: push broker connection lost (" + describeFailure(rc, savedErrno) +
-              "); reconnecting");
+        debugLog("QuorviaSDK: push broker connection lost (" + describeFailure(rc, savedErrno) +
+                 "); reconnecting");
         // A connection that keeps dropping at once (another process with the
         // same token takes the session over) backs off like a failure does.
         if (std::chrono::steady_clock::now() - acceptedAt_ >= kMaxRetryDelay) {
@@ -287,9 +287,9 @@ class MqttPushService final : public PushService {
         const bool refused = !refusal_.empty();
         const std::string why = refused ? refusal_ : describeFailure(rc, savedErrno);
         if (!failing) {
-          NSLog("QuorviaSDK: push broker " + options_.brokerURL + " " +
-                (refused ? "refused the device: " : "cannot be reached: ") + why +
-                "; retrying with backoff");
+          debugLog("QuorviaSDK: push broker " + options_.brokerURL + " " +
+                   (refused ? "refused the device: " : "cannot be reached: ") + why +
+                   "; retrying with backoff");
         }
         failing = true;
         reportFailure(refused ? kQuorviaPushErrorRefused : kQuorviaPushErrorUnreachable,
@@ -331,19 +331,19 @@ class MqttPushService final : public PushService {
   void onMessage(const mosquitto_message& message) {
     const auto size = static_cast<std::size_t>(std::max(message.payloadlen, 0));
     if (!message.topic || topic_ != message.topic) {
-      NSLog("QuorviaSDK: push dropped: it came on a topic other than the device's");
+      debugLog("QuorviaSDK: push dropped: it came on a topic other than the device's");
       return;
     }
     if (size > kMaxPushPayloadBytes) {
-      NSLog("QuorviaSDK: push dropped: its payload of " + std::to_string(size) +
-            " bytes is larger than the limit of " + std::to_string(kMaxPushPayloadBytes));
+      debugLog("QuorviaSDK: push dropped: its payload of " + std::to_string(size) +
+               " bytes is larger than the limit of " + std::to_string(kMaxPushPayloadBytes));
       return;
     }
     std::optional<Value> payload =
         parseJson(std::string_view(static_cast<const char*>(message.payload), size));
     if (!payload || !payload->is_object()) {
-      NSLog("QuorviaSDK: push dropped: its payload is not a JSON object (" + std::to_string(size) +
-            " bytes)");
+      debugLog("QuorviaSDK: push dropped: its payload is not a JSON object (" +
+               std::to_string(size) + " bytes)");
       return;
     }
     post([payload = std::move(*payload)](MainSide& main) mutable {

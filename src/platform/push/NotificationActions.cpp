@@ -24,7 +24,7 @@ std::optional<std::string> alertText(const Value& payload) {
     const Value* text = valueForKey(alert, key);
     if (text && text->is_string()) return text->get<std::string>();
   }
-  NSLog(
+  debugLog(
       "QuorviaSDK: a push's aps.alert is neither a text nor a dictionary with a body; no "
       "desktop notification");
   return std::nullopt;
@@ -82,7 +82,8 @@ void deliverNotificationAction(std::string identifier, Value payload) {
   const bool withResponseInfo =
       delegate && delegate->respondsToSelector(kHandleActionWithResponseInfoSelector);
   if (!withResponseInfo && !(delegate && delegate->respondsToSelector(kHandleActionSelector))) {
-    NSLog("QuorviaSDK: the app delegate handles no notification actions; the action was dropped");
+    debugLog(
+        "QuorviaSDK: the app delegate handles no notification actions; the action was dropped");
     return;
   }
   MessageArguments arguments;
@@ -94,13 +95,13 @@ void deliverNotificationAction(std::string identifier, Value payload) {
   auto called = std::make_shared<std::atomic<bool>>(false);
   arguments.completionHandler = [called] {
     if (called->exchange(true)) {
-      NSLog("QuorviaSDK: a notification action's completion handler was called again; ignored");
+      debugLog("QuorviaSDK: a notification action's completion handler was called again; ignored");
     }
   };
   // A real platform ends the app's time for the action here.
   dispatch_after(kActionCompletionDeadline, [called] {
     if (!called->load()) {
-      NSLog(
+      debugLog(
           "QuorviaSDK: a notification action's completion handler was not called within 30 "
           "seconds");
     }
@@ -108,6 +109,12 @@ void deliverNotificationAction(std::string identifier, Value payload) {
   deliverToApplicationDelegate(
       withResponseInfo ? kHandleActionWithResponseInfoSelector : kHandleActionSelector,
       std::move(arguments));
+}
+
+void withdrawRemoteNotifications(std::function<bool(const Value&)> matches) {
+  if (const auto presenter = environment().notificationPresenter()) {
+    presenter->withdraw(std::move(matches));
+  }
 }
 
 }  // namespace quorvia::platform

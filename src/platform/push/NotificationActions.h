@@ -4,6 +4,9 @@
 // of its category, and the user's choice goes to the application delegate's
 // action callbacks, on the main queue.
 
+#include <functional>
+#include <string>
+
 #include "quorvia/export.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Value.h"
@@ -35,5 +38,11 @@ QUORVIA_EXPORT void presentRemoteNotification(const Value& payload);
 /// called within kActionCompletionDeadline of the main queue's clock. Main
 /// queue.
 QUORVIA_EXPORT void deliverNotificationAction(std::string identifier, Value payload);
+
+/// Takes back the desktop notifications of pushes whose payload `matches`
+/// accepts, shown or still to be shown: the app dealt with them itself.
+/// `matches` runs on the presenter's thread. Does nothing when the
+/// environment has no presenter. Any thread.
+QUORVIA_EXPORT void withdrawRemoteNotifications(std::function<bool(const Value& payload)> matches);
 
 }  // namespace quorvia::platform

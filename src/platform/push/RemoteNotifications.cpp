@@ -43,13 +43,13 @@ void deliverRemoteNotification(Value payload) {
   auto called = std::make_shared<std::atomic<bool>>(false);
   arguments.fetchCompletionHandler = [called](int) {
     if (called->exchange(true)) {
-      NSLog("QuorviaSDK: a push's fetch completion handler was called again; ignored");
+      debugLog("QuorviaSDK: a push's fetch completion handler was called again; ignored");
     }
   };
   // A real platform ends the app's time for the push here.
   dispatch_after(kFetchCompletionDeadline, [called] {
     if (!called->load()) {
-      NSLog("QuorviaSDK: a push's fetch completion handler was not called within 30 seconds");
+      debugLog("QuorviaSDK: a push's fetch completion handler was not called within 30 seconds");
     }
   });
   deliverToApplicationDelegate(kDidReceiveRemoteNotificationFetchSelector, std::move(arguments));

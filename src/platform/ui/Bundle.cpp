@@ -46,8 +46,8 @@ std::shared_ptr<Bundle> Bundle::bundleWithIdentifier(const std::string& identifi
     if (std::filesystem::is_directory(dir, ec)) return std::make_shared<Bundle>(dir, identifier);
     searched += (searched.empty() ? "" : ", ") + dir.string();
   }
-  NSLog("QuorviaSDK: resource bundle " + identifier + " not found; searched " + searched +
-        ". Set QUORVIA_RESOURCE_DIR to the directory that holds " + identifier + ".");
+  debugLog("QuorviaSDK: resource bundle " + identifier + " not found; searched " + searched +
+           ". Set QUORVIA_RESOURCE_DIR to the directory that holds " + identifier + ".");
   return nullptr;
 }
 

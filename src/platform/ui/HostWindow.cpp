@@ -138,8 +138,8 @@ void screenChanged() {
 
 HostWindow::HostWindow(Size size, double scale) : state_(std::make_shared<State>()) {
   if (!validSize(size, scale)) {
-    NSLog("HostWindow: ignoring a window of " + describe(size, scale) +
-          "; using 375 x 667 points at scale 2");
+    debugLog("HostWindow: ignoring a window of " + describe(size, scale) +
+             "; using 375 x 667 points at scale 2");
     size = {kDefaultWidth, kDefaultHeight};
     scale = kDefaultScale;
   }
@@ -149,7 +149,7 @@ HostWindow::HostWindow(Size size, double scale) : state_(std::make_shared<State>
     state_->window = View::make<Window>(Rect{{0, 0}, size});
     app.setKeyWindow(state_->window);
   }
-  if (current().owner) NSLog("HostWindow: a second host window replaces the first");
+  if (current().owner) debugLog("HostWindow: a second host window replaces the first");
   current().owner = state_.get();
   current().changed = [weak = std::weak_ptr<State>(state_)] {
     if (auto state = weak.lock(); state && !state->painting) state->postCheck();
@@ -167,7 +167,7 @@ HostWindow::~HostWindow() {
 
 void HostWindow::setSize(Size size, double scale) {
   if (!validSize(size, scale)) {
-    NSLog("HostWindow: ignoring a window of " + describe(size, scale));
+    debugLog("HostWindow: ignoring a window of " + describe(size, scale));
     return;
   }
   state_->window->setScale(scale);
@@ -198,9 +198,9 @@ std::vector<PixelRect> HostWindow::paint(const PixelBuffer& buffer) {
   if (!buffer.pixels || buffer.width <= 0 || buffer.height <= 0 ||
       buffer.width > kMaxPixelsPerSide || buffer.height > kMaxPixelsPerSide ||
       buffer.stride < buffer.width * 4 || buffer.stride % 4 != 0) {
-    NSLog("HostWindow: not painting into a buffer of " + std::to_string(buffer.width) + " x " +
-          std::to_string(buffer.height) + " pixels with a stride of " +
-          std::to_string(buffer.stride) + " bytes");
+    debugLog("HostWindow: not painting into a buffer of " + std::to_string(buffer.width) + " x " +
+             std::to_string(buffer.height) + " pixels with a stride of " +
+             std::to_string(buffer.stride) + " bytes");
     return {};
   }
   State& s = *state_;
@@ -244,7 +244,7 @@ void HostWindow::invalidate() {
 PointerAnswer HostWindow::pointerDown(Point point) {
   State& s = *state_;
   if (!finite(point)) {
-    NSLog("HostWindow: ignoring a pointer press at a point that is not finite");
+    debugLog("HostWindow: ignoring a pointer press at a point that is not finite");
     return PointerAnswer::kPassed;
   }
   // A press whose release never came ends before the next begins.
@@ -270,7 +270,7 @@ PointerAnswer HostWindow::pointerUp(Point point) {
   auto pressed = std::move(s.pressed);
   s.pressed.reset();
   if (!finite(point)) {
-    NSLog("HostWindow: a pointer release at a point that is not finite cancels the press");
+    debugLog("HostWindow: a pointer release at a point that is not finite cancels the press");
     s.window->touchCancel();
   } else if (!onScreen(pressTarget(*pressed)).contains(point)) {
     // Released away from what was pressed: like a finger sliding off a row.

@@ -107,13 +107,13 @@ void Nib::registerClass(const std::string& className, Factory factory) {
 std::shared_ptr<Nib> Nib::nibWithNibName(const std::string& name,
                                          const std::shared_ptr<Bundle>& bundle) {
   if (!bundle) {
-    NSLog("Could not load layout file " + name + ": no bundle");
+    debugLog("Could not load layout file " + name + ": no bundle");
     return nullptr;
   }
   const auto path = bundle->pathForResource(name, "json");
   std::error_code ec;
   if (!path || std::filesystem::file_size(*path, ec) > kMaxLayoutFileBytes || ec) {
-    NSLog("Could not load layout file " + name + " from " + bundle->bundlePath().string());
+    debugLog("Could not load layout file " + name + " from " + bundle->bundlePath().string());
     return nullptr;
   }
   std::ifstream in(*path, std::ios::binary);
@@ -121,7 +121,7 @@ std::shared_ptr<Nib> Nib::nibWithNibName(const std::string& name,
   content << in.rdbuf();
   auto description = parseJson(content.str());
   if (!description || !description->is_object()) {
-    NSLog("Malformed layout file " + path->string());
+    debugLog("Malformed layout file " + path->string());
     return nullptr;
   }
   return std::make_shared<Nib>(name, std::move(*description));

@@ -7,10 +7,6 @@
 namespace quorvia::platform {
 namespace {
 
-constexpr double kDefaultWidth = 375;
-constexpr double kDefaultHeight = 667;
-constexpr double kDefaultScale = 2;
-
 template <typename T>
 std::shared_ptr<T> nearest(std::shared_ptr<View> view) {
   for (; view; view = view->superview()) {
@@ -66,13 +62,6 @@ void Window::tap(Point point) {
   touchUp();
 }
 
-std::shared_ptr<Window> keyWindow() {
-  auto& app = Application::sharedApplication();
-  if (auto window = app.keyWindow()) return window;
-  auto window = View::make<Window>(Rect::make(0, 0, kDefaultWidth, kDefaultHeight));
-  window->setScale(kDefaultScale);
-  app.setKeyWindow(window);
-  return window;
-}
+std::shared_ptr<Window> keyWindow() { return Application::sharedApplication().keyWindow(); }
 
 }  // namespace quorvia::platform

@@ -5,12 +5,14 @@
 //   quorvia_consumer SERVICE_URL POLL_ID
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "quorvia/Observer.h"
 #include "quorvia/QuorviaSDK.h"
@@ -19,6 +21,26 @@
 #include "quorvia/platform/RunLoop.h"
 
 namespace {
+
+// The desktop, in a throw-away data directory, watching only for the log
+// lines that say the installed layout files were not found: the banner shows
+// without them too (the shipped layouts are built in), so nothing else tells.
+class ConsumerEnvironment final : public quorvia::platform::EnvironmentWrapper {
+ public:
+  using EnvironmentWrapper::EnvironmentWrapper;
+  void log(std::string_view line) override {
+    if (line.starts_with("QuorviaSDK: resource bundle") ||
+        line.starts_with("Could not load layout file") ||
+        line.starts_with("Malformed layout file")) {
+      layoutsMissing_ = true;
+    }
+    EnvironmentWrapper::log(line);
+  }
+  bool layoutsMissing() const { return layoutsMissing_; }
+
+ private:
+  std::atomic<bool> layoutsMissing_{false};
+};
 
 int fail(const std::string& why) {
   std::fprintf(stderr, "quorvia_consumer: %s\n", why.c_str());
@@ -33,12 +55,13 @@ int main(int argc, char** argv) {
   if (QuorviaSDK::version() != QUORVIA_VERSION) return fail("library and headers disagree");
   const auto data =
       std::filesystem::temp_directory_path() / ("quorvia-consumer-" + std::to_string(::getpid()));
-  platform::installEnvironment(
+  auto env = std::make_shared<ConsumerEnvironment>(
       platform::makeDesktopEnvironment({.appIdentifier = "quorvia-consumer",
                                         .dataDirectory = data,
                                         .push = false,
                                         .notifications = false,
                                         .serviceBaseURL = argv[1]}));
+  platform::installEnvironment(env);
   bool registered = false;
   std::optional<PollEvent> presented;
   std::optional<ReplyEvent> replied;
@@ -76,6 +99,7 @@ int main(int argc, char** argv) {
   if (presented->question != "Installed?" || presented->pollId != argv[2]) {
     return fail("presented another poll: " + presented->question.value_or("(no question)"));
   }
+  if (env->layoutsMissing()) return fail("the installed layout files were not found");
   if (!replied) return fail("the reply did not finish");
   if (!replied->succeeded()) return fail("the reply failed: " + *replied->error);
   if (replied->replyText != "Yes" || replied->pollId != argv[2]) {

@@ -153,23 +153,28 @@ async function refreshResults() {
       log)));
 }
 
+// Refreshed on every call a device makes; only the latest answer is shown, whatever order the
+// answers come back in.
 async function refreshDevices() {
+  const ticket = ++refreshDevices.issued;
   const poll = state.polls.find((candidate) => candidate.id === state.selected);
   const app = state.app || (poll ? poll.app_token : '');
-  $('#devices-app').textContent = app ? `of ${app}` : 'of all apps';
   const { devices } = await api('GET', '/admin/devices' + (app ? `?app=${encodeURIComponent(app)}` : ''));
+  if (ticket !== refreshDevices.issued) return;
+  $('#devices-app').textContent = app ? `of ${app}` : 'of all apps';
   const body = $('#devices tbody');
   body.replaceChildren();
   if (!devices.length) body.append(el('tr', {}, el('td', { colspan: 5, class: 'empty' }, 'No devices registered.')));
   for (const device of devices) {
-    body.append(el('tr', {},
-      el('td', { class: 'mono' }, device.push_token),
-      el('td', {}, device.platform || '—'),
-      el('td', {}, time(device.created_at)),
-      el('td', {}, time(device.last_seen_at)),
-      el('td', {}, device.user_info ? el('pre', {}, device.user_info) : '—')));
+    body.append(el(
+        'tr', {'data-push-token': device.push_token}, el('td', {class: 'mono'}, device.push_token),
+        el('td', {}, device.platform || '—'), el('td', {}, time(device.created_at)),
+        el('td', {class: 'last-call'},
+           el('time', {datetime: device.last_seen_at || ''}, time(device.last_seen_at))),
+        el('td', {}, device.user_info ? el('pre', {}, device.user_info) : '—')));
   }
 }
+refreshDevices.issued = 0;
 
 async function push(poll) {
   try {
