@@ -2,14 +2,15 @@
 /// \file
 /// The store behind the keychain item functions (one service of the
 /// environment), and the stores the platform provides (SQLite on disk, in
-/// memory).
+/// memory, and the desktop's choice between the file and its keyring).
 
 #include <filesystem>
 #include <memory>
 #include <string>
 
-#include "quorvia/export.h"
 #include "platform/Keychain.h"
+#include "quorvia/export.h"
+#include "quorvia/platform/Environment.h"
 
 namespace quorvia::platform {
 
@@ -45,6 +46,14 @@ QUORVIA_EXPORT std::shared_ptr<KeychainStore> makeInMemoryKeychainStore();
 /// several processes may share the file. Thread-safe.
 QUORVIA_EXPORT std::shared_ptr<KeychainStore> makeSQLiteKeychainStore(
     const std::filesystem::path& directory);
+
+/// The store of the desktop environment: the SQLite store in `dataDirectory`,
+/// the Secret Service store of `appIdentifier` (moving the SQLite store's
+/// items into it on first use), or, automatically, the Secret Service when
+/// one answers on the session bus and else the SQLite store, logging which.
+QUORVIA_EXPORT std::shared_ptr<KeychainStore> makeDesktopKeychainStore(
+    DesktopEnvironmentOptions::KeychainStorage storage, const std::filesystem::path& dataDirectory,
+    const std::string& appIdentifier);
 
 /// The file name of the durable store inside its directory.
 inline constexpr const char* kKeychainStoreFileName = "keychain.sqlite";
