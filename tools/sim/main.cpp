@@ -59,6 +59,7 @@ int main(int argc, char** argv) {
   std::string dataDirectory;
   std::string pngDirectory;
   bool strict = false;
+  std::string keychain = "file";
 
   CLI::App app{
       "quorvia-sim: plays a host application and the platform around the Quorvia SDK. Reads one "
@@ -77,6 +78,13 @@ int main(int argc, char** argv) {
   app.add_option("--png-dir", pngDirectory,
                  "Directory that relative snapshot paths are written to (created when missing); "
                  "default the working directory");
+  app.add_option("--keychain", keychain,
+                 "Where keychain items (the access token) are kept: \"file\" (keychain.sqlite in "
+                 "the data directory), \"keyring\" (the Secret Service on the session bus) or "
+                 "\"automatic\" (the keyring when one answers, else the file), as a desktop host "
+                 "has it")
+      ->check(CLI::IsMember({"file", "keyring", "automatic"}))
+      ->capture_default_str();
   app.add_flag("--strict", strict,
                "Exit 1 when any command was refused (an \"error\" event was written)");
   bool exit = false;
@@ -84,8 +92,12 @@ int main(int argc, char** argv) {
     return code;
   }
 
+  using Storage = quorvia::platform::DesktopEnvironmentOptions::KeychainStorage;
   quorvia::platform::ConfigurableEnvironment::install(
-      dataDirectory, quorvia::platform::RunLoop::Clock::kReal, "quorvia-sim");
+      dataDirectory, quorvia::platform::RunLoop::Clock::kReal, "quorvia-sim",
+      keychain == "keyring"     ? Storage::kSecretService
+      : keychain == "automatic" ? Storage::kAutomatic
+                                : Storage::kFile);
 
   std::shared_ptr<std::istream> input;
   if (script.empty() || script == "-") {
