@@ -295,5 +295,48 @@ TEST_F(KeyringStoreTest, FileItemsMoveIntoTheKeyringOnceWithNothingLostOrLeftInC
   EXPECT_FALSE(fs::exists(file));
 }
 
+// A file the file store refuses (open to others, or damaged) is not moved and
+// stays byte for byte as it was, said once; the keyring works all the same.
+TEST_F(KeyringStoreTest, FileThatCannotBeMovedStaysUntouchedAndTheKeyringWorks) {
+  const fs::path dir = platform::dataDirectory();
+  const fs::path file = dir / platform::kKeychainStoreFileName;
+  env_->setKeychainStore(platform::makeSQLiteKeychainStore(dir));
+  ASSERT_TRUE(LKKeychain::setPassword("token-from-file", "polls", "user_token"));
+  env_->setKeychainStore(nullptr);
+  const struct {
+    std::string name;
+    std::function<void()> spoil;
+    int status;
+  } cases[] = {
+      {"open to others",
+       [&] { fs::permissions(file, fs::perms::others_read, fs::perm_options::add); }, -25291},
+      {"damaged",
+       [&] {
+         fs::permissions(file, fs::perms::others_read, fs::perm_options::remove);
+         std::ofstream(file, std::ios::trunc) << "not an item store";
+       },
+       -26275},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    c.spoil();
+    const std::string before = fileBytes(file);
+    env_->setKeychainStore(platform::makeDesktopKeychainStore(Storage::kSecretService, dir, kApp));
+    log_.clear();
+    for (int i = 0; i < 2; ++i) {
+      ASSERT_TRUE(LKKeychain::setPassword("keyring-token", "polls", "user_token"));
+      EXPECT_EQ(LKKeychain::passwordForService("polls", "user_token"), "keyring-token");
+    }
+    int said = 0;
+    for (const auto& line : log_.lines()) {
+      said += line == "QuorviaSDK: keychain items in " + file.string() +
+                          " cannot be moved into the Secret Service (status " +
+                          std::to_string(c.status) + "); they stay in the file, untouched";
+    }
+    EXPECT_EQ(said, 1);
+    EXPECT_EQ(fileBytes(file), before);
+  }
+}
+
 }  // namespace
 }  // namespace quorvia

@@ -27,8 +27,8 @@ constexpr const char* kSidecars[] = {"-journal", "-wal", "-shm"};
 // The keyring, which first takes over what the file store holds: before
 // each call, until a move has succeeded once, every item of the file goes
 // into the keyring (a newer one there stays) and out of the file, and the
-// emptied file is removed. A move that fails leaves the rest in the file for
-// the next call; nothing is lost and nothing stays behind in clear.
+// emptied file is removed. A keyring that fails leaves the rest in the file
+// for the next call; nothing is lost and nothing stays behind in clear.
 class MovingKeychainStore final : public KeychainStore {
  public:
   MovingKeychainStore(std::shared_ptr<SecretServiceKeychainStore> keyring,
@@ -53,18 +53,22 @@ class MovingKeychainStore final : public KeychainStore {
   }
 
  private:
+  enum class Move { kDone, kAgain, kGiveUp };
+
   void moveFileItems() {
-    if (moved_.load(std::memory_order_acquire)) return;
+    if (settled_.load(std::memory_order_acquire)) return;
     std::lock_guard lock(mu_);
-    if (moved_.load(std::memory_order_relaxed)) return;
-    if (moveOnce()) moved_.store(true, std::memory_order_release);
+    if (settled_.load(std::memory_order_relaxed)) return;
+    if (moveOnce() != Move::kAgain) settled_.store(true, std::memory_order_release);
   }
 
-  // True when the file holds nothing any more.
-  bool moveOnce() {
+  // kDone once the file holds nothing; kAgain when the keyring failed, for
+  // the next call; kGiveUp when the file store itself refuses (its own lines
+  // say why), which leaves the file as it is for this process.
+  Move moveOnce() {
     const std::filesystem::path file = directory_ / kKeychainStoreFileName;
     struct stat st {};
-    if (::lstat(file.c_str(), &st) != 0 && errno == ENOENT) return true;
+    if (::lstat(file.c_str(), &st) != 0 && errno == ENOENT) return Move::kDone;
     auto fileStore = makeSQLiteKeychainStore(directory_);
     Value items;
     const Value everything = {{kSecClass, kSecClassGenericPassword},
@@ -74,26 +78,32 @@ class MovingKeychainStore final : public KeychainStore {
                               {kSecMatchLimit, kSecMatchLimitAll}};
     OSStatus status = fileStore->copyMatching(everything, &items);
     if (status == errSecItemNotFound) items = Value::array();
-    if (status != errSecSuccess && status != errSecItemNotFound) return notMoved(file, status);
+    if (status != errSecSuccess && status != errSecItemNotFound) {
+      return notMoved(file, status, Move::kGiveUp);
+    }
     for (const Value& attributes : items) {
       keychain::Item item;
-      if (!keychain::itemFromAttributes(attributes, &item)) return notMoved(file, errSecDecode);
-      if (OSStatus s = keyring_->importItem(item)) return notMoved(file, s);
+      if (!keychain::itemFromAttributes(attributes, &item)) {
+        return notMoved(file, errSecDecode, Move::kGiveUp);
+      }
+      if (OSStatus s = keyring_->importItem(item)) return notMoved(file, s, Move::kAgain);
       const Value identity = {{kSecClass, kSecClassGenericPassword},
                               {kSecAttrService, item.service},
                               {kSecAttrAccount, item.account},
                               {kSecAttrAccessGroup, item.accessGroup},
                               {kSecAttrSynchronizable, item.synchronizable}};
       status = fileStore->remove(identity);
-      if (status != errSecSuccess && status != errSecItemNotFound) return notMoved(file, status);
+      if (status != errSecSuccess && status != errSecItemNotFound) {
+        return notMoved(file, status, Move::kGiveUp);
+      }
     }
-    // Empty now, unless another process wrote meanwhile: then the next call
-    // moves that too.
+    // Empty now, unless another process wrote meanwhile: the next call moves
+    // that too.
     status = fileStore->copyMatching({{kSecClass, kSecClassGenericPassword},
                                       {kSecAttrSynchronizable, kSecAttrSynchronizableAny}},
                                      nullptr);
-    if (status != errSecItemNotFound)
-      return status == errSecSuccess ? false : notMoved(file, status);
+    if (status == errSecSuccess) return Move::kAgain;
+    if (status != errSecItemNotFound) return notMoved(file, status, Move::kGiveUp);
     fileStore.reset();  // closes the file
     for (const char* sidecar : kSidecars) ::unlink((file.string() + sidecar).c_str());
     if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
@@ -102,24 +112,28 @@ class MovingKeychainStore final : public KeychainStore {
     }
     NSLog("QuorviaSDK: moved " + std::to_string(items.size()) + " keychain item(s) from " +
           file.string() + " into the Secret Service; the file is removed");
-    return true;
+    return Move::kDone;
   }
 
-  bool notMoved(const std::filesystem::path& file, OSStatus status) {
-    if (!failureLogged_) {
+  Move notMoved(const std::filesystem::path& file, OSStatus status, Move next) {
+    if (next == Move::kGiveUp) {
+      NSLog("QuorviaSDK: keychain items in " + file.string() +
+            " cannot be moved into the Secret Service (status " + std::to_string(status) +
+            "); they stay in the file, untouched");
+    } else if (!failureLogged_) {
       NSLog("QuorviaSDK: keychain items in " + file.string() +
             " cannot be moved into the Secret Service yet (status " + std::to_string(status) +
             "); they stay in the file, and the next keychain call tries again");
     }
     failureLogged_ = true;
-    return false;
+    return next;
   }
 
   const std::shared_ptr<SecretServiceKeychainStore> keyring_;
   const std::filesystem::path directory_;
-  std::atomic<bool> moved_{false};
-  std::mutex mu_;               // one move at a time
-  bool failureLogged_ = false;  // guarded by mu_
+  std::atomic<bool> settled_{false};  // moved, or given up for this process
+  std::mutex mu_;                     // one move at a time
+  bool failureLogged_ = false;        // guarded by mu_
 };
 
 }  // namespace

@@ -526,6 +526,9 @@ class Keyring final {
     g_main_context_push_thread_default(context_);
     g_main_loop_run(loop_);
     closeSession();
+    // GLib frees the closed session's signal subscriptions from this context.
+    while (g_main_context_iteration(context_, FALSE)) {
+    }
     g_main_context_pop_thread_default(context_);
     std::lock_guard lock(mu_);
     exited_ = true;
@@ -582,7 +585,7 @@ class Keyring final {
   // opens a new one.
   OSStatus failed(Job& job, GError* raw) {
     const ErrorPtr error(raw);
-    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) return errSecNotAvailable;
+    if (g_error_matches(error.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) return late(job);
     if (g_error_matches(error.get(), SECRET_ERROR, SECRET_ERROR_IS_LOCKED)) {
       job.failure = "the keyring is locked (" + errorText(error.get()) + ")";
       return errSecNotAvailable;
@@ -594,6 +597,10 @@ class Keyring final {
                   errorText(error.get()) + ")";
     return errSecNotAvailable;
   }
+
+  // A request cancelled by a caller that stopped waiting: this job's own,
+  // which has logged and gone, or one that waited behind it.
+  OSStatus late(Job& job) { return unavailable(job, "the Secret Service did not answer in time"); }
 
   OSStatus unavailable(Job& job, std::string reason) {
     job.failure = std::move(reason);
@@ -633,7 +640,7 @@ class Keyring final {
     }));
     if (!probe) {
       const ErrorPtr lost(error);
-      if (g_error_matches(lost.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) return errSecNotAvailable;
+      if (g_error_matches(lost.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) return late(job);
       return unavailable(job, "the session bus cannot be reached (" + errorText(lost.get()) + ")");
     }
     const OSStatus present = keyringOnBus(job, probe.get());
@@ -677,9 +684,7 @@ class Keyring final {
       });
       if (!reply) {
         const ErrorPtr lost(error);
-        if (g_error_matches(lost.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) {
-          return errSecNotAvailable;
-        }
+        if (g_error_matches(lost.get(), G_IO_ERROR, G_IO_ERROR_CANCELLED)) return late(job);
         return unavailable(job, "the session bus failed (" + errorText(lost.get()) + ")");
       }
       bool found = false;
