@@ -40,6 +40,7 @@ class SimKeyringTest : public devserver::testing::DevServerTest {
     DevServerTest::SetUp();
     keyring_ = std::make_unique<KeyringDaemon>(directory_ / "keyring");
     ASSERT_TRUE(keyring_->ready) << "gnome-keyring-daemon did not start";
+    data_ = directory_ / "sim-data";
     fs::create_directories(data_);
   }
   void TearDown() override {
@@ -97,7 +98,7 @@ class SimKeyringTest : public devserver::testing::DevServerTest {
 
   std::unique_ptr<KeyringDaemon> keyring_;
   std::unique_ptr<ToolProcess> sim_;
-  const fs::path data_ = directory_ / "sim-data";
+  fs::path data_;  // the simulator's data directory
 };
 
 // With a keyring on the session bus the token lives there alone, and

@@ -140,9 +140,10 @@ class MovingKeychainStore final : public KeychainStore {
 
 std::shared_ptr<KeychainStore> makeDesktopKeychainStore(Storage storage,
                                                         const std::filesystem::path& dataDirectory,
-                                                        const std::string& appIdentifier) {
+                                                        const std::string& appIdentifier,
+                                                        SecretServiceLimits limits) {
   if (storage == Storage::kFile) return makeSQLiteKeychainStore(dataDirectory);
-  auto keyring = makeSecretServiceKeychainStore(appIdentifier);
+  auto keyring = makeSecretServiceKeychainStore(appIdentifier, limits);
   if (storage == Storage::kAutomatic) {
     std::string why;
     if (!keyring->open(&why)) {

@@ -3,7 +3,6 @@
 // Service (org.freedesktop.secrets: GNOME Keyring, KWallet, KeePassXC) on the
 // session bus, reached through libsecret.
 
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -11,23 +10,6 @@
 #include "platform/keychain/KeychainItem.h"
 
 namespace quorvia::platform {
-
-/// How long the keyring may take before a call gives up with
-/// errSecNotAvailable. Keychain calls are synchronous on the caller's thread,
-/// usually the main queue, so every wait is bounded.
-struct SecretServiceLimits {
-  /// Each request that reads (searches, attributes, secrets) must be
-  /// answered within this: well under a 16.7 ms frame, several times what a
-  /// keyring takes under load (below 2 ms). Reading the token is this case.
-  std::chrono::milliseconds read{10};
-  /// Each request that writes: the keyring saves its file to disk before it
-  /// answers (15 ms typically, 80 ms seen on a busy disk).
-  std::chrono::milliseconds write{500};
-  /// Connecting to the session bus and opening an encrypted session, which
-  /// may start the keyring's daemon: once per process, again after a failure
-  /// that lost the session.
-  std::chrono::milliseconds open{500};
-};
 
 /// Generic-password items in the default collection of the Secret Service,
 /// under the schema "com.quorvia.sdk.GenericPassword" with the app's
