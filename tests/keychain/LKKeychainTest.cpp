@@ -221,21 +221,15 @@ TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
   EXPECT_EQ(LKKeychain::allAccounts()->size(), 3u);
 }
 
-std::string storeName(const ::testing::TestParamInfo<Store>& info) {
-  switch (info.param) {
-    case Store::kInMemory:
-      return "InMemory";
-    case Store::kDurable:
-      return "Durable";
-    case Store::kKeyring:
-      return "Keyring";
-  }
-  return "";
+const char* nameOf(Store store) {
+  constexpr const char* kNames[] = {"InMemory", "Durable", "Keyring"};
+  return kNames[static_cast<int>(store)];
 }
+void PrintTo(Store store, std::ostream* out) { *out << nameOf(store); }
 
 INSTANTIATE_TEST_SUITE_P(Stores, LKKeychainTest,
                          ::testing::Values(Store::kInMemory, Store::kDurable, Store::kKeyring),
-                         storeName);
+                         [](const auto& info) { return std::string(nameOf(info.param)); });
 
 }  // namespace
 }  // namespace quorvia
