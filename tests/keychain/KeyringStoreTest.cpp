@@ -279,7 +279,7 @@ TEST_F(KeyringStoreTest, FileItemsMoveIntoTheKeyringOnceWithNothingLostOrLeftInC
   EXPECT_NE(fileBytes(file).find("token-from-file"), std::string::npos) << "still in the file";
   int notMoved = 0;
   for (const auto& line : log_.lines()) {
-    notMoved += line.find("cannot be moved into the Secret Service yet") != std::string::npos;
+    notMoved += line.find("cannot be moved yet into the Secret Service") != std::string::npos;
   }
   EXPECT_EQ(notMoved, 1) << "said once";
 

@@ -116,14 +116,13 @@ class MovingKeychainStore final : public KeychainStore {
   }
 
   Move notMoved(const std::filesystem::path& file, OSStatus status, Move next) {
-    if (next == Move::kGiveUp) {
-      NSLog("QuorviaSDK: keychain items in " + file.string() +
-            " cannot be moved into the Secret Service (status " + std::to_string(status) +
-            "); they stay in the file, untouched");
-    } else if (!failureLogged_) {
-      NSLog("QuorviaSDK: keychain items in " + file.string() +
-            " cannot be moved into the Secret Service yet (status " + std::to_string(status) +
-            "); they stay in the file, and the next keychain call tries again");
+    if (next == Move::kGiveUp || !failureLogged_) {
+      std::string line = "QuorviaSDK: keychain items in " + file.string();
+      line += next == Move::kGiveUp ? " cannot be moved" : " cannot be moved yet";
+      line += " into the Secret Service (status " + std::to_string(status) + "); they stay in ";
+      line += next == Move::kGiveUp ? "the file, untouched"
+                                    : "the file, and the next keychain call tries again";
+      NSLog(line);
     }
     failureLogged_ = true;
     return next;

@@ -392,8 +392,15 @@ class Keyring final {
           }
           std::vector<Found> found;
           if (OSStatus s = findItems(job, search, search.returnData, &found)) return s;
+          // Oldest first, as the platform lists them.
+          std::vector<const Found*> oldestFirst;
+          for (const Found& each : found) oldestFirst.push_back(&each);
+          std::sort(oldestFirst.begin(), oldestFirst.end(), [](const Found* a, const Found* b) {
+            return a->item.created != b->item.created ? a->item.created < b->item.created
+                                                      : pathBefore(a->path, b->path);
+          });
           std::vector<const Item*> items;
-          for (const Found& each : found) items.push_back(&each.item);
+          for (const Found* each : oldestFirst) items.push_back(&each->item);
           if (search.returnData || search.returnAttributes) {
             job.result = keychain::resultOf(search, items);
           }
@@ -563,21 +570,28 @@ class Keyring final {
   // waiting caller cancels when the answer is late.
   template <typename Call>
   auto request(Job& job, std::chrono::milliseconds limit, Call&& call) {
-    GCancellable* cancellable = g_cancellable_new();
-    {
-      std::lock_guard lock(mu_);
-      if (job.abandoned || stopping_) g_cancellable_cancel(cancellable);
-      current_ = cancellable;
-      watch(limit);
-    }
+    GCancellable* cancellable = startRequest(job, limit);
     auto answer = call(cancellable);
+    endRequest(cancellable);
+    return answer;
+  }
+
+  GCancellable* startRequest(Job& job, std::chrono::milliseconds limit) {
+    GCancellable* cancellable = g_cancellable_new();
+    std::lock_guard lock(mu_);
+    if (job.abandoned || stopping_) g_cancellable_cancel(cancellable);
+    current_ = cancellable;
+    watch(limit);
+    return cancellable;
+  }
+
+  void endRequest(GCancellable* cancellable) {
     {
       std::lock_guard lock(mu_);
       current_ = nullptr;
       watch(limits_.read);
     }
     g_object_unref(cancellable);
-    return answer;
   }
 
   // The status of a failed request, with its reason for the caller's log
@@ -766,7 +780,7 @@ class Keyring final {
     return paths->empty() ? errSecItemNotFound : errSecSuccess;
   }
 
-  // The items `search` matches, oldest first, with their secrets when asked.
+  // The items `search` matches, with their secrets when asked.
   OSStatus findItems(Job& job, const Search& search, bool withData, std::vector<Found>* found) {
     std::vector<std::string> paths;
     if (OSStatus s = findPaths(job, searchAttributes(search), &paths)) return s;
@@ -807,9 +821,6 @@ class Keyring final {
         return value == nullptr;
       });
     }
-    std::stable_sort(found->begin(), found->end(), [](const Found& a, const Found& b) {
-      return a.item.created < b.item.created;
-    });
     return found->empty() ? errSecItemNotFound : errSecSuccess;
   }
 
