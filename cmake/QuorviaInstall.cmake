@@ -24,7 +24,7 @@ install(FILES ${PROJECT_BINARY_DIR}/quorviaConfig.cmake
 # A static libquorvia needs its dependencies on every link line, so they go
 # under Requires and a plain `pkg-config --libs quorvia` links them (as shared
 # libraries; --static would ask for their own static archives too).
-set(QUORVIA_PC_DEPENDENCIES "libcurl sqlite3 icu-uc icu-i18n pangocairo cairo stb libmosquitto gio-2.0")
+set(QUORVIA_PC_DEPENDENCIES "libcurl sqlite3 icu-uc icu-i18n pangocairo cairo stb libmosquitto gio-2.0 libsecret-1")
 if(BUILD_SHARED_LIBS)
   set(QUORVIA_PC_REQUIRES "")
   set(QUORVIA_PC_REQUIRES_PRIVATE " ${QUORVIA_PC_DEPENDENCIES}")

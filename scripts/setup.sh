@@ -11,7 +11,8 @@ packages=(
   libcairo2-dev libpango1.0-dev fonts-dejavu-core fonts-noto-color-emoji
   libstb-dev libcpp-httplib-dev libcli11-dev
   libmosquitto-dev mosquitto
-  libglib2.0-dev dbus-daemon python3-gi
+  libglib2.0-dev libglib2.0-bin dbus-daemon python3-gi
+  libsecret-1-dev gnome-keyring libsecret-tools
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 procps curl
   chromium

@@ -1,21 +1,29 @@
 // Reading the access token and saving it durably through the keychain layer,
-// beside a raw SQLite point read of the same row, in one run.
+// beside a raw SQLite point read of the same row, in one run; and reading it
+// from the desktop's keyring (a real gnome-keyring-daemon on a private bus,
+// started here) beside a raw libsecret lookup of the same item.
 //
 // fsync and fdatasync are interposed for the whole process, so the durable
 // save reports how many times SQLite really synced the disk per save.
 
 #include <benchmark/benchmark.h>
 #include <dlfcn.h>
+#include <libsecret/secret.h>
 #include <sqlite3.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <string>
+#include <vector>
 
-#include "platform/ConfigurableEnvironment.h"
 #include "keychain/LKKeychain.h"
+#include "platform/ConfigurableEnvironment.h"
 #include "platform/KeychainStore.h"
+#include "platform/keychain/SecretServiceKeychainStore.h"
+#include "support/KeyringDaemon.h"
 
 namespace {
 
@@ -109,6 +117,75 @@ BENCHMARK(BM_DurableSave)
     ->Repetitions(3)
     ->ReportAggregatesOnly(true)
     ->Unit(benchmark::kMicrosecond);
+
+// The keyring's item as libsecret's own lookup finds it: the SDK's schema,
+// the attributes the store searches by.
+const SecretSchema kKeyringSchema = {quorvia::platform::kSecretServiceSchemaName,
+                                     SECRET_SCHEMA_NONE,
+                                     {{"app", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                      {"class", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                      {"svce", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                      {"acct", SECRET_SCHEMA_ATTRIBUTE_STRING},
+                                      {nullptr, SECRET_SCHEMA_ATTRIBUTE_STRING}}};
+
+// The SDK's read (passwordForService through the keyring store, with its
+// documented limits) and a raw libsecret lookup on the caller's thread, one
+// each in turn so that both see the same keyring and load.
+void BM_KeyringReadSideBySide(benchmark::State& state) {
+  const std::filesystem::path keyringDirectory = storeDirectory().parent_path() / "keyring";
+  quorvia::testing::KeyringDaemon keyring(keyringDirectory);
+  if (!keyring.ready) {
+    state.SkipWithError("gnome-keyring-daemon did not start");
+    return;
+  }
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", keyring.bus.address.c_str(), 1);
+  auto env = quorvia::platform::ConfigurableEnvironment::install(
+      storeDirectory(), quorvia::platform::RunLoop::Clock::kReal);
+  env->setKeychainStore(quorvia::platform::makeSecretServiceKeychainStore("quorvia-bench"));
+  GError* error = nullptr;
+  SecretService* service = secret_service_open_sync(SECRET_TYPE_SERVICE, nullptr,
+                                                    SECRET_SERVICE_OPEN_SESSION, nullptr, &error);
+  GHashTable* attributes =
+      secret_attributes_build(&kKeyringSchema, "app", "quorvia-bench", "class", "genp", "svce",
+                              "polls", "acct", "user_token", nullptr);
+  if (!service || !LKKeychain::setPassword("eyJhbGciOiJIUzI1NiJ9.token", "polls", "user_token")) {
+    state.SkipWithError("the keyring cannot be used");
+    return;
+  }
+  using Clock = std::chrono::steady_clock;
+  const auto micros = [](Clock::duration d) {
+    return std::chrono::duration<double, std::micro>(d).count();
+  };
+  std::vector<double> sdkUs, rawUs;
+  long failures = 0;
+  for (auto _ : state) {
+    auto start = Clock::now();
+    failures +=
+        LKKeychain::passwordForService("polls", "user_token") != "eyJhbGciOiJIUzI1NiJ9.token";
+    sdkUs.push_back(micros(Clock::now() - start));
+    start = Clock::now();
+    SecretValue* value =
+        secret_service_lookup_sync(service, &kKeyringSchema, attributes, nullptr, nullptr);
+    rawUs.push_back(micros(Clock::now() - start));
+    failures += value == nullptr;
+    if (value) secret_value_unref(value);
+  }
+  const auto percentile = [](std::vector<double> values, double p) {
+    std::sort(values.begin(), values.end());
+    return values[static_cast<std::size_t>(p * static_cast<double>(values.size() - 1))];
+  };
+  state.counters["sdk_p50_us"] = percentile(sdkUs, 0.50);
+  state.counters["sdk_p99_us"] = percentile(sdkUs, 0.99);
+  state.counters["raw_p50_us"] = percentile(rawUs, 0.50);
+  state.counters["raw_p99_us"] = percentile(rawUs, 0.99);
+  state.counters["ratio_p50"] = percentile(sdkUs, 0.50) / percentile(rawUs, 0.50);
+  state.counters["ratio_p99"] = percentile(sdkUs, 0.99) / percentile(rawUs, 0.99);
+  state.counters["failures"] = static_cast<double>(failures);
+  g_hash_table_unref(attributes);
+  g_object_unref(service);
+  env->setKeychainStore(nullptr);  // ends the store's thread before the daemon
+}
+BENCHMARK(BM_KeyringReadSideBySide)->Iterations(2000)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -19,12 +19,20 @@ namespace quorvia::platform {
 class ConfigurableEnvironment final : public EnvironmentWrapper {
  public:
   /// Installs a fresh environment in `dataDirectory` with a main queue on
-  /// `clock`, no push service, and returns it for further changes.
-  static std::shared_ptr<ConfigurableEnvironment> install(std::filesystem::path dataDirectory,
-                                                          RunLoop::Clock clock,
-                                                          std::string appIdentifier = "quorvia") {
-    auto env = std::make_shared<ConfigurableEnvironment>(makeDesktopEnvironment(
-        {std::move(appIdentifier), std::move(dataDirectory), clock, /*push=*/false}));
+  /// `clock`, no push service, keychain items where `keychain` says (by
+  /// default the file, so that nothing reaches a real keyring unasked), and
+  /// returns it for further changes.
+  static std::shared_ptr<ConfigurableEnvironment> install(
+      std::filesystem::path dataDirectory, RunLoop::Clock clock,
+      std::string appIdentifier = "quorvia",
+      DesktopEnvironmentOptions::KeychainStorage keychain =
+          DesktopEnvironmentOptions::KeychainStorage::kFile) {
+    auto env = std::make_shared<ConfigurableEnvironment>(
+        makeDesktopEnvironment({.appIdentifier = std::move(appIdentifier),
+                                .dataDirectory = std::move(dataDirectory),
+                                .clock = clock,
+                                .push = false,
+                                .keychainStorage = keychain}));
     installEnvironment(env);
     return env;
   }

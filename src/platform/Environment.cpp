@@ -86,7 +86,10 @@ class DesktopEnvironment final : public Environment {
     return transport_.get([] { return makeCurlTransport(); });
   }
   std::shared_ptr<KeychainStore> keychainStore() override {
-    return keychain_.get([this] { return makeSQLiteKeychainStore(options_.dataDirectory); });
+    return keychain_.get([this] {
+      return makeDesktopKeychainStore(options_.keychainStorage, options_.dataDirectory,
+                                      options_.appIdentifier);
+    });
   }
   std::shared_ptr<UserDefaults> userDefaults() override {
     return defaults_.get(

@@ -19,7 +19,7 @@
 ///
 /// All four functions are safe to call from any thread; they run on the
 /// caller's thread against the environment's keychain store, on the desktop
-/// the SQLite store in dataDirectory().
+/// the Secret Service or the SQLite store in dataDirectory().
 
 #include <cstdint>
 
@@ -35,7 +35,8 @@ inline constexpr OSStatus errSecSuccess = 0;
 inline constexpr OSStatus errSecUnimplemented = -4;
 inline constexpr OSStatus errSecParam = -50;
 inline constexpr OSStatus errSecAllocate = -108;
-/// The store cannot be used: unreadable, refused for its file mode, or busy.
+/// The store cannot be used: unreadable, refused for its file mode, or busy;
+/// a keyring that is locked, does not answer in time, or is not there.
 inline constexpr OSStatus errSecNotAvailable = -25291;
 inline constexpr OSStatus errSecAuthFailed = -25293;
 inline constexpr OSStatus errSecDuplicateItem = -25299;

@@ -1,4 +1,6 @@
-// The credential layer over each item store, wrapped to record and fail keychain calls.
+// The credential layer over each item store (in memory, the SQLite file, and
+// the desktop's keyring: a real gnome-keyring-daemon on a private bus),
+// wrapped to record and fail keychain calls.
 
 #include <gtest/gtest.h>
 
@@ -9,6 +11,8 @@
 #include "platform/FaultInjectingKeychainStore.h"
 #include "platform/KeychainStore.h"
 #include "platform/Localization.h"
+#include "platform/keychain/SecretServiceKeychainStore.h"
+#include "support/KeyringDaemon.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia {
@@ -19,14 +23,37 @@ using platform::Error;
 using platform::Value;
 using Op = platform::FaultInjectingKeychainStore::Operation;
 
-class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParamInterface<bool> {
+enum class Store { kInMemory, kDurable, kKeyring };
+
+class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParamInterface<Store> {
  protected:
   void SetUp() override {
     PlatformTest::SetUp();
-    store_ = std::make_shared<platform::FaultInjectingKeychainStore>(
-        GetParam() ? platform::makeSQLiteKeychainStore(platform::dataDirectory())
-                   : platform::makeInMemoryKeychainStore());
+    std::shared_ptr<platform::KeychainStore> store;
+    switch (GetParam()) {
+      case Store::kInMemory:
+        store = platform::makeInMemoryKeychainStore();
+        break;
+      case Store::kDurable:
+        store = platform::makeSQLiteKeychainStore(platform::dataDirectory());
+        break;
+      case Store::kKeyring:
+        keyring_ = std::make_unique<testing::KeyringDaemon>(dataDir_ / "keyring");
+        ASSERT_TRUE(keyring_->ready) << "gnome-keyring-daemon did not start";
+        ::setenv("DBUS_SESSION_BUS_ADDRESS", keyring_->bus.address.c_str(), 1);
+        // Limits for a loaded machine: these tables are about answers, not time.
+        store = platform::makeSecretServiceKeychainStore(
+            "quorvia-test",
+            {std::chrono::seconds(5), std::chrono::seconds(5), std::chrono::seconds(10)});
+        break;
+    }
+    store_ = std::make_shared<platform::FaultInjectingKeychainStore>(store);
     env_->setKeychainStore(store_);
+  }
+  void TearDown() override {
+    env_->setKeychainStore(nullptr);
+    store_.reset();  // ends the keyring's thread before its daemon
+    PlatformTest::TearDown();
   }
   static LKKeychainQuery tokenQuery(
       LKKeychainQuerySynchronizationMode mode = LKKeychainQuerySynchronizationModeAny,
@@ -39,6 +66,7 @@ class LKKeychainTest : public testing::PlatformTest, public ::testing::WithParam
     return query;
   }
 
+  std::unique_ptr<testing::KeyringDaemon> keyring_;
   std::shared_ptr<platform::FaultInjectingKeychainStore> store_;
 };
 
@@ -193,8 +221,15 @@ TEST_P(LKKeychainTest, ConcurrentCallsFromTwoThreadsStayConsistent) {
   EXPECT_EQ(LKKeychain::allAccounts()->size(), 3u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Stores, LKKeychainTest, ::testing::Bool(),
-                         [](const auto& info) { return info.param ? "Durable" : "InMemory"; });
+const char* nameOf(Store store) {
+  constexpr const char* kNames[] = {"InMemory", "Durable", "Keyring"};
+  return kNames[static_cast<int>(store)];
+}
+void PrintTo(Store store, std::ostream* out) { *out << nameOf(store); }
+
+INSTANTIATE_TEST_SUITE_P(Stores, LKKeychainTest,
+                         ::testing::Values(Store::kInMemory, Store::kDurable, Store::kKeyring),
+                         [](const auto& info) { return std::string(nameOf(info.param)); });
 
 }  // namespace
 }  // namespace quorvia

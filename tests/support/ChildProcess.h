@@ -100,6 +100,8 @@ class ChildProcess final {
     return true;
   }
   const std::vector<std::string>& lines() const { return lines_; }
+  // Its process id, for signals the test sends it; -1 once it has ended.
+  pid_t pid() const { return pid_; }
   // Everything read from its output so far.
   const std::string& output() const { return text_; }
 
@@ -133,13 +135,13 @@ class ChildProcess final {
     ::waitpid(pid_, nullptr, 0);
     pid_ = -1;
   }
-
- private:
+  // Ends its input: it reads the end of the file.
   void closeInput() {
     if (input_ >= 0) ::close(input_);
     input_ = -1;
   }
 
+ private:
   pid_t pid_ = -1;
   int input_ = -1;
   int output_ = -1;

@@ -61,6 +61,7 @@ int main(int argc, char** argv) {
   std::string serviceURL;
   std::string pushBroker;
   bool strict = false;
+  std::string keychain = "file";
 
   CLI::App app{
       "quorvia-sim: plays a host application and the platform around the Quorvia SDK. Reads one "
@@ -83,6 +84,13 @@ int main(int argc, char** argv) {
   app.add_option("--push-broker", pushBroker,
                  "The MQTT broker the device registers with and pushes come through; default "
                  "$QUORVIA_PUSH_BROKER, else none (the deviceToken and push commands stand in)");
+  app.add_option("--keychain", keychain,
+                 "Where keychain items (the access token) are kept: \"file\" (keychain.sqlite in "
+                 "the data directory), \"keyring\" (the Secret Service on the session bus) or "
+                 "\"automatic\" (the keyring when one answers, else the file), as a desktop host "
+                 "has it")
+      ->check(CLI::IsMember({"file", "keyring", "automatic"}))
+      ->capture_default_str();
   app.add_flag("--strict", strict,
                "Exit 1 when any command was refused (an \"error\" event was written)");
   bool exit = false;
@@ -90,8 +98,12 @@ int main(int argc, char** argv) {
     return code;
   }
 
+  using Storage = quorvia::platform::DesktopEnvironmentOptions::KeychainStorage;
   auto environment = quorvia::platform::ConfigurableEnvironment::install(
-      dataDirectory, quorvia::platform::RunLoop::Clock::kReal, "quorvia-sim");
+      dataDirectory, quorvia::platform::RunLoop::Clock::kReal, "quorvia-sim",
+      keychain == "keyring"     ? Storage::kSecretService
+      : keychain == "automatic" ? Storage::kAutomatic
+                                : Storage::kFile);
   environment->setServiceBaseURL(serviceURL);
 
   std::shared_ptr<std::istream> input;

@@ -156,6 +156,18 @@ struct DesktopEnvironmentOptions {
   /// "mqtts://host:port". Empty: $QUORVIA_PUSH_BROKER, else
   /// "mqtt://127.0.0.1:1883".
   std::string pushBroker;
+  /// Where keychain items are kept, the service's access token among them.
+  /// kAutomatic: in the desktop's keyring, the Secret Service on the session
+  /// bus (GNOME Keyring, KWallet, KeePassXC), when one answers there, else in
+  /// the file "keychain.sqlite" of the data directory; one log line says
+  /// which, and items an earlier release kept in that file are moved into the
+  /// keyring once and the file removed. kSecretService: the keyring always;
+  /// while none answers, the token can be neither read nor kept. kFile: the
+  /// file always. The keyring never prompts: a locked keyring, or one that
+  /// does not answer a read within 10 ms (a write or connecting: 500 ms),
+  /// fails the call.
+  enum class KeychainStorage { kAutomatic, kSecretService, kFile };
+  KeychainStorage keychainStorage = KeychainStorage::kAutomatic;
 };
 
 /// The real desktop services, configured by `options`.

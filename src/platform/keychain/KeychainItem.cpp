@@ -217,6 +217,36 @@ Value attributesOf(const Item& item) {
   return a;
 }
 
+bool itemFromAttributes(const Value& attributes, Item* item) {
+  *item = Item{};
+  const auto text = [&](const char* key, std::string* out) {
+    const Value* v = valueForKey(attributes, key);
+    if (!v || !v->is_string()) return false;
+    *out = v->get<std::string>();
+    return true;
+  };
+  const auto optionalText = [&](const char* key, std::optional<std::string>* out) {
+    const Value* v = valueForKey(attributes, key);
+    if (v && v->is_string()) *out = v->get<std::string>();
+    return !v || v->is_string();
+  };
+  const auto date = [&](const char* key, double* out) {
+    const Value* v = valueForKey(attributes, key);
+    if (!v || !v->is_number()) return false;
+    *out = v->get<double>();
+    return true;
+  };
+  const Value* sync = valueForKey(attributes, kSecAttrSynchronizable);
+  const Value* data = valueForKey(attributes, kSecValueData);
+  return text(kSecAttrService, &item->service) && text(kSecAttrAccount, &item->account) &&
+         text(kSecAttrAccessGroup, &item->accessGroup) && sync &&
+         readBool(*sync, &item->synchronizable) && optionalText(kSecAttrLabel, &item->label) &&
+         optionalText(kSecAttrDescription, &item->description) &&
+         text(kSecAttrAccessible, &item->accessible) &&
+         date(kSecAttrCreationDate, &item->created) &&
+         date(kSecAttrModificationDate, &item->modified) && data && readData(*data, &item->data);
+}
+
 Value resultOf(const Search& search, const std::vector<const Item*>& found) {
   auto one = [&](const Item& item) {
     if (!search.returnAttributes) return dataValue(item.data);

@@ -70,6 +70,10 @@ OSStatus parseChanges(const Value& attributes, Changes* changes);
 /// The attribute dictionary of an item, keyed by the short attribute codes.
 Value attributesOf(const Item& item);
 
+/// The item an attribute dictionary of attributesOf() describes, its data
+/// taken from kSecValueData; false when a field is missing or mistyped.
+bool itemFromAttributes(const Value& attributes, Item* item);
+
 /// What a search returns for the items it found (at least one; only the
 /// first when the limit is one).
 Value resultOf(const Search& search, const std::vector<const Item*>& found);
