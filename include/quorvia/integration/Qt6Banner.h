@@ -2,8 +2,9 @@
 /// \file
 /// The SDK's banner in a Qt 6 widget window, header-only (the library links
 /// no toolkit): a transparent child widget over the host's content that draws
-/// the SDK's layer, takes the mouse only where the banner is, and follows the
-/// content's size and the window's activation.
+/// the SDK's layer, takes the mouse only where the banner is, sees the
+/// window's keys before its widgets (and keeps only the banner's), and
+/// follows the content's size, place and the window's activation.
 ///
 ///     QApplication app(argc, argv);
 ///     quorvia::integration::QtMainQueue queue;
@@ -14,6 +15,7 @@
 #include <QApplication>
 #include <QEvent>
 #include <QImage>
+#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPaintEvent>
 #include <QPainter>
@@ -42,9 +44,14 @@ class Qt6Banner final : public QWidget {
     content->installEventFilter(this);
     qApp->installEventFilter(this);
     host_.setRepaintCallback([this] { paintLayer(); });
+    host_.setScreenOriginCallback([this] {
+      const QPointF origin = QPointF(content_->mapToGlobal(QPoint(0, 0))) * devicePixelRatioF();
+      return platform::Point{origin.x(), origin.y()};
+    });
   }
   ~Qt6Banner() override {
     host_.setRepaintCallback(nullptr);
+    host_.setScreenOriginCallback(nullptr);
     qApp->removeEventFilter(this);
   }
 
@@ -79,6 +86,9 @@ class Qt6Banner final : public QWidget {
       case QEvent::MouseButtonRelease:
       case QEvent::MouseMove:
         return mouse(watched, static_cast<QMouseEvent*>(event));
+      case QEvent::KeyPress:
+      case QEvent::KeyRelease:
+        return key(watched, static_cast<QKeyEvent*>(event));
       default:
         return false;
     }
@@ -106,6 +116,41 @@ class Qt6Banner final : public QWidget {
       answer = host_.pointerMove(point);
     }
     return answer == platform::PointerAnswer::kTaken;
+  }
+
+  // Taken at the host's window, before Qt hands it to the focused widget:
+  // a key the SDK takes (only while keyboard focus is in the banner, or F6
+  // into it) reaches no widget, nor types anything.
+  bool key(QObject* watched, QKeyEvent* event) {
+    auto* window = qobject_cast<QWindow*>(watched);
+    if (!window || window != content_->window()->windowHandle()) return false;
+    const platform::Key key = keyOf(event->key());
+    const Qt::KeyboardModifiers m = event->modifiers();
+    const platform::KeyModifiers modifiers{
+        .shift = m.testFlag(Qt::ShiftModifier) || event->key() == Qt::Key_Backtab,
+        .control = m.testFlag(Qt::ControlModifier), .alt = m.testFlag(Qt::AltModifier),
+        .super = m.testFlag(Qt::MetaModifier)};
+    const platform::EventAnswer answer = event->type() == QEvent::KeyPress
+                                             ? host_.keyDown(key, modifiers)
+                                             : host_.keyUp(key, modifiers);
+    return answer == platform::EventAnswer::kTaken;
+  }
+  static platform::Key keyOf(int key) {
+    using platform::Key;
+    switch (key) {
+      case Qt::Key_Tab: case Qt::Key_Backtab: return Key::kTab;
+      case Qt::Key_Return: case Qt::Key_Enter: return Key::kEnter;
+      case Qt::Key_Space: return Key::kSpace;
+      case Qt::Key_Escape: return Key::kEscape;
+      case Qt::Key_Up: return Key::kUp;
+      case Qt::Key_Down: return Key::kDown;
+      case Qt::Key_Left: return Key::kLeft;
+      case Qt::Key_Right: return Key::kRight;
+      case Qt::Key_Home: return Key::kHome;
+      case Qt::Key_End: return Key::kEnd;
+      case Qt::Key_F6: return Key::kF6;
+      default: return Key::kOther;
+    }
   }
 
   // Paints what changed into the image, then asks Qt to show those parts.
