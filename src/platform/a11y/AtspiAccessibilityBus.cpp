@@ -36,6 +36,8 @@ constexpr const char* kSubtreePath = "/org/a11y/atspi/accessible";
 constexpr const char* kRootNode = "root";
 constexpr const char* kRootPath = "/org/a11y/atspi/accessible/root";
 constexpr const char* kNullPath = "/org/a11y/atspi/null";
+constexpr const char* kCachePath = "/org/a11y/atspi/cache";
+constexpr const char* kCache = "org.a11y.atspi.Cache";
 constexpr const char* kRegistryName = "org.a11y.atspi.Registry";
 constexpr const char* kSocketInterface = "org.a11y.atspi.Socket";
 constexpr const char* kLauncherName = "org.a11y.Bus";
@@ -147,6 +149,9 @@ constexpr const char* kIntrospection = R"xml(<node>
       <arg direction="in" type="u"/><arg direction="in" type="i"/><arg direction="in" type="i"/>
       <arg direction="out" type="b"/>
     </method>
+  </interface>
+  <interface name="org.a11y.atspi.Cache">
+    <method name="GetItems"><arg direction="out" type="a((so)(so)(so)iiassusau)"/></method>
   </interface>
   <interface name="org.a11y.atspi.Action">
     <property name="NActions" type="i" access="read"/>
@@ -315,6 +320,7 @@ struct MainSide {
   void answer(Call& call) {
     auto tree = this->tree.lock();
     if (!tree) return call.fail(kUnknownObject, "The window is gone");
+    if (call.path == kCachePath) return cache(call, *tree);
     std::uint64_t id = 0;
     if (call.path != kRootPath) {
       const std::string prefix = std::string(kSubtreePath) + "/";
@@ -330,7 +336,7 @@ struct MainSide {
     if (id && !element) {
       // A screen reader that held on to an element that went learns it is gone.
       if (call.interface == kAccessible && call.member == "GetState") {
-        return call.reply(states({kStateDefunct}));
+        return call.reply(g_variant_new("(@au)", stateList({kStateDefunct})));
       }
       return call.fail(kUnknownObject, "The element is gone");
     }
@@ -348,6 +354,48 @@ struct MainSide {
     const std::vector<AccessibleElement>& elements;
     const AccessibleElement* element;  // null: the application
   };
+
+  // What a screen reader caches of each object when it first meets the
+  // application, so that it need not ask for each on its own.
+  void cache(Call& call, AccessibilityBus::Tree& tree) {
+    const auto elements = tree.accessibleElements();
+    GVariantBuilder items;
+    g_variant_builder_init(&items, G_VARIANT_TYPE("a((so)(so)(so)iiassusau)"));
+    auto add = [&](const AccessibleElement* element) {
+      const Context c{tree, elements, element};
+      g_variant_builder_add_value(
+          &items, g_variant_new("(@(so)@(so)@(so)ii@assus@au)",
+                                reference(element ? element->id : 0), reference(0),
+                                parentReference(c), indexInParent(c),
+                                static_cast<gint32>(childrenOf(c).size()), interfacesOf(c),
+                                busString(element ? element->name : appName).c_str(),
+                                roleOf(element).first, "", statesOf(element)));
+    };
+    add(nullptr);
+    for (const auto& e : elements) add(&e);
+    call.reply(g_variant_new("(a((so)(so)(so)iiassusau))", &items));
+  }
+
+  // The interfaces an object implements ("as"), floating.
+  static GVariant* interfacesOf(const Context& c) {
+    GVariantBuilder list;
+    g_variant_builder_init(&list, G_VARIANT_TYPE("as"));
+    g_variant_builder_add(&list, "s", kAccessible);
+    g_variant_builder_add(&list, "s", c.element ? kComponent : kApplication);
+    if (c.element && c.element->focusable) g_variant_builder_add(&list, "s", kAction);
+    return g_variant_builder_end(&list);
+  }
+
+  static gint32 indexInParent(const Context& c) {
+    gint32 index = 0;  // the application is its desktop's business; 0 is what toolkits say
+    if (c.element) {
+      for (const auto& e : c.elements) {
+        if (&e == c.element) break;
+        if (e.parent == c.element->parent) ++index;
+      }
+    }
+    return index;
+  }
 
   std::vector<const AccessibleElement*> childrenOf(const Context& c) const {
     std::vector<const AccessibleElement*> children;
@@ -368,30 +416,22 @@ struct MainSide {
                          ? c.elements[parent].id
                          : 0);
   }
-  static GVariant* states(std::initializer_list<guint32> set) {
+  // A state set as AT-SPI sends it: two words of bits ("au"), floating.
+  static GVariant* stateList(const std::vector<guint32>& set) {
     guint32 bits[2] = {0, 0};
     for (guint32 s : set) bits[s / 32] |= 1u << (s % 32);
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE("au"));
-    g_variant_builder_add(&builder, "u", bits[0]);
-    g_variant_builder_add(&builder, "u", bits[1]);
-    return g_variant_new("(au)", &builder);
+    GVariant* words[2] = {g_variant_new_uint32(bits[0]), g_variant_new_uint32(bits[1])};
+    return g_variant_new_array(G_VARIANT_TYPE_UINT32, words, 2);
   }
-  static GVariant* statesOf(const AccessibleElement& e) {
-    guint32 bits[2] = {0, 0};
-    auto add = [&bits](guint32 s) { bits[s / 32] |= 1u << (s % 32); };
-    add(kStateEnabled);
-    add(kStateSensitive);
-    add(kStateVisible);  // listed elements are never hidden; showing says whether in sight
-    if (e.showing) add(kStateShowing);
-    if (e.focusable) add(kStateFocusable);
-    if (e.focused) add(kStateFocused);
-    if (e.modal) add(kStateModal);
-    GVariantBuilder builder;
-    g_variant_builder_init(&builder, G_VARIANT_TYPE("au"));
-    g_variant_builder_add(&builder, "u", bits[0]);
-    g_variant_builder_add(&builder, "u", bits[1]);
-    return g_variant_new("(au)", &builder);
+  static GVariant* statesOf(const AccessibleElement* e) {
+    if (!e) return stateList({});
+    // Listed elements are never hidden: "visible" always, "showing" when in sight.
+    std::vector<guint32> set = {kStateEnabled, kStateSensitive, kStateVisible};
+    if (e->showing) set.push_back(kStateShowing);
+    if (e->focusable) set.push_back(kStateFocusable);
+    if (e->focused) set.push_back(kStateFocused);
+    if (e->modal) set.push_back(kStateModal);
+    return stateList(set);
   }
   static std::pair<guint32, const char*> roleOf(const AccessibleElement* e) {
     if (!e) return {kRoleApplication, "application"};
@@ -484,16 +524,7 @@ struct MainSide {
       for (const auto* child : childrenOf(c)) g_variant_builder_add_value(&list, reference(child->id));
       return call.reply(g_variant_new("(a(so))", &list));
     }
-    if (m == "GetIndexInParent") {
-      gint32 index = 0;  // the application is its desktop's business; 0 is what toolkits say
-      if (c.element) {
-        for (const auto& e : c.elements) {
-          if (&e == c.element) break;
-          if (e.parent == c.element->parent) ++index;
-        }
-      }
-      return call.reply(g_variant_new("(i)", index));
-    }
+    if (m == "GetIndexInParent") return call.reply(g_variant_new("(i)", indexInParent(c)));
     if (m == "GetRelationSet") {
       return call.reply(g_variant_new("(@a(ua(so)))",
                                       g_variant_new_array(G_VARIANT_TYPE("(ua(so))"), nullptr, 0)));
@@ -502,20 +533,13 @@ struct MainSide {
     if (m == "GetRoleName" || m == "GetLocalizedRoleName") {
       return call.reply(g_variant_new("(s)", roleOf(c.element).second));
     }
-    if (m == "GetState") return call.reply(c.element ? statesOf(*c.element) : states({}));
+    if (m == "GetState") return call.reply(g_variant_new("(@au)", statesOf(c.element)));
     if (m == "GetAttributes") {
       return call.reply(
           g_variant_new("(@a{ss})", g_variant_new_array(G_VARIANT_TYPE("{ss}"), nullptr, 0)));
     }
     if (m == "GetApplication") return call.reply(g_variant_new("(@(so))", reference(0)));
-    if (m == "GetInterfaces") {
-      GVariantBuilder list;
-      g_variant_builder_init(&list, G_VARIANT_TYPE("as"));
-      g_variant_builder_add(&list, "s", kAccessible);
-      g_variant_builder_add(&list, "s", c.element ? kComponent : kApplication);
-      if (c.element && c.element->focusable) g_variant_builder_add(&list, "s", kAction);
-      return call.reply(g_variant_new("(as)", &list));
-    }
+    if (m == "GetInterfaces") return call.reply(g_variant_new("(@as)", interfacesOf(c)));
     call.fail(kNotSupported, "No such method");
   }
 
@@ -806,7 +830,13 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
     subtree_ = g_dbus_connection_register_subtree(
         connection_, kSubtreePath, &vtable, G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
         this, nullptr, &error);
-    if (subtree_ == 0) {
+    if (subtree_ != 0) {
+      static const GDBusInterfaceVTable cacheVTable = {&AtspiAccessibilityBus::onMethodCall,
+                                                       nullptr, nullptr, {}};
+      cache_ = g_dbus_connection_register_object(connection_, kCachePath, interfaceInfo(kCache),
+                                                 &cacheVTable, this, nullptr, &error);
+    }
+    if (subtree_ == 0 || cache_ == 0) {
       failed("the accessibility bus refused the SDK's objects", error);
       return;
     }
@@ -947,6 +977,7 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
     g_source_unref(deadline);
     if (!connection_) return;
     if (subtree_) g_dbus_connection_unregister_subtree(connection_, subtree_);
+    if (cache_) g_dbus_connection_unregister_object(connection_, cache_);
     g_signal_handler_disconnect(connection_, closedHandler_);
     g_dbus_connection_close(connection_, nullptr, nullptr, nullptr);
     g_object_unref(connection_);
@@ -966,6 +997,7 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
   GDBusConnection* connection_ = nullptr;
   gulong closedHandler_ = 0;
   guint subtree_ = 0;
+  guint cache_ = 0;
   int inFlight_ = 0;
   bool joined_ = false;
   bool off_ = false;
