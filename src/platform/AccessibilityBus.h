@@ -14,28 +14,6 @@
 
 namespace quorvia::platform {
 
-/// A state of an element that assistive technology follows.
-enum class AccessibleState { kShowing, kFocusable, kFocused, kModal };
-
-/// One change between two lists of elements, in the order a listener that
-/// keeps a copy of the tree applies them: removals first (from the back of
-/// each parent's children), then additions (parents before children, in
-/// order), then names and states.
-struct AccessibilityChange {
-  enum class Kind { kAdded, kRemoved, kNameChanged, kStateChanged };
-  Kind kind = Kind::kAdded;
-  std::uint64_t element = 0;
-  /// Added, removed: the element that holds it; 0 for the window itself.
-  std::uint64_t parent = 0;
-  /// Added, removed: its place among the parent's children (before a
-  /// removal, after an addition).
-  int index = 0;
-  /// State changes: which state and its new value.
-  AccessibleState state = AccessibleState::kShowing;
-  bool value = false;
-  bool operator==(const AccessibilityChange&) const = default;
-};
-
 /// What changed from `before` to `now`, two lists as
 /// HostWindow::accessibleElements() gives them.
 std::vector<AccessibilityChange> changesBetween(const std::vector<AccessibleElement>& before,

@@ -420,5 +420,28 @@ TEST_F(KeyboardTest, AccessibilityBusFollowsTheBanner) {
   (void)view;
 }
 
+// A host whose toolkit publishes its own tree hears the same changes, with the elements as they
+// are; the SDK then publishes no application of its own.
+TEST_F(KeyboardTest, HostObserverPublishesInsteadOfTheSdk) {
+  std::vector<AccessibilityChange> heard;
+  std::vector<AccessibleElement> last;
+  host_->setAccessibilityObserver(
+      [&](const std::vector<AccessibleElement>& now, const std::vector<AccessibilityChange>& c) {
+        last = now;
+        heard.insert(heard.end(), c.begin(), c.end());
+      });
+  present();
+  EXPECT_EQ(bus_->publishes, 0);
+  ASSERT_EQ(last.size(), 3u);
+  ASSERT_GE(heard.size(), 3u);
+  EXPECT_EQ(heard[0], (AccessibilityChange{AccessibilityChange::Kind::kAdded, last[0].id, 0, 0}));
+  heard.clear();
+  press(Key::kF6);
+  ASSERT_EQ(heard.size(), 1u);
+  EXPECT_EQ(heard[0].state, AccessibleState::kFocused);
+  EXPECT_EQ(heard[0].element, last[1].id);  // the close control
+  EXPECT_TRUE(last[1].focused);
+}
+
 }  // namespace
 }  // namespace quorvia

@@ -41,6 +41,9 @@ struct Host {
   const char* binary;
   const char* title;                     // of its window, for xdotool
   std::vector<std::string> environment;  // what its toolkit needs under Xvfb
+  // Whether the banner shows in the toolkit's own accessibility tree (Qt), rather than in an
+  // application of the SDK's own.
+  bool toolkitPublishesBanner = false;
 };
 
 inline std::ostream& operator<<(std::ostream& out, const Host& host) { return out << host.name; }
@@ -62,7 +65,7 @@ inline std::vector<Host> hostsBuilt() {
 #endif
 #ifdef QUORVIA_QT6_HOST_BINARY
   hosts.push_back({"qt6", QUORVIA_QT6_HOST_BINARY, "Quorvia Qt 6 host",
-                   {"QT_QPA_PLATFORM=xcb", "QT_ACCESSIBILITY=0"}});
+                   {"QT_QPA_PLATFORM=xcb", "QT_ACCESSIBILITY=0"}, true});
 #endif
   return hosts;
 }

@@ -116,11 +116,12 @@ TEST_P(KeyboardHostTest, PollIsAnsweredAndDismissedWithKeysAlone) {
   auto typed = fromNow(host, containing("host: typed abce"));
   ASSERT_TRUE(session.key("e"));
   EXPECT_FALSE(host.waitForLine(typed).empty()) << host.output();
-  // The test's session bus has no accessibility bus: the SDK said so once, and that was all.
+  // The test's session bus has no accessibility bus: the SDK said so once, and that was all
+  // (in Qt's tree the banner is Qt's to publish).
   std::size_t said = 0;
   for (const std::string& line : host.lines())
     said += line.find("screen readers do not see the banner") != std::string::npos;
-  EXPECT_EQ(said, 1u) << host.output();
+  EXPECT_EQ(said, GetParam().toolkitPublishesBanner ? 0u : 1u) << host.output();
 }
 
 INSTANTIATE_TEST_SUITE_P(Hosts, KeyboardHostTest, ::testing::ValuesIn(hostsBuilt()),

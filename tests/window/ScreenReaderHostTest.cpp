@@ -3,7 +3,8 @@
 // (tests/window/screen_reader.py, on Debian's python3-pyatspi) is the screen reader. It hears the
 // banner arrive, finds it by its role, reads the question and the options, opens it and answers
 // with the action "click", and the devserver records the answer; once the banner has slid out it
-// is gone from the tree.
+// is gone from the tree. The banner is an application of the SDK's own, or in Qt's host a part of
+// Qt's own tree.
 #include <sys/stat.h>
 
 #include "window/HostSession.h"
@@ -87,10 +88,13 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
   const int poll = session.createPoll("Tea or coffee?");
   ASSERT_GT(poll, 0);
   ASSERT_TRUE(session.push(poll));
-  // Heard as it slides in: the banner joins the application, with what it holds.
+  // Heard as it slides in: the banner joins the application (the SDK's own, or the toolkit's
+  // window it shows in), with what it holds.
   const json arrived = parsed(reader.waitForLine(heard("object:children-changed:add", "alert", "Poll")));
   ASSERT_TRUE(arrived.is_object()) << reader.output() << host.output();
-  EXPECT_EQ(arrived["source"]["role"], "application");
+  EXPECT_EQ(arrived["source"]["role"], GetParam().toolkitPublishesBanner ? "panel" : "application")
+      << arrived;
+  const std::string alertPath = arrived.value("path", "");
   ASSERT_FALSE(reader.waitForLine(heard("object:children-changed:add", "label", "Tea or coffee?")).empty())
       << reader.output();
   ASSERT_FALSE(host.waitForLine([](const std::string& l) {
@@ -118,7 +122,7 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
   for (const json* e : {question, close}) {
     for (const char* state : {"showing", "visible", "focusable", "enabled"})
       EXPECT_TRUE(has((*e)["states"], state)) << *e;
-    EXPECT_EQ((*e)["actions"], json::array({"click"})) << *e;
+    EXPECT_TRUE(has((*e)["actions"], "click")) << *e;
     const json& at = (*e)["extents"];
     EXPECT_GE(at[0].get<double>(), box[0].get<double>());
     EXPECT_GE(at[1].get<double>(), box[1].get<double>());
@@ -135,12 +139,11 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
       << reader.output();
   ASSERT_FALSE(host.waitForLine(showingElement("No")).empty()) << host.output();
   tree = ask("tree");
-  EXPECT_TRUE(has(tree["alert"]["states"], "modal")) << tree;
   for (const char* name : {"Yes", "No"}) {
     const json* option = child(tree, name);
     ASSERT_TRUE(option) << tree;
     EXPECT_EQ((*option)["role"], "push button");
-    EXPECT_EQ((*option)["actions"], json::array({"click"}));
+    EXPECT_TRUE(has((*option)["actions"], "click")) << *option;
     EXPECT_TRUE(has((*option)["states"], "showing")) << *option;
   }
   EXPECT_TRUE(has((*child(tree, "Tea or coffee?"))["states"], "focused")) << tree;
@@ -149,11 +152,11 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
   EXPECT_EQ(ask("focus No")["done"], true);
   ASSERT_FALSE(reader.waitForLine(heard("object:state-changed:focused", "push button", "No")).empty())
       << reader.output();
-  // What went cannot be asked its role any more: the application's child that went.
-  auto gone = fromNow(reader, [](const std::string& line) {
+  // What went cannot be asked its role any more: known by its path.
+  auto gone = fromNow(reader, [&](const std::string& line) {
     const json e = parsed(line);
     return e.is_object() && e.value("event", "") == "object:children-changed:remove" &&
-           e["source"].is_object() && e["source"].value("role", "") == "application";
+           e.value("path", "") == alertPath;
   });
   EXPECT_EQ(ask("click Yes")["done"], true);
   ASSERT_FALSE(host.waitForLine(containing("host: replied Yes ok")).empty()) << host.output();

@@ -46,14 +46,15 @@ def describe(accessible):
 
 
 def find_alert():
-    """The first element of role alert that an application holds, and the application."""
+    """The first element of role alert that an application holds, at any depth (in a
+    toolkit's own tree it lies inside the window), and the application."""
     desktop = pyatspi.Registry.getDesktop(0)
     for app in desktop:
         if app is None:
             continue
-        for child in app:
-            if child is not None and child.getRole() == pyatspi.ROLE_ALERT:
-                return app, child
+        alert = pyatspi.findDescendant(app, lambda a: a is not None and a.getRole() == pyatspi.ROLE_ALERT)
+        if alert is not None:
+            return app, alert
     return None, None
 
 
@@ -72,6 +73,8 @@ def on_event(event):
     try:
         message["source"] = {"role": event.source.getRoleName(), "name": event.source.name}
         if event.type.startswith("object:children-changed"):
+            # Its path is known without asking it: a child that went cannot be asked.
+            message["path"] = event.any_data.path if event.any_data is not None else None
             message["child"] = describe(event.any_data)
         else:
             message["detail1"] = event.detail1
@@ -112,7 +115,7 @@ def on_command(source, condition):
 
 def main():
     pyatspi.Registry.registerEventListener(
-        on_event, "object:children-changed", "object:state-changed:focused", "focus:")
+        on_event, "object:children-changed", "object:state-changed", "focus:")
     GLib.io_add_watch(sys.stdin, GLib.PRIORITY_DEFAULT, GLib.IO_IN | GLib.IO_HUP, on_command)
     # Reaching the desktop proves the registry answers.
     say({"ready": True, "applications": pyatspi.Registry.getDesktop(0).childCount})

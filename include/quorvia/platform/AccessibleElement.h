@@ -52,6 +52,29 @@ struct AccessibleElement {
   std::uint64_t id = 0;
 };
 
+/// A state of an element that assistive technology follows.
+enum class AccessibleState { kShowing, kFocusable, kFocused, kModal };
+
+/// One change between two lists of elements, in the order a copy of the
+/// tree takes them: removals first (from the back of each parent's
+/// children), then additions (parents before children, in order), then names
+/// and states.
+struct AccessibilityChange {
+  enum class Kind { kAdded, kRemoved, kNameChanged, kStateChanged };
+  Kind kind = Kind::kAdded;
+  /// The element's id.
+  std::uint64_t element = 0;
+  /// Added, removed: the id of the element that holds it; 0 for the window.
+  std::uint64_t parent = 0;
+  /// Added, removed: its place among the parent's children (after an
+  /// addition, before a removal).
+  int index = 0;
+  /// State changes: which state, and its new value.
+  AccessibleState state = AccessibleState::kShowing;
+  bool value = false;
+  bool operator==(const AccessibilityChange&) const = default;
+};
+
 /// "role x,y,w,h name" ("alert", "label", "button"; points to one decimal),
 /// with " hidden" before the name when it is not showing and " focused"
 /// when keyboard focus is on it: for logs and tests.

@@ -197,6 +197,16 @@ class QUORVIA_EXPORT HostWindow final {
   /// request); false when it is not focusable or not listed now.
   bool focusElement(std::uint64_t id);
 
+  /// A host whose toolkit publishes its own accessibility tree (Qt's
+  /// QAccessible) shows the banner there: it sets an observer, which hears
+  /// after each change the elements as they are now and what changed since it
+  /// last heard, on the main thread. Once one is set, the SDK does not
+  /// publish the banner as an application of its own on the accessibility
+  /// bus. Null removes it.
+  using AccessibilityObserver = std::function<void(const std::vector<AccessibleElement>& now,
+                                                   const std::vector<AccessibilityChange>& changes)>;
+  void setAccessibilityObserver(AccessibilityObserver observer);
+
   /// Where the window's top-left corner is on the screen, in the screen's
   /// pixels (on X11: the root window's coordinates). Called on the main
   /// thread whenever a screen reader asks where an element is, so that a

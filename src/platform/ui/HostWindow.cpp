@@ -81,6 +81,8 @@ struct HostWindow::State : std::enable_shared_from_this<HostWindow::State>,
   ScreenOriginCallback screenOriginCallback;
   std::shared_ptr<AccessibilityBus> bus;  // the SDK's own publication, once joined
   bool busAsked = false;
+  AccessibilityObserver observer;  // the host's publication instead
+  std::vector<AccessibleElement> observed;
   bool accessibilityFramePosted = false;
   RepaintCallback callback;
   detail::ScreenSnapshot painted;
@@ -141,19 +143,24 @@ struct HostWindow::State : std::enable_shared_from_this<HostWindow::State>,
   // Tells the accessibility bus what it shows now. The bus is joined at the
   // first banner, not at start-up: most runs of a host never show one.
   void updateAccessibility() {
-    if (!bus && busAsked) return;
+    if (!bus && busAsked && !observer) return;
     auto snapshot = tree.collect(*window, *keyboard);
-    if (!bus && !snapshot.nodes.empty()) {
+    if (!bus && !busAsked && !observer && !snapshot.nodes.empty()) {
       busAsked = true;
       bus = environment().accessibilityBus();
-      if (!bus) return;
-      bus->publish(weak_from_this());
+      if (bus) bus->publish(weak_from_this());
     }
-    if (bus) {
-      std::vector<AccessibleElement> elements;
-      elements.reserve(snapshot.nodes.size());
-      for (auto& node : snapshot.nodes) elements.push_back(std::move(node.element));
-      bus->update(elements);
+    std::vector<AccessibleElement> elements;
+    elements.reserve(snapshot.nodes.size());
+    for (auto& node : snapshot.nodes) elements.push_back(std::move(node.element));
+    if (bus) bus->update(elements);
+    if (observer) {
+      auto changes = changesBetween(observed, elements);
+      if (!changes.empty()) {
+        observed = elements;
+        auto call = observer;  // a copy: the host may replace it from inside
+        call(elements, changes);
+      }
     }
     // A banner sliding in from above the window comes into sight by itself.
     if (snapshot.animating && !accessibilityFramePosted) {
@@ -414,6 +421,18 @@ bool HostWindow::hasKeyboardFocus() const {
 bool HostWindow::pressElement(std::uint64_t id) { return state_->pressElement(id); }
 
 bool HostWindow::focusElement(std::uint64_t id) { return state_->focusElement(id); }
+
+void HostWindow::setAccessibilityObserver(AccessibilityObserver observer) {
+  State& s = *state_;
+  s.observer = std::move(observer);
+  s.observed.clear();
+  if (s.observer) {
+    // The host's toolkit publishes the banner: the SDK's own application goes.
+    s.bus.reset();
+    s.busAsked = true;
+  }
+  s.updateAccessibility();
+}
 
 void HostWindow::setScreenOriginCallback(ScreenOriginCallback origin) {
   state_->screenOriginCallback = std::move(origin);
