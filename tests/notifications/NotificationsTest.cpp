@@ -8,7 +8,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include "platform/push/NotificationActions.h"
@@ -23,6 +22,7 @@
 #include "sdk/SDKState.h"
 #include "support/ChildProcess.h"
 #include "support/LoopbackServer.h"
+#include "support/PrivateBus.h"
 #include "support/PlatformTest.h"
 #include "ui/QVNotificationView.h"
 
@@ -35,31 +35,6 @@ using platform::Value;
 
 constexpr const char* kPath = "/org/freedesktop/Notifications";
 constexpr const char* kInterface = "org.freedesktop.Notifications";
-
-/// A private session bus (dbus-daemon) started and ended by the test. It
-/// activates no services, so a notification daemon installed on the machine
-/// never joins the test. `address` is empty when it did not start.
-struct PrivateBus {
-  explicit PrivateBus(const std::filesystem::path& directory)
-      : daemon({"dbus-daemon", "--config-file=" + writeConfig(directory), "--nofork",
-                "--print-address"}),
-        // It prints its address, one line, once it listens.
-        address(daemon.waitForLine([](const std::string&) { return true; })) {}
-
-  static std::string writeConfig(const std::filesystem::path& directory) {
-    std::filesystem::create_directories(directory);
-    const std::string config = (directory / "bus.conf").string();
-    std::ofstream(config) << "<busconfig><type>session</type><listen>unix:dir="
-                          << directory.string()
-                          << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                             "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                             "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
-    return config;
-  }
-
-  ChildProcess daemon;  // ended by its PID with the test
-  std::string address;
-};
 
 struct NotifyCall {
   std::uint32_t id = 0;

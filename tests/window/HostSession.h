@@ -22,6 +22,7 @@
 
 #include "support/ChildProcess.h"
 #include "support/MosquittoBroker.h"
+#include "support/PrivateBus.h"
 #include "support/PlatformTest.h"
 
 namespace quorvia::testing {
@@ -181,29 +182,10 @@ class HostSession {
     }
     display_ = ":" + number;
     // A session bus that starts no service by itself: what a test needs on it, it starts.
-    {
-      std::ofstream config(dir_ / "session.conf");
-      config << R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
- "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
-<busconfig>
-  <type>session</type>
-  <listen>unix:dir=)" << dir_.string() << R"(</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow send_destination="*" eavesdrop="true"/>
-    <allow eavesdrop="true"/>
-    <allow own="*"/>
-  </policy>
-</busconfig>
-)";
-    }
-    bus_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + (dir_ / "session.conf").string(),
-                                 "--nofork", "--print-address"},
-        kMerged);
-    address_ = bus_->waitForLine(containing("unix:"));
+    bus_ = std::make_unique<PrivateBus>(dir_ / "bus");
+    address_ = bus_->address;
     if (address_.empty()) {
-      ADD_FAILURE() << bus_->output();
+      ADD_FAILURE() << bus_->daemon.output();
       return;
     }
     broker_ = std::make_unique<MosquittoBroker>(dir_ / "broker");
@@ -321,7 +303,9 @@ class HostSession {
   std::string display_, address_;
   int port_ = 0;
   bool ready_ = false;
-  std::unique_ptr<ChildProcess> xvfb_, bus_, server_;
+  std::unique_ptr<ChildProcess> xvfb_;
+  std::unique_ptr<PrivateBus> bus_;
+  std::unique_ptr<ChildProcess> server_;
   std::unique_ptr<MosquittoBroker> broker_;
   std::unique_ptr<httplib::Client> admin_;
   std::unique_ptr<ChildProcess> host_process_;
