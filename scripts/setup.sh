@@ -16,6 +16,8 @@ packages=(
   python3 procps curl
   chromium
   libsdl2-dev xvfb xdotool imagemagick
+  libgtk-4-dev qt6-base-dev
+  at-spi2-core python3-pyatspi libglib2.0-bin
 )
 
 if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi

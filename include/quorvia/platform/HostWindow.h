@@ -16,6 +16,12 @@
 ///   5. Optionally, say where the window is on the screen
 ///      (setScreenOriginCallback()), so that a screen reader finds the banner.
 ///
+/// A keyboard user reaches the banner with F6 and a screen reader finds it on
+/// the desktop's accessibility bus (AT-SPI), where the SDK publishes it as an
+/// application of its own from the first banner on, unless the host's toolkit
+/// shows it in its own tree (setAccessibilityObserver()). The guide's
+/// "Keyboard and screen readers" has the key table.
+///
 /// Threading: every member runs on the main thread, the one that drives
 /// platform::mainRunLoop(); the repaint callback is called there too.
 
