@@ -30,11 +30,11 @@ class FakeTree final : public platform::AccessibilityBus::Tree {
     AccessibleElement alert{AccessibleRole::kAlert, "Poll", platform::Rect::make(0, 20, 375, 330)};
     alert.showing = true;
     alert.id = 1;
-    AccessibleElement yes{AccessibleRole::kPushButton, "Yes", platform::Rect::make(10, 100, 355, 50), 0,
-                          true, true};
+    AccessibleElement yes{
+        AccessibleRole::kPushButton, "Yes", platform::Rect::make(10, 100, 355, 50), 0, true, true};
     yes.id = 2;
-    AccessibleElement question{AccessibleRole::kLabel, "Q?", platform::Rect::make(26, 60, 300, 20), 0,
-                               true, true};
+    AccessibleElement question{
+        AccessibleRole::kLabel, "Q?", platform::Rect::make(26, 60, 300, 20), 0, true, true};
     question.id = 3;
     return {alert, yes, question};
   }
@@ -85,10 +85,11 @@ class BusClient {
   bool connected() const { return connection_ != nullptr; }
 
   void actAsRegistry(bool nonsense) {
-    const std::string xml = std::string(
-                                "<node><interface name='org.a11y.atspi.Socket'><method name='Embed'>"
-                                "<arg type='(so)' direction='in'/><arg type='") +
-                            (nonsense ? "s" : "(so)") + "' direction='out'/></method></interface></node>";
+    const std::string xml =
+        std::string(
+            "<node><interface name='org.a11y.atspi.Socket'><method name='Embed'>"
+            "<arg type='(so)' direction='in'/><arg type='") +
+        (nonsense ? "s" : "(so)") + "' direction='out'/></method></interface></node>";
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(xml.c_str(), nullptr);
     static const GDBusInterfaceVTable vtable = {&BusClient::onEmbed, nullptr, nullptr, {}};
     nonsense_ = nonsense;
@@ -119,10 +120,10 @@ class BusClient {
     const gchar* name = nullptr;
     g_variant_get(parameters, "((&s&o))", &name, nullptr);
     g_dbus_method_invocation_return_value(
-        invocation, self->nonsense_ ? g_variant_new("(s)", "no")
-                                    : g_variant_new("((so))", g_dbus_connection_get_unique_name(
-                                                                  self->connection_),
-                                                    kRoot));
+        invocation,
+        self->nonsense_
+            ? g_variant_new("(s)", "no")
+            : g_variant_new("((so))", g_dbus_connection_get_unique_name(self->connection_), kRoot));
     std::lock_guard lock(self->mu_);
     self->embedded_ = name;
   }
@@ -168,12 +169,14 @@ class AccessibilityBusTest : public PlatformTest {
 TEST_F(AccessibilityBusTest, ABusThatCannotBeJoinedIsOneLine) {
   struct Case {
     const char* what;
-    std::string address;  // AT_SPI_BUS_ADDRESS; empty: the session bus's launcher is asked
+    std::string address;           // AT_SPI_BUS_ADDRESS; empty: the session bus's launcher is asked
     std::optional<bool> registry;  // none, or a registry that answers (nonsense or not)
     const char* says;
   };
   const Case cases[] = {
-      {"nothing listens there", "unix:path=" + (dataDir_ / "none").string(), {},
+      {"nothing listens there",
+       "unix:path=" + (dataDir_ / "none").string(),
+       {},
        "the accessibility bus cannot be reached"},
       {"not an address at all", "no bus here", {}, "is not a bus address"},
       {"a session bus without the launcher", "", {}, "no accessibility bus"},
@@ -235,8 +238,8 @@ TEST_F(AccessibilityBusTest, OddQuestionsGetAnswersOrErrors) {
       {object + "2", "org.a11y.atspi.Accessible", "GetRole", nullptr, "(uint32 43,)"},
       {object + "1", "org.a11y.atspi.Accessible", "GetChildAtIndex", g_variant_new("(i)", -1),
        "(('" + app + "', objectpath '/org/a11y/atspi/null'),)"},
-      {object + "1", "org.a11y.atspi.Accessible", "GetChildAtIndex", g_variant_new("(i)", 2147483647),
-       "(('" + app + "', objectpath '/org/a11y/atspi/null'),)"},
+      {object + "1", "org.a11y.atspi.Accessible", "GetChildAtIndex",
+       g_variant_new("(i)", 2147483647), "(('" + app + "', objectpath '/org/a11y/atspi/null'),)"},
       // Screen pixels: the window's origin plus the frame at scale 2.
       {object + "2", "org.a11y.atspi.Component", "GetExtents", g_variant_new("(u)", 0u),
        "((120, 250, 710, 100),)"},
@@ -276,9 +279,9 @@ TEST_F(AccessibilityBusTest, OddQuestionsGetAnswersOrErrors) {
     for (std::size_t i = 0; i < questions.size(); ++i) {
       const Question& q = questions[i];
       GError* error = nullptr;
-      GVariant* reply = g_dbus_connection_call_sync(client.connection(), app.c_str(), q.path.c_str(),
-                                                    q.interface, q.method, q.parameters, nullptr,
-                                                    G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, &error);
+      GVariant* reply = g_dbus_connection_call_sync(
+          client.connection(), app.c_str(), q.path.c_str(), q.interface, q.method, q.parameters,
+          nullptr, G_DBUS_CALL_FLAGS_NONE, 10'000, nullptr, &error);
       if (reply) {
         gchar* text = g_variant_print(reply, TRUE);
         answers[i] = text;
@@ -330,7 +333,8 @@ TEST_F(AccessibilityBusTest, OddQuestionsGetAnswersOrErrors) {
           [](GObject* source, GAsyncResult* result, gpointer data) {
             auto* a = static_cast<Ask*>(data);
             GError* error = nullptr;
-            GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
+            GVariant* reply =
+                g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
             std::lock_guard lock(*a->mu);
             ++*a->replies;
             if (reply) g_variant_unref(reply);
@@ -355,7 +359,8 @@ TEST_F(AccessibilityBusTest, OddQuestionsGetAnswersOrErrors) {
   });
   {
     std::unique_lock lock(mu);
-    EXPECT_TRUE(cv.wait_for(lock, std::chrono::seconds(20), [&] { return replies >= kFlood - 256; }))
+    EXPECT_TRUE(
+        cv.wait_for(lock, std::chrono::seconds(20), [&] { return replies >= kFlood - 256; }))
         << replies << " replies";
     EXPECT_EQ(busy, kFlood - 256);
   }

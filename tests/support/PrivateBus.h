@@ -18,7 +18,8 @@ struct PrivateBus {
                 "--print-address"},
                {.errorsInOutput = true}),
         // It prints its address, one line, once it listens.
-        address(daemon.waitForLine([](const std::string& l) { return l.rfind("unix:", 0) == 0; })) {}
+        address(daemon.waitForLine([](const std::string& l) { return l.rfind("unix:", 0) == 0; })) {
+  }
 
   static std::string writeConfig(const std::filesystem::path& directory) {
     std::filesystem::create_directories(directory);

@@ -97,7 +97,8 @@ class KeyboardTest : public testing::PlatformTest {
     for (std::size_t i = 0; i < transport_->requestCount(); ++i) {
       const auto request = transport_->request(i);
       std::string text = transport_->requestLines()[i];
-      for (const auto& [name, value] : request.allHTTPHeaderFields) text += "\n" + name + ": " + value;
+      for (const auto& [name, value] : request.allHTTPHeaderFields)
+        text += "\n" + name + ": " + value;
       sent.push_back(text + "\n\n" + transport_->bodyText(i));
     }
     return sent;
@@ -207,8 +208,11 @@ TEST_F(KeyboardTest, KeysDoWhatTapsDo) {
   const Case cases[] = {
       {"Enter on the card expands", {Key::kTab}, Key::kEnter, "Coffee?", false},
       {"Space on the card expands", {Key::kTab}, Key::kSpace, "Coffee?", false},
-      {"Enter on an option replies and hides", {Key::kTab, Key::kEnter, Key::kDown, Key::kDown},
-       Key::kEnter, "Option 2", true},
+      {"Enter on an option replies and hides",
+       {Key::kTab, Key::kEnter, Key::kDown, Key::kDown},
+       Key::kEnter,
+       "Option 2",
+       true},
       {"Space on the close control dismisses", {}, Key::kSpace, "Close", false},
       {"Escape dismisses from anywhere", {Key::kTab}, Key::kEscape, "Close", false},
   };
@@ -380,8 +384,8 @@ TEST_F(KeyboardTest, AccessibilityBusFollowsTheBanner) {
   press(Key::kF6);
   EXPECT_EQ(focusChanges(), (std::vector<std::pair<std::uint64_t, bool>>{{id("Close"), true}}));
   press(Key::kTab);
-  EXPECT_EQ(focusChanges(), (std::vector<std::pair<std::uint64_t, bool>>{
-                                {id("Close"), false}, {id("Coffee?"), true}}));
+  EXPECT_EQ(focusChanges(), (std::vector<std::pair<std::uint64_t, bool>>{{id("Close"), false},
+                                                                         {id("Coffee?"), true}}));
 
   // The screen reader's "click" on the question is the card's tap.
   auto tree = bus_->tree();

@@ -22,8 +22,8 @@
 
 #include "support/ChildProcess.h"
 #include "support/MosquittoBroker.h"
-#include "support/PrivateBus.h"
 #include "support/PlatformTest.h"
+#include "support/PrivateBus.h"
 
 namespace quorvia::testing {
 
@@ -56,17 +56,24 @@ inline std::vector<Host> hostsBuilt() {
 #ifdef QUORVIA_DESKTOP_HOST_BINARY
   // SDL's software renderer has the X server draw each frame before the present returns. SDL
   // drops a click that comes within 10 ms of the window's focus, as a test's click may.
-  hosts.push_back({"sdl", QUORVIA_DESKTOP_HOST_BINARY, "Quorvia desktop host",
-                   {"SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software",
-                    "SDL_MOUSE_FOCUS_CLICKTHROUGH=1"}});
+  hosts.push_back(
+      {"sdl",
+       QUORVIA_DESKTOP_HOST_BINARY,
+       "Quorvia desktop host",
+       {"SDL_VIDEODRIVER=x11", "SDL_RENDER_DRIVER=software", "SDL_MOUSE_FOCUS_CLICKTHROUGH=1"}});
 #endif
 #ifdef QUORVIA_GTK4_HOST_BINARY
-  hosts.push_back({"gtk4", QUORVIA_GTK4_HOST_BINARY, "Quorvia GTK 4 host",
+  hosts.push_back({"gtk4",
+                   QUORVIA_GTK4_HOST_BINARY,
+                   "Quorvia GTK 4 host",
                    {"GDK_BACKEND=x11", "GSK_RENDERER=cairo", "GTK_A11Y=none"}});
 #endif
 #ifdef QUORVIA_QT6_HOST_BINARY
-  hosts.push_back({"qt6", QUORVIA_QT6_HOST_BINARY, "Quorvia Qt 6 host",
-                   {"QT_QPA_PLATFORM=xcb", "QT_ACCESSIBILITY=0"}, true});
+  hosts.push_back({"qt6",
+                   QUORVIA_QT6_HOST_BINARY,
+                   "Quorvia Qt 6 host",
+                   {"QT_QPA_PLATFORM=xcb", "QT_ACCESSIBILITY=0"},
+                   true});
 #endif
   return hosts;
 }
@@ -86,8 +93,7 @@ inline std::vector<Element> elementsOf(const std::string& line) {
   std::vector<Element> elements;
   for (std::sregex_iterator m(line.begin(), line.end(), element), end; m != end; ++m) {
     elements.push_back({(*m)[1], (*m)[8], std::stod((*m)[2]), std::stod((*m)[3]),
-                        std::stod((*m)[4]), std::stod((*m)[5]), !(*m)[6].matched,
-                        (*m)[7].matched});
+                        std::stod((*m)[4]), std::stod((*m)[5]), !(*m)[6].matched, (*m)[7].matched});
   }
   return elements;
 }
@@ -168,10 +174,10 @@ class HostSession {
     std::printf("working in %s\n", dir_.c_str());
     // The X server picks a free display number and writes it once it is ready.
     xvfb_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"Xvfb", "-displayfd", "1", "-screen", "0",
-                                 std::to_string(kScreenWidth) + "x" +
-                                     std::to_string(kScreenHeight) + "x24",
-                                 "-nolisten", "tcp"},
+        std::vector<std::string>{
+            "Xvfb", "-displayfd", "1", "-screen", "0",
+            std::to_string(kScreenWidth) + "x" + std::to_string(kScreenHeight) + "x24", "-nolisten",
+            "tcp"},
         kMerged);
     const std::string number = xvfb_->waitForLine([](const std::string& l) {
       return !l.empty() && l.find_first_not_of("0123456789") == std::string::npos;
@@ -237,9 +243,8 @@ class HostSession {
         std::vector<std::string>{host_.binary, "--print-frames", "--app-token", kAppToken,
                                  "--service-url", "http://127.0.0.1:" + std::to_string(port_),
                                  "--push-broker", broker_->url(), "--data-dir",
-                                 (dir_ / "host").string(), "--width",
-                                 std::to_string(kScreenWidth), "--height",
-                                 std::to_string(kWindowHeight)},
+                                 (dir_ / "host").string(), "--width", std::to_string(kScreenWidth),
+                                 "--height", std::to_string(kWindowHeight)},
         ChildProcessOptions{.environment = environment, .errorsInOutput = true});
     return !host_process_->waitForLine(containing("host: ready")).empty() &&
            !host_process_->waitForLine(containing("host: registered")).empty();
@@ -249,7 +254,9 @@ class HostSession {
   std::optional<std::string> windowId() {
     return run(display_, std::string("xdotool search --sync --name '") + host_.title + "'");
   }
-  std::optional<std::string> rootId() { return run(display_, "xdotool search --maxdepth 0 --name ''"); }
+  std::optional<std::string> rootId() {
+    return run(display_, "xdotool search --maxdepth 0 --name ''");
+  }
 
   // Where the window is on the screen: the host says where things are in the window.
   bool windowOrigin(double& x, double& y) {
@@ -273,7 +280,9 @@ class HostSession {
   }
 
   // Types keys (xdotool's names) into the focused window, one after the other.
-  bool key(const std::string& keys) { return run(display_, "xdotool key --delay 0 " + keys).has_value(); }
+  bool key(const std::string& keys) {
+    return run(display_, "xdotool key --delay 0 " + keys).has_value();
+  }
 
   // The id of a new poll with the options "Yes" and "No", or -1.
   int createPoll(const std::string& question) {

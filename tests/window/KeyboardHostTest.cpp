@@ -36,16 +36,17 @@ TEST_P(KeyboardHostTest, PollIsAnsweredAndDismissedWithKeysAlone) {
   ASSERT_TRUE(session.key("a"));
   ASSERT_FALSE(host.waitForLine(containing("host: typed a")).empty()) << host.output();
   // The pointer out of the way of the banner: a hover is no key.
-  ASSERT_TRUE(run(session.display(), "xdotool mousemove --sync 187 " +
-                                         std::to_string(originY + kWindowHeight - 10)));
+  ASSERT_TRUE(run(session.display(),
+                  "xdotool mousemove --sync 187 " + std::to_string(originY + kWindowHeight - 10)));
 
   const int first = session.createPoll("Tea or coffee?");
   ASSERT_GT(first, 0);
   ASSERT_TRUE(session.push(first));
   ASSERT_FALSE(host.waitForLine([](const std::string& l) {
-                      const Element* poll = find(elementsOf(l), "Poll");
-                      return poll && poll->y == 20;
-                    }).empty())
+                     const Element* poll = find(elementsOf(l), "Poll");
+                     return poll && poll->y == 20;
+                   })
+                   .empty())
       << host.output();
   // A shown banner leaves the keyboard to the host until F6.
   ASSERT_TRUE(session.key("b"));
@@ -99,9 +100,10 @@ TEST_P(KeyboardHostTest, PollIsAnsweredAndDismissedWithKeysAlone) {
   ASSERT_GT(second, 0);
   ASSERT_TRUE(session.push(second));
   ASSERT_FALSE(host.waitForLine([](const std::string& l) {
-                      const Element* q = find(elementsOf(l), "Rain or shine?");
-                      return q && q->showing && find(elementsOf(l), "Poll")->y == 20;
-                    }).empty())
+                     const Element* q = find(elementsOf(l), "Rain or shine?");
+                     return q && q->showing && find(elementsOf(l), "Poll")->y == 20;
+                   })
+                   .empty())
       << host.output();
   step("F6", focusedElement("Close"), "focus on the close control");
   auto dismissed = fromNow(host, containing("host: replied Dismiss ok"));

@@ -26,8 +26,8 @@ auto heard(const std::string& type, const std::string& role, const std::string& 
     const json e = parsed(line);
     if (!e.is_object() || e.value("event", "") != type) return false;
     // An element that went may have left only an error to say about it.
-    const json who = e.value(type.rfind("object:children-changed", 0) == 0 ? "child" : "source",
-                             json());
+    const json who =
+        e.value(type.rfind("object:children-changed", 0) == 0 ? "child" : "source", json());
     return who.is_object() && who.value("role", "") == role &&
            (name.empty() || who.value("name", "") == name);
   };
@@ -85,8 +85,8 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
   };
 
   // The toolkits' own accessibility is on, as on a desktop with a screen reader.
-  ASSERT_TRUE(session.start({"GTK_A11Y=atspi", "QT_ACCESSIBILITY=1",
-                             "QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1"}))
+  ASSERT_TRUE(
+      session.start({"GTK_A11Y=atspi", "QT_ACCESSIBILITY=1", "QT_LINUX_ACCESSIBILITY_ALWAYS_ON=1"}))
       << session.host().output();
   ChildProcess& host = session.host();
   double originX = 0, originY = 0;
@@ -98,17 +98,20 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
   ASSERT_TRUE(session.push(poll));
   // Heard as it slides in: the banner joins the application (the SDK's own, or the toolkit's
   // window it shows in), with what it holds.
-  const json arrived = parsed(reader.waitForLine(heard("object:children-changed:add", "alert", "Poll")));
+  const json arrived =
+      parsed(reader.waitForLine(heard("object:children-changed:add", "alert", "Poll")));
   ASSERT_TRUE(arrived.is_object()) << reader.output() << host.output();
   EXPECT_EQ(arrived["source"]["role"], GetParam().toolkitPublishesBanner ? "panel" : "application")
       << arrived;
   const std::string alertPath = arrived.value("path", "");
-  ASSERT_FALSE(reader.waitForLine(heard("object:children-changed:add", "label", "Tea or coffee?")).empty())
+  ASSERT_FALSE(
+      reader.waitForLine(heard("object:children-changed:add", "label", "Tea or coffee?")).empty())
       << reader.output();
   ASSERT_FALSE(host.waitForLine([](const std::string& l) {
-                      const Element* p = find(elementsOf(l), "Poll");
-                      return p && p->y == 20;
-                    }).empty())
+                     const Element* p = find(elementsOf(l), "Poll");
+                     return p && p->y == 20;
+                   })
+                   .empty())
       << host.output();
 
   json tree = ask("tree");
@@ -141,10 +144,11 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
   // "click" on the question opens the banner, as a tap on the card does: its options join it,
   // and keyboard focus goes into it.
   EXPECT_EQ(ask("click Tea or coffee?")["done"], true);
-  ASSERT_FALSE(reader.waitForLine(heard("object:children-changed:add", "push button", "Yes")).empty())
+  ASSERT_FALSE(
+      reader.waitForLine(heard("object:children-changed:add", "push button", "Yes")).empty())
       << reader.output();
-  ASSERT_FALSE(reader.waitForLine(heard("object:state-changed:focused", "label", "Tea or coffee?"))
-                   .empty())
+  ASSERT_FALSE(
+      reader.waitForLine(heard("object:state-changed:focused", "label", "Tea or coffee?")).empty())
       << reader.output();
   ASSERT_FALSE(host.waitForLine(showingElement("No")).empty()) << host.output();
   tree = ask("tree");
@@ -159,7 +163,8 @@ TEST_P(ScreenReaderHostTest, PollIsReadAndAnsweredThroughTheAccessibilityBus) {
 
   // Its request for focus moves the keyboard's focus, and "click" answers.
   EXPECT_EQ(ask("focus No")["done"], true);
-  ASSERT_FALSE(reader.waitForLine(heard("object:state-changed:focused", "push button", "No")).empty())
+  ASSERT_FALSE(
+      reader.waitForLine(heard("object:state-changed:focused", "push button", "No")).empty())
       << reader.output();
   // What went cannot be asked its role any more: known by its path.
   auto gone = fromNow(reader, [&](const std::string& line) {

@@ -77,13 +77,15 @@ std::vector<AccessibilityChange> changesBetween(const std::vector<AccessibleElem
       renamed.element = e.id;
       changes.push_back(renamed);
     }
-    if (o.showing != e.showing) changes.push_back(state(e.id, AccessibleState::kShowing, e.showing));
+    if (o.showing != e.showing)
+      changes.push_back(state(e.id, AccessibleState::kShowing, e.showing));
     if (o.focusable != e.focusable) {
       changes.push_back(state(e.id, AccessibleState::kFocusable, e.focusable));
     }
     if (o.modal != e.modal) changes.push_back(state(e.id, AccessibleState::kModal, e.modal));
     if (o.focused != e.focused) {
-      (e.focused ? focusGained : focusLost).push_back(state(e.id, AccessibleState::kFocused, e.focused));
+      (e.focused ? focusGained : focusLost)
+          .push_back(state(e.id, AccessibleState::kFocused, e.focused));
     }
   }
   changes.insert(changes.end(), focusLost.begin(), focusLost.end());

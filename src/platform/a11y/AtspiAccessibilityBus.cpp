@@ -289,8 +289,8 @@ struct MainSide {
     }
   }
 
-  void signal(const std::string& path, const char* interface, const char* member,
-              const char* kind, int detail, GVariant* data) {
+  void signal(const std::string& path, const char* interface, const char* member, const char* kind,
+              int detail, GVariant* data) {
     GVariant* body = g_variant_new("(siiv@a{sv})", kind, detail, 0, data,
                                    g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0));
     // A bus that went away takes the event with it; nothing to do about it.
@@ -306,9 +306,7 @@ struct MainSide {
   GVariant* reference(std::uint64_t id) const {
     return g_variant_new("(so)", uniqueName.c_str(), pathOf(id).c_str());
   }
-  GVariant* nullReference() const {
-    return g_variant_new("(so)", uniqueName.c_str(), kNullPath);
-  }
+  GVariant* nullReference() const { return g_variant_new("(so)", uniqueName.c_str(), kNullPath); }
   static const AccessibleElement* find(const std::vector<AccessibleElement>& list,
                                        std::uint64_t id) {
     for (const auto& e : list) {
@@ -364,12 +362,12 @@ struct MainSide {
     auto add = [&](const AccessibleElement* element) {
       const Context c{tree, elements, element};
       g_variant_builder_add_value(
-          &items, g_variant_new("(@(so)@(so)@(so)ii@assus@au)",
-                                reference(element ? element->id : 0), reference(0),
-                                parentReference(c), indexInParent(c),
-                                static_cast<gint32>(childrenOf(c).size()), interfacesOf(c),
-                                busString(element ? element->name : appName).c_str(),
-                                roleOf(element).first, "", statesOf(element)));
+          &items,
+          g_variant_new("(@(so)@(so)@(so)ii@assus@au)", reference(element ? element->id : 0),
+                        reference(0), parentReference(c), indexInParent(c),
+                        static_cast<gint32>(childrenOf(c).size()), interfacesOf(c),
+                        busString(element ? element->name : appName).c_str(), roleOf(element).first,
+                        "", statesOf(element)));
     };
     add(nullptr);
     for (const auto& e : elements) add(&e);
@@ -407,9 +405,8 @@ struct MainSide {
   }
   GVariant* parentReference(const Context& c) const {
     if (!c.element) {
-      return desktopName.empty()
-                 ? nullReference()
-                 : g_variant_new("(so)", desktopName.c_str(), desktopPath.c_str());
+      return desktopName.empty() ? nullReference()
+                                 : g_variant_new("(so)", desktopName.c_str(), desktopPath.c_str());
     }
     const int parent = c.element->parent;
     return reference(parent >= 0 && static_cast<std::size_t>(parent) < c.elements.size()
@@ -521,7 +518,8 @@ struct MainSide {
     if (m == "GetChildren") {
       GVariantBuilder list;
       g_variant_builder_init(&list, G_VARIANT_TYPE("a(so)"));
-      for (const auto* child : childrenOf(c)) g_variant_builder_add_value(&list, reference(child->id));
+      for (const auto* child : childrenOf(c))
+        g_variant_builder_add_value(&list, reference(child->id));
       return call.reply(g_variant_new("(a(so))", &list));
     }
     if (m == "GetIndexInParent") return call.reply(g_variant_new("(i)", indexInParent(c)));
@@ -565,14 +563,14 @@ struct MainSide {
     } else if (type != kCoordWindow) {
       return std::nullopt;
     }
-    return std::array<int, 4>{clampToInt(origin.x + e.frame.x() * scale),
-                              clampToInt(origin.y + e.frame.y() * scale),
-                              clampToInt(e.frame.width() * scale),
-                              clampToInt(e.frame.height() * scale)};
+    return std::array<int, 4>{
+        clampToInt(origin.x + e.frame.x() * scale), clampToInt(origin.y + e.frame.y() * scale),
+        clampToInt(e.frame.width() * scale), clampToInt(e.frame.height() * scale)};
   }
 
   static bool contains(const std::array<int, 4>& box, gint32 x, gint32 y) {
-    return x >= box[0] && y >= box[1] && static_cast<long>(x) < static_cast<long>(box[0]) + box[2] &&
+    return x >= box[0] && y >= box[1] &&
+           static_cast<long>(x) < static_cast<long>(box[0]) + box[2] &&
            static_cast<long>(y) < static_cast<long>(box[1]) + box[3];
   }
 
@@ -632,7 +630,8 @@ struct MainSide {
     gint32 index = 0;
     g_variant_get(call.parameters, "(i)", &index);
     if (index != 0) return call.fail(kNotSupported, "No such action");
-    if (m == "DoAction") return call.reply(g_variant_new("(b)", c.tree.pressElement(c.element->id)));
+    if (m == "DoAction")
+      return call.reply(g_variant_new("(b)", c.tree.pressElement(c.element->id)));
     const char* text = m == "GetName" || m == "GetLocalizedName" ? kClickAction : "";
     call.reply(g_variant_new("(s)", text));
   }
@@ -831,8 +830,8 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
         connection_, kSubtreePath, &vtable, G_DBUS_SUBTREE_FLAGS_DISPATCH_TO_UNENUMERATED_NODES,
         this, nullptr, &error);
     if (subtree_ != 0) {
-      static const GDBusInterfaceVTable cacheVTable = {&AtspiAccessibilityBus::onMethodCall,
-                                                       nullptr, nullptr, {}};
+      static const GDBusInterfaceVTable cacheVTable = {
+          &AtspiAccessibilityBus::onMethodCall, nullptr, nullptr, {}};
       cache_ = g_dbus_connection_register_object(connection_, kCachePath, interfaceInfo(kCache),
                                                  &cacheVTable, this, nullptr, &error);
     }
@@ -863,7 +862,8 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
     const gchar* desktopPath = nullptr;
     g_variant_get(reply, "((&s&o))", &desktopName, &desktopPath);
     self->joined_ = true;
-    dispatch_async([main = self->main_, connection = G_DBUS_CONNECTION(g_object_ref(self->connection_)),
+    dispatch_async([main = self->main_,
+                    connection = G_DBUS_CONNECTION(g_object_ref(self->connection_)),
                     unique = std::string(g_dbus_connection_get_unique_name(self->connection_)),
                     name = std::string(desktopName), path = std::string(desktopPath)] {
       if (main->connection) g_object_unref(main->connection);
@@ -912,8 +912,8 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
   static const GDBusInterfaceVTable* dispatch(GDBusConnection*, const gchar*, const gchar*,
                                               const gchar*, const gchar* node, gpointer* target,
                                               gpointer data) {
-    static const GDBusInterfaceVTable vtable = {&AtspiAccessibilityBus::onMethodCall, nullptr,
-                                                nullptr, {}};
+    static const GDBusInterfaceVTable vtable = {
+        &AtspiAccessibilityBus::onMethodCall, nullptr, nullptr, {}};
     if (!isElementNode(node)) return nullptr;
     *target = data;
     return &vtable;

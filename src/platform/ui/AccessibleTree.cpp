@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "platform/ui/KeyboardFocus.h"
 #include "platform/Window.h"
+#include "platform/ui/KeyboardFocus.h"
 
 namespace quorvia::platform::detail {
 namespace {
