@@ -16,7 +16,9 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 procps curl
   chromium
-  libsdl2-dev libgtk-4-dev qt6-base-dev xvfb xdotool imagemagick notification-daemon
+  libsdl2-dev xvfb xdotool imagemagick notification-daemon
+  libgtk-4-dev qt6-base-dev
+  at-spi2-core python3-pyatspi libglib2.0-bin
 )
 
 if [ "$(id -u)" -eq 0 ]; then sudo=""; else sudo="sudo"; fi

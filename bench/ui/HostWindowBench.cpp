@@ -1,6 +1,6 @@
-// What an embedding host pays per frame: the banner's slide-in and its expansion painted into
-// a 750 x 1334 pixel buffer (375 x 667 points at scale 2) with damage tracking, and what an
-// idle host with a shown banner is asked to repaint (nothing).
+// What an embedding host pays per frame: the banner's slide-in, its expansion and keyboard focus
+// moving through it painted into a 750 x 1334 pixel buffer (375 x 667 points at scale 2) with
+// damage tracking, and what an idle host with a shown banner is asked to repaint (nothing).
 
 #include <benchmark/benchmark.h>
 
@@ -122,6 +122,35 @@ void BM_ExpandFrames(benchmark::State& state) {
   report(state, millis);
 }
 BENCHMARK(BM_ExpandFrames)->Unit(benchmark::kMillisecond)->Iterations(20);
+
+// Keyboard focus moving through an expanded banner: each Tab moves the focus ring, a repaint of
+// the rows it leaves and reaches, as a pointer's highlight of a row repaints that row.
+void BM_FocusMoveFrames(benchmark::State& state) {
+  Host& h = host();
+  std::vector<double> millis;
+  for (auto _ : state) {
+    state.PauseTiming();
+    auto view = h.present();
+    h.loop().advance(platform::seconds(0.35));
+    sdk::SDKState::shared().banner->notificationViewDidPressExpand(view);
+    h.loop().advance(platform::seconds(0.25));
+    h.paint();
+    h.window->focusBanner();
+    h.loop().advance(platform::seconds(kFrame));
+    h.paint();
+    state.ResumeTiming();
+    for (int i = 0; i < 10; ++i) {
+      h.window->keyDown(platform::Key::kTab);
+      h.window->keyUp(platform::Key::kTab);
+      h.frames(kFrame, millis);
+    }
+    state.PauseTiming();
+    h.clear(view);
+    state.ResumeTiming();
+  }
+  report(state, millis);
+}
+BENCHMARK(BM_FocusMoveFrames)->Unit(benchmark::kMillisecond)->Iterations(20);
 
 // A shown, settled banner and nothing else happening: ten seconds of the host's loop must not
 // ask for a single repaint.

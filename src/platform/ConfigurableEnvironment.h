@@ -50,6 +50,10 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
   void setNotificationPresenter(std::shared_ptr<NotificationPresenter> p) {
     set(&Slots::presenter, std::move(p));
   }
+  /// Null (the default) publishes nothing: tests never reach a real bus.
+  void setAccessibilityBus(std::shared_ptr<AccessibilityBus> bus) {
+    set(&Slots::accessibility, std::move(bus));
+  }
   void setSystemVersion(std::string version) { set(&Slots::systemVersion, std::move(version)); }
   void setReduceTransparency(bool reduce) { set(&Slots::reduceTransparency, reduce); }
   /// Read once per process, at the first service call: set it before.
@@ -82,6 +86,9 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
   std::shared_ptr<PushService> pushService() override { return get(&Slots::push); }
   std::shared_ptr<NotificationPresenter> notificationPresenter() override {
     return get(&Slots::presenter);
+  }
+  std::shared_ptr<AccessibilityBus> accessibilityBus() override {
+    return get(&Slots::accessibility);
   }
   DeviceInfo deviceInfo() override {
     DeviceInfo info = target().deviceInfo();
@@ -119,6 +126,7 @@ class ConfigurableEnvironment final : public EnvironmentWrapper {
     std::shared_ptr<UserDefaults> defaults;
     std::shared_ptr<PushService> push;
     std::shared_ptr<NotificationPresenter> presenter;
+    std::shared_ptr<AccessibilityBus> accessibility;
     std::string systemVersion;
     std::string serviceBaseURL;
     bool reduceTransparency = false;

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/AccessibilityBus.h"
 #include "platform/KeychainStore.h"
 #include "quorvia/platform/NotificationSettings.h"
 #include "quorvia/platform/NotificationPresenter.h"
@@ -108,6 +109,10 @@ class DesktopEnvironment final : public Environment {
     if (!options_.notifications) return nullptr;
     return presenter_.get([] { return makeFreedesktopNotificationPresenter(); });
   }
+  std::shared_ptr<AccessibilityBus> accessibilityBus() override {
+    if (!options_.accessibility) return nullptr;
+    return accessibility_.get([this] { return makeAtspiAccessibilityBus(options_.appIdentifier); });
+  }
   DeviceInfo deviceInfo() override {
     DeviceInfo info;
     info.appIdentifier = options_.appIdentifier;
@@ -132,6 +137,7 @@ class DesktopEnvironment final : public Environment {
   Lazy<UserDefaults> defaults_;
   Lazy<PushService> push_;
   Lazy<NotificationPresenter> presenter_;
+  Lazy<AccessibilityBus> accessibility_;
 };
 
 struct Installed {
@@ -155,6 +161,8 @@ std::optional<std::string> Environment::localizedString(std::string_view, std::s
 }
 
 std::optional<std::string> Environment::serviceBaseURL() { return std::nullopt; }
+
+std::shared_ptr<AccessibilityBus> Environment::accessibilityBus() { return nullptr; }
 
 std::optional<NotificationSettings> Environment::answerNotificationPermission(
     const NotificationSettings&) {

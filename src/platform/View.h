@@ -21,6 +21,7 @@
 
 namespace quorvia::platform {
 
+class KeyboardPane;
 class View;
 class Window;
 
@@ -164,6 +165,10 @@ class QUORVIA_EXPORT View : public std::enable_shared_from_this<View> {
   virtual bool setOutlet(std::string_view name, const std::shared_ptr<View>& view);
   /// Runs once after the view was loaded from a layout file and connected.
   virtual void awakeFromNib() {}
+
+  /// The pane keyboard focus can enter as a whole when this view is one (the
+  /// banner); null for every other view.
+  virtual KeyboardPane* keyboardPane() { return nullptr; }
 
   // Accessibility (UIAccessibility). A view with a role is an element of the
   // accessibility tree; an alert holds the elements inside it, any other

@@ -29,8 +29,14 @@ class QUORVIA_EXPORT Window final : public View {
   void touchCancel();
   /// touchDown then touchUp at `point`.
   void tap(Point point);
+  /// Ends a touch on `view` at its centre as touchUp() ends one, without the
+  /// touch's beginning: what a tap on it does, for the keyboard and for a
+  /// screen reader's "click".
+  void press(const std::shared_ptr<View>& view);
 
  private:
+  void endTouch(const std::shared_ptr<View>& view, Point point);
+
   double scale_ = 1;
   std::shared_ptr<View> touchView_;
   Point touchPoint_;

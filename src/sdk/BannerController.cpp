@@ -116,6 +116,8 @@ void BannerController::showOptionsForNotificationView(const std::shared_ptr<QVNo
 }
 
 void BannerController::hideNotificationView(const std::shared_ptr<QVNotificationView>& view) {
+  // A going banner is no place for keyboard focus: keys are the host's again.
+  if (view) view->endKeyboardFocus();
   auto window = platform::keyWindow();
   auto backdrop = window ? window->viewWithTag(kBackdropTag) : nullptr;
   platform::animateWithDuration(

@@ -10,8 +10,6 @@ constexpr unsigned kTopCorners = platform::kRectCornerTopLeft | platform::kRectC
 
 void QVNotificationHeaderCell::awakeFromNib() {
   TableViewCell::awakeFromNib();
-  // Its title is a symbol; a screen reader says what it does.
-  if (closeButton_) closeButton_->setAccessibilityLabel("Close");
   detail::scheduleContainerMask(std::static_pointer_cast<QVNotificationHeaderCell>(shared_from_this()),
                                 kCornerRadius, kTopCorners);
 }

@@ -1,5 +1,6 @@
 #include "ui/QVNotificationView.h"
 
+#include <algorithm>
 #include <mutex>
 
 #include "platform/Bundle.h"
@@ -203,6 +204,116 @@ bool QVNotificationView::performAction(std::string_view selector, const std::sha
   if (selector != "notificationTapped:") return false;
   notificationTapped();
   return true;
+}
+
+namespace {
+
+// Where `view` is in `ancestor`'s coordinates (model values).
+platform::Rect frameIn(const platform::View& view, const platform::View& ancestor) {
+  platform::Rect rect = view.frame();
+  for (auto v = view.superview(); v && v.get() != &ancestor; v = v->superview()) {
+    rect.origin.x += v->frame().x();
+    rect.origin.y += v->frame().y();
+  }
+  return rect;
+}
+
+platform::Rect unite(const platform::Rect& a, const platform::Rect& b) {
+  const double x = std::min(a.x(), b.x()), y = std::min(a.y(), b.y());
+  return platform::Rect::make(x, y, std::max(a.maxX(), b.maxX()) - x,
+                              std::max(a.maxY(), b.maxY()) - y);
+}
+
+constexpr double kRingRadius = 10.0;
+
+}  // namespace
+
+bool QVNotificationView::acceptsKeyboardFocus() const {
+  return !keyboardFocusEnded_ && superview() != nullptr;
+}
+
+std::shared_ptr<platform::Button> QVNotificationView::closeButton() {
+  auto header = std::dynamic_pointer_cast<QVNotificationHeaderCell>(
+      tableView_->cellForRowAtIndexPath({QVNotificationViewModel::kCardSection, 0}));
+  return header ? header->closeButton() : nullptr;
+}
+
+std::shared_ptr<platform::Label> QVNotificationView::questionLabel() {
+  auto text = std::dynamic_pointer_cast<QVNotificationTextCell>(
+      tableView_->cellForRowAtIndexPath({QVNotificationViewModel::kCardSection, 1}));
+  return text ? text->customLabel() : nullptr;
+}
+
+std::vector<std::shared_ptr<platform::View>> QVNotificationView::focusOrder() {
+  tableView_->layoutIfNeeded();
+  std::vector<std::shared_ptr<platform::View>> order;
+  if (auto close = closeButton()) order.push_back(close);
+  if (auto question = questionLabel()) order.push_back(question);
+  // Rows that do not fit are not made, as nothing scrolls: focus reaches
+  // what a finger reaches.
+  for (int row = 0; row < model_.numberOfRowsInSection(QVNotificationViewModel::kOptionsSection);
+       ++row) {
+    if (auto cell = tableView_->cellForRowAtIndexPath({QVNotificationViewModel::kOptionsSection, row})) {
+      order.push_back(cell);
+    }
+  }
+  return order;
+}
+
+std::size_t QVNotificationView::defaultFocus() {
+  // The card: what the user just opened.
+  tableView_->layoutIfNeeded();
+  return closeButton() && questionLabel() ? 1 : 0;
+}
+
+std::optional<std::size_t> QVNotificationView::cancelElement() {
+  tableView_->layoutIfNeeded();
+  return closeButton() ? std::optional<std::size_t>(0) : std::nullopt;
+}
+
+void QVNotificationView::showFocusRing(std::optional<std::size_t> index) {
+  const auto order = index ? focusOrder() : std::vector<std::shared_ptr<platform::View>>{};
+  if (!index || *index >= order.size()) {
+    if (focusRing_) focusRing_->removeFromSuperview();
+    return;
+  }
+  const auto& element = order[*index];
+  platform::Rect rect = frameIn(*element, *this);
+  unsigned corners = platform::kRectCornerAllCorners;
+  double radius = kRingRadius;
+  if (auto question = questionLabel(); element == question) {
+    // The card is the header and the question together, as a tap sees it.
+    auto header = std::dynamic_pointer_cast<QVNotificationHeaderCell>(
+        tableView_->cellForRowAtIndexPath({QVNotificationViewModel::kCardSection, 0}));
+    auto text = std::dynamic_pointer_cast<QVNotificationTextCell>(
+        tableView_->cellForRowAtIndexPath({QVNotificationViewModel::kCardSection, 1}));
+    if (text && text->containerView()) rect = frameIn(*text->containerView(), *this);
+    if (header && header->containerView()) rect = unite(frameIn(*header->containerView(), *this), rect);
+  } else if (auto option = std::dynamic_pointer_cast<QVNotificationActionCell>(element)) {
+    if (option->containerView()) rect = frameIn(*option->containerView(), *this);
+    const auto path = tableView_->indexPathForCell(option.get());
+    switch (model_.maskForOptionRow(path ? path->row : 0)) {
+      case QVNotificationViewModel::Mask::kTop:
+        corners = platform::kRectCornerTopLeft | platform::kRectCornerTopRight;
+        break;
+      case QVNotificationViewModel::Mask::kBottom:
+        corners = platform::kRectCornerBottomLeft | platform::kRectCornerBottomRight;
+        break;
+      case QVNotificationViewModel::Mask::kNone:
+        corners = 0;
+        break;
+    }
+  }
+  if (!focusRing_) focusRing_ = std::make_shared<platform::FocusRing>();
+  focusRing_->setFrame(rect);
+  focusRing_->setShape(radius, corners);
+  // Over the rows, whatever the table did to its subviews since.
+  if (subviews().empty() || subviews().back() != focusRing_) addSubview(focusRing_);
+}
+
+void QVNotificationView::endKeyboardFocus() {
+  keyboardFocusEnded_ = true;
+  showFocusRing(std::nullopt);
 }
 
 }  // namespace quorvia

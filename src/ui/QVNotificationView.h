@@ -7,6 +7,9 @@
 #include <memory>
 
 #include "quorvia/export.h"
+#include "platform/FocusRing.h"
+#include "platform/KeyboardPane.h"
+#include "platform/Label.h"
 #include "platform/TableView.h"
 #include "ui/QVNotificationHeaderCellDelegate.h"
 #include "ui/QVNotificationViewModel.h"
@@ -18,7 +21,8 @@ namespace quorvia {
 class QUORVIA_EXPORT QVNotificationView final : public platform::View,
                                                 public platform::TableViewDataSource,
                                                 public platform::TableViewDelegate,
-                                                public QVNotificationHeaderCellDelegate {
+                                                public QVNotificationHeaderCellDelegate,
+                                                public platform::KeyboardPane {
  public:
   /// Makes the banner with `frame` and builds its table (setup). Its rows are
   /// laid out by the files of the resource bundle "com.quorvia.sdk.ios"; one
@@ -63,9 +67,28 @@ class QUORVIA_EXPORT QVNotificationView final : public platform::View,
 
   bool performAction(std::string_view selector, const std::shared_ptr<void>& sender) override;
 
+  // Keyboard focus: a pane of the window, entered by F6. Focus visits the
+  // close control, the card and the options, top to bottom as they read; the
+  // card is its question, which a tap on expands. Expanded, the banner holds
+  // the keyboard as its backdrop holds the pointer.
+  platform::KeyboardPane* keyboardPane() override { return this; }
+  bool acceptsKeyboardFocus() const override;
+  bool isModal() const override { return showOptions() && acceptsKeyboardFocus(); }
+  std::vector<std::shared_ptr<platform::View>> focusOrder() override;
+  std::size_t defaultFocus() override;
+  std::optional<std::size_t> cancelElement() override;
+  void showFocusRing(std::optional<std::size_t> index) override;
+  /// The banner is going: keyboard focus leaves it and cannot come back.
+  void endKeyboardFocus();
+
  private:
+  std::shared_ptr<platform::Button> closeButton();
+  std::shared_ptr<platform::Label> questionLabel();
+
   QVNotificationViewModel model_;
   std::shared_ptr<platform::TableView> tableView_;
+  bool keyboardFocusEnded_ = false;
+  std::shared_ptr<platform::FocusRing> focusRing_;
 };
 
 }  // namespace quorvia

@@ -1,5 +1,7 @@
 #pragma once
-// A private session bus (dbus-daemon) started and ended by the test.
+// A private D-Bus message bus (dbus-daemon) started and ended by the test. It
+// activates no services, so nothing installed on the machine joins the test:
+// what a test needs on the bus, it starts itself.
 
 #include <filesystem>
 #include <fstream>
@@ -9,14 +11,15 @@
 
 namespace quorvia::testing {
 
-/// It activates no services, so a daemon installed on the machine never
-/// joins the test. `address` is empty when it did not start.
 struct PrivateBus {
+  /// Listens in `directory`; `address` is empty when it did not start.
   explicit PrivateBus(const std::filesystem::path& directory)
       : daemon({"dbus-daemon", "--config-file=" + writeConfig(directory), "--nofork",
-                "--print-address"}),
+                "--print-address"},
+               {.errorsInOutput = true}),
         // It prints its address, one line, once it listens.
-        address(daemon.waitForLine([](const std::string&) { return true; })) {}
+        address(daemon.waitForLine([](const std::string& l) { return l.rfind("unix:", 0) == 0; })) {
+  }
 
   static std::string writeConfig(const std::filesystem::path& directory) {
     std::filesystem::create_directories(directory);
@@ -25,7 +28,10 @@ struct PrivateBus {
                           << directory.string()
                           << "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
                              "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                             "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n";
+                             "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy>"
+                             // As a session bus allows: a client may wait for many answers.
+                             "<limit name=\"max_replies_per_connection\">50000</limit>"
+                             "</busconfig>\n";
     return config;
   }
 

@@ -30,6 +30,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "quorvia/platform/HostWindow.h"
@@ -118,9 +119,9 @@ class SdlMainQueue final {
 };
 
 /// Shows the SDK's banner in an SDL window drawn with an SDL_Renderer: it
-/// keeps the SDK's layer in a texture, forwards the mouse, the keyboard focus
-/// and the window's size, and asks the host to redraw (an
-/// SDL_WINDOWEVENT_EXPOSED event for the window) when the banner changed.
+/// keeps the SDK's layer in a texture, forwards the mouse, the keys, the
+/// window's focus, size and place on the screen, and asks the host to redraw
+/// (an SDL_WINDOWEVENT_EXPOSED event for the window) when the banner changed.
 class SdlBanner final {
  public:
   /// Make it before the SDK's first call, so the banner takes the window's width.
@@ -134,21 +135,38 @@ class SdlBanner final {
       expose.window.event = SDL_WINDOWEVENT_EXPOSED;
       SDL_PushEvent(&expose);
     });
+    // SDL's window position is its content's top-left in screen pixels on X11.
+    host_.setScreenOriginCallback([this] {
+      int x = 0, y = 0;
+      SDL_GetWindowPosition(window_, &x, &y);
+      return platform::Point{static_cast<double>(x), static_cast<double>(y)};
+    });
   }
   ~SdlBanner() {
     host_.setRepaintCallback(nullptr);
+    host_.setScreenOriginCallback(nullptr);
     if (texture_) SDL_DestroyTexture(texture_);
   }
   SdlBanner(const SdlBanner&) = delete;
   SdlBanner& operator=(const SdlBanner&) = delete;
 
-  /// Hands the SDK the events that are its own: mouse events, focus and size
-  /// changes of the window. True when the SDK took the event (a press on the
-  /// banner): the host must not act on it. Focus and size changes are
+  /// Hands the SDK the events that are its own: mouse events, keys, focus
+  /// and size changes of the window. True when the SDK took the event (a
+  /// press on the banner, a key while keyboard focus is in it, the text such
+  /// a key typed): the host must not act on it. Focus and size changes are
   /// reported and passed on.
   bool handleEvent(const SDL_Event& event) {
     // Mouse coordinates come in window units, which are the SDK's points.
     switch (event.type) {
+      case SDL_KEYDOWN:
+        // SDL follows a key with the text it types: that text goes with the key.
+        swallowText_ = taken(host_.keyDown(keyOf(event.key.keysym.sym),
+                                           modifiersOf(event.key.keysym.mod)));
+        return swallowText_;
+      case SDL_KEYUP:
+        return taken(host_.keyUp(keyOf(event.key.keysym.sym), modifiersOf(event.key.keysym.mod)));
+      case SDL_TEXTINPUT:
+        return std::exchange(swallowText_, false);
       case SDL_MOUSEBUTTONDOWN:
         return event.button.button == SDL_BUTTON_LEFT &&
                taken(host_.pointerDown({double(event.button.x), double(event.button.y)}));
@@ -192,8 +210,29 @@ class SdlBanner final {
   platform::HostWindow& host() { return host_; }
 
  private:
-  static bool taken(platform::PointerAnswer answer) {
-    return answer == platform::PointerAnswer::kTaken;
+  static bool taken(platform::EventAnswer answer) {
+    return answer == platform::EventAnswer::kTaken;
+  }
+  static platform::Key keyOf(SDL_Keycode key) {
+    using platform::Key;
+    switch (key) {
+      case SDLK_TAB: return Key::kTab;
+      case SDLK_RETURN: case SDLK_RETURN2: case SDLK_KP_ENTER: return Key::kEnter;
+      case SDLK_SPACE: return Key::kSpace;
+      case SDLK_ESCAPE: return Key::kEscape;
+      case SDLK_UP: return Key::kUp;
+      case SDLK_DOWN: return Key::kDown;
+      case SDLK_LEFT: return Key::kLeft;
+      case SDLK_RIGHT: return Key::kRight;
+      case SDLK_HOME: return Key::kHome;
+      case SDLK_END: return Key::kEnd;
+      case SDLK_F6: return Key::kF6;
+      default: return Key::kOther;
+    }
+  }
+  static platform::KeyModifiers modifiersOf(Uint16 mod) {
+    return {.shift = (mod & KMOD_SHIFT) != 0, .control = (mod & KMOD_CTRL) != 0,
+            .alt = (mod & KMOD_ALT) != 0, .super = (mod & KMOD_GUI) != 0};
   }
   static platform::Size pointSize(SDL_Window* window) {
     int w = 0, h = 0;
@@ -256,6 +295,7 @@ class SdlBanner final {
   int width_ = 0;
   int height_ = 0;
   bool straightAlpha_ = false;
+  bool swallowText_ = false;
 };
 
 }  // namespace quorvia::integration

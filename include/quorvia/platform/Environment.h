@@ -10,7 +10,8 @@
 /// Every replaceable service of the operating system sits behind this one
 /// object: the main queue and the clocks, the log sink, URL loading, the
 /// keychain and user-defaults stores, the push service, the notification
-/// presenter, device information and the data directory. Tests build their own
+/// presenter, the accessibility bus, device information and the data
+/// directory. Tests build their own
 /// and wrap a single service (EnvironmentWrapper) to inject a fault.
 
 #include <filesystem>
@@ -26,6 +27,7 @@
 
 namespace quorvia::platform {
 
+class AccessibilityBus;
 class KeychainStore;
 class NotificationPresenter;
 class PushService;
@@ -77,6 +79,9 @@ class QUORVIA_EXPORT Environment {
   virtual std::shared_ptr<PushService> pushService() = 0;
   /// Shows notifications with answer buttons; null when the platform has none.
   virtual std::shared_ptr<NotificationPresenter> notificationPresenter() = 0;
+  /// Publishes the banner to screen readers; null when the platform has none
+  /// (the default). Internal: hosts leave it to the desktop environment.
+  virtual std::shared_ptr<AccessibilityBus> accessibilityBus();
   /// The device's release, identifier and accessibility settings.
   virtual DeviceInfo deviceInfo() = 0;
   /// Where the app keeps its files (created 0700 by the first store that writes).
@@ -118,6 +123,9 @@ class QUORVIA_EXPORT EnvironmentWrapper : public Environment {
   std::shared_ptr<NotificationPresenter> notificationPresenter() override {
     return target_->notificationPresenter();
   }
+  std::shared_ptr<AccessibilityBus> accessibilityBus() override {
+    return target_->accessibilityBus();
+  }
   DeviceInfo deviceInfo() override { return target_->deviceInfo(); }
   std::filesystem::path dataDirectory() override { return target_->dataDirectory(); }
   std::optional<std::string> localizedString(std::string_view table,
@@ -148,6 +156,10 @@ struct DesktopEnvironmentOptions {
   /// Whether notifications are shown through the freedesktop Notifications
   /// service on the session bus (off: no notification presenter).
   bool notifications = true;
+  /// Whether a shown banner is published on the desktop's accessibility bus
+  /// (AT-SPI), where screen readers find it, as an application of its own.
+  /// It is joined at the first banner; without a bus, one log line says so.
+  bool accessibility = true;
   /// For development: the poll service's origin, e.g. "http://127.0.0.1:8765".
   /// Empty: $QUORVIA_SERVICE_BASE_URL, else the origin the library was built
   /// with. Production builds set it at build time and leave this empty.

@@ -9,10 +9,18 @@
 ///      resizes and setFocused() when it gains or loses focus.
 ///   2. Give it a repaint callback; when it fires, call paint() with the
 ///      host's pixel buffer and composite that buffer over the host's content.
-///   3. Forward pointer events; when an answer is kPassed, handle the event
-///      yourself.
+///   3. Forward pointer and key events; when an answer is kPassed, handle the
+///      event yourself.
 ///   4. Drive platform::mainRunLoop() from the host's loop (RunLoop.h:
 ///      wakeFileDescriptor(), timeUntilNextTimer(), drainOnce()).
+///   5. Optionally, say where the window is on the screen
+///      (setScreenOriginCallback()), so that a screen reader finds the banner.
+///
+/// A keyboard user reaches the banner with F6 and a screen reader finds it on
+/// the desktop's accessibility bus (AT-SPI), where the SDK publishes it as an
+/// application of its own from the first banner on, unless the host's toolkit
+/// shows it in its own tree (setAccessibilityObserver()). The guide's
+/// "Keyboard and screen readers" has the key table.
 ///
 /// Threading: every member runs on the main thread, the one that drives
 /// platform::mainRunLoop(); the repaint callback is called there too.
@@ -52,13 +60,46 @@ struct PixelBuffer {
   int stride = 0;
 };
 
-/// Whether the SDK took a pointer event or left it to the host.
-enum class PointerAnswer {
-  /// The event fell on the banner or its backdrop (or continues a press that
-  /// began there): the host must not act on it.
+/// Whether the SDK took an input event or left it to the host.
+enum class EventAnswer {
+  /// The event was the banner's (a press on it or its backdrop, a key while
+  /// keyboard focus is in it): the host must not act on it.
   kTaken,
-  /// The SDK draws nothing there: the host handles the event.
+  /// The event is the host's: the host handles it as if the SDK were not there.
   kPassed,
+};
+/// Pointer events are answered like every other event.
+using PointerAnswer = EventAnswer;
+
+/// A key, named for what it is rather than by a toolkit's code. The banner
+/// uses only these; a host reports every other key as kOther (it is passed
+/// unless an expanded banner holds the keyboard).
+enum class Key {
+  kOther,
+  kTab,
+  /// Return and the keypad's Enter.
+  kEnter,
+  kSpace,
+  kEscape,
+  kUp,
+  kDown,
+  kLeft,
+  kRight,
+  kHome,
+  kEnd,
+  /// Moves keyboard focus between the panes of a window, as desktops do:
+  /// into the banner and out of it.
+  kF6,
+};
+
+/// The modifier keys held with a key. A Shift+Tab that a toolkit reports as
+/// a key of its own (ISO_Left_Tab, Backtab) is kTab with shift.
+struct KeyModifiers {
+  bool shift = false;
+  bool control = false;
+  bool alt = false;
+  /// The logo (Windows, Command) key.
+  bool super = false;
 };
 
 /// The key window of the SDK, embedded in a host window. One per process.
@@ -121,6 +162,24 @@ class QUORVIA_EXPORT HostWindow final {
   /// The system took the pointer away (e.g. the window lost it).
   PointerAnswer pointerCancel();
 
+  /// Key events. While no banner is shown every key is passed, and the SDK
+  /// never takes typing from the host's widgets: keys are the banner's only
+  /// while keyboard focus is in it, which it enters by F6 (or focusBanner())
+  /// and leaves by F6, by a press on the host's content, or when the banner
+  /// goes. Inside, Tab and Shift+Tab, the arrows, Home and End move focus
+  /// among the banner's close control, its card and its options; Enter or
+  /// Space does what a tap there does; Escape does what the close control
+  /// does; any other key is passed. An expanded banner is modal: keyboard
+  /// focus is in it until it goes, and every key is its own. A key up is
+  /// taken when its key down was.
+  EventAnswer keyDown(Key key, KeyModifiers modifiers = {});
+  EventAnswer keyUp(Key key, KeyModifiers modifiers = {});
+  /// Moves keyboard focus into the banner, as F6 does; false when no banner
+  /// is shown. For hosts that offer their own way to reach it.
+  bool focusBanner();
+  /// Whether keyboard focus is in the banner now.
+  bool hasKeyboardFocus() const;
+
   /// The host's window gained or lost focus: the application becomes active
   /// (the SDK then fetches pending polls) or resigns active, through
   /// Application::setActive() on the main queue; while it is not active, a
@@ -136,6 +195,31 @@ class QUORVIA_EXPORT HostWindow final {
   /// options opening, the backdrop fading): the elements' frames are still
   /// changing.
   bool isAnimating() const;
+  /// Does what a tap on the element with `id` does (an option's reply, the
+  /// card's expansion, the close control's dismissal), through the same
+  /// path; false when no such element is listed now or it cannot be pressed.
+  bool pressElement(std::uint64_t id);
+  /// Moves keyboard focus to the element with `id` (a screen reader's
+  /// request); false when it is not focusable or not listed now.
+  bool focusElement(std::uint64_t id);
+
+  /// A host whose toolkit publishes its own accessibility tree (Qt's
+  /// QAccessible) shows the banner there: it sets an observer, which hears
+  /// after each change the elements as they are now and what changed since it
+  /// last heard, on the main thread. Once one is set, the SDK does not
+  /// publish the banner as an application of its own on the accessibility
+  /// bus. Null removes it.
+  using AccessibilityObserver = std::function<void(const std::vector<AccessibleElement>& now,
+                                                   const std::vector<AccessibilityChange>& changes)>;
+  void setAccessibilityObserver(AccessibilityObserver observer);
+
+  /// Where the window's top-left corner is on the screen, in the screen's
+  /// pixels (on X11: the root window's coordinates). Called on the main
+  /// thread whenever a screen reader asks where an element is, so that a
+  /// window that moved is always found where it is now. Without one (or
+  /// with null) the window counts as being at the screen's top-left corner.
+  using ScreenOriginCallback = std::function<Point()>;
+  void setScreenOriginCallback(ScreenOriginCallback origin);
 
   /// The key window; internal (the view tree is not part of a host's API).
   std::shared_ptr<Window> window() const;

@@ -76,9 +76,9 @@ std::string describe(const AccessibleElement& element) {
       break;
   }
   char box[128];
-  std::snprintf(box, sizeof box, "%s %.1f,%.1f,%.1f,%.1f%s ", role, element.frame.x(),
+  std::snprintf(box, sizeof box, "%s %.1f,%.1f,%.1f,%.1f%s%s ", role, element.frame.x(),
                 element.frame.y(), element.frame.width(), element.frame.height(),
-                element.showing ? "" : " hidden");
+                element.showing ? "" : " hidden", element.focused ? " focused" : "");
   return box + element.name;
 }
 

@@ -1,13 +1,18 @@
 #include "quorvia/platform/HostWindow.h"
 
+#include <bitset>
 #include <cmath>
 #include <string>
 
+#include "platform/AccessibilityBus.h"
 #include "platform/Log.h"
 #include "platform/Renderer.h"
 #include "platform/TableView.h"
+#include "platform/ui/AccessibleTree.h"
+#include "platform/ui/KeyboardFocus.h"
 #include "platform/ui/ScreenSnapshot.h"
 #include "quorvia/platform/Application.h"
+#include "quorvia/platform/Environment.h"
 #include "quorvia/platform/NotificationCenter.h"
 #include "quorvia/platform/RunLoop.h"
 #include "platform/Window.h"
@@ -22,6 +27,10 @@ constexpr double kDefaultScale = 2;
 constexpr double kMaxPixelsPerSide = 16384;
 // The slide and the fade are painted at 60 frames per second.
 constexpr double kFrameInterval = 1.0 / 60;
+// While something moves, a screen reader hears of what appears, goes or
+// scrolls into sight this often; where things are it asks when it needs to.
+constexpr double kAccessibilityInterval = 1.0 / 30;
+constexpr std::size_t kKeyCount = static_cast<std::size_t>(Key::kF6) + 1;
 
 bool finite(Point p) { return std::isfinite(p.x) && std::isfinite(p.y); }
 
@@ -63,8 +72,18 @@ View& pressTarget(View& view) {
 
 }  // namespace
 
-struct HostWindow::State : std::enable_shared_from_this<HostWindow::State> {
+struct HostWindow::State : std::enable_shared_from_this<HostWindow::State>,
+                           AccessibilityBus::Tree {
   std::shared_ptr<Window> window;
+  std::unique_ptr<detail::KeyboardFocus> keyboard;
+  detail::AccessibleTree tree;
+  std::bitset<kKeyCount> keysTaken;  // keys whose down was taken: their up is too
+  ScreenOriginCallback screenOriginCallback;
+  std::shared_ptr<AccessibilityBus> bus;  // the SDK's own publication, once joined
+  bool busAsked = false;
+  AccessibilityObserver observer;  // the host's publication instead
+  std::vector<AccessibleElement> observed;
+  bool accessibilityFramePosted = false;
   RepaintCallback callback;
   detail::ScreenSnapshot painted;
   bool fullRepaint = true;
@@ -102,6 +121,7 @@ struct HostWindow::State : std::enable_shared_from_this<HostWindow::State> {
   }
 
   void check() {
+    updateAccessibility();
     if (!callback || repaintRequested) return;
     const auto now = detail::ScreenSnapshot::take(*window);
     if (fullRepaint || !now.damageSince(painted).empty()) {
@@ -119,6 +139,73 @@ struct HostWindow::State : std::enable_shared_from_this<HostWindow::State> {
     auto hit = window->hitTest(point);
     return hit && hit != window;
   }
+
+  // Tells the accessibility bus what it shows now. The bus is joined at the
+  // first banner, not at start-up: most runs of a host never show one.
+  void updateAccessibility() {
+    if (!bus && busAsked && !observer) return;
+    auto snapshot = tree.collect(*window, *keyboard);
+    if (!bus && !busAsked && !observer && !snapshot.nodes.empty()) {
+      busAsked = true;
+      bus = environment().accessibilityBus();
+      if (bus) bus->publish(weak_from_this());
+    }
+    std::vector<AccessibleElement> elements;
+    elements.reserve(snapshot.nodes.size());
+    for (auto& node : snapshot.nodes) elements.push_back(std::move(node.element));
+    if (bus) bus->update(elements);
+    if (observer) {
+      auto changes = changesBetween(observed, elements);
+      if (!changes.empty()) {
+        observed = elements;
+        auto call = observer;  // a copy: the host may replace it from inside
+        call(elements, changes);
+      }
+    }
+    // A banner sliding in from above the window comes into sight by itself.
+    if (snapshot.animating && !accessibilityFramePosted) {
+      accessibilityFramePosted = true;
+      dispatch_after(seconds(kAccessibilityInterval), [weak = weak_from_this()] {
+        if (auto self = weak.lock()) {
+          self->accessibilityFramePosted = false;
+          self->updateAccessibility();
+        }
+      });
+    }
+  }
+
+  // The view of the element `id` as listed now, or null.
+  std::shared_ptr<View> viewOf(std::uint64_t id) {
+    if (id == 0) return nullptr;
+    for (auto& node : tree.collect(*window, *keyboard).nodes) {
+      if (node.element.id == id) return node.element.focusable ? node.view : nullptr;
+    }
+    return nullptr;
+  }
+
+  // AccessibilityBus::Tree
+  std::vector<AccessibleElement> accessibleElements() override {
+    return tree.elements(*window, *keyboard);
+  }
+  bool pressElement(std::uint64_t id) override {
+    auto view = viewOf(id);
+    if (!view) return false;
+    window->press(view);
+    keyboard->sync();
+    postCheck();
+    return true;
+  }
+  bool focusElement(std::uint64_t id) override {
+    auto view = viewOf(id);
+    if (!view || !keyboard->focus(*view)) return false;
+    updateAccessibility();
+    return true;
+  }
+  Point screenOrigin() override {
+    const Point origin = screenOriginCallback ? screenOriginCallback() : Point{};
+    return finite(origin) ? origin : Point{};
+  }
+  double scale() override { return window->scale(); }
 };
 
 namespace {
@@ -149,6 +236,7 @@ HostWindow::HostWindow(Size size, double scale) : state_(std::make_shared<State>
     state_->window = View::make<Window>(Rect{{0, 0}, size});
     app.setKeyWindow(state_->window);
   }
+  state_->keyboard = std::make_unique<detail::KeyboardFocus>(*state_->window);
   if (current().owner) debugLog("HostWindow: a second host window replaces the first");
   current().owner = state_.get();
   current().changed = [weak = std::weak_ptr<State>(state_)] {
@@ -249,7 +337,12 @@ PointerAnswer HostWindow::pointerDown(Point point) {
   }
   // A press whose release never came ends before the next begins.
   if (s.pressed) pointerCancel();
-  if (!s.overContent(point)) return PointerAnswer::kPassed;
+  const bool taken = s.overContent(point);
+  s.keyboard->pointerPressed(taken);
+  if (!taken) {
+    s.updateAccessibility();
+    return PointerAnswer::kPassed;
+  }
   s.pressed = s.window->touchDown(point);
   s.postCheck();  // an option row turns grey under the finger
   return PointerAnswer::kTaken;
@@ -291,6 +384,60 @@ PointerAnswer HostWindow::pointerCancel() {
   return PointerAnswer::kTaken;
 }
 
+EventAnswer HostWindow::keyDown(Key key, KeyModifiers modifiers) {
+  State& s = *state_;
+  auto index = static_cast<std::size_t>(key);
+  if (index >= kKeyCount) {
+    // Not one of ours (a cast from a toolkit's code): a key like any other.
+    key = Key::kOther;
+    index = 0;
+  }
+  const EventAnswer answer = s.keyboard->keyDown(key, modifiers);
+  s.keysTaken[index] = answer == EventAnswer::kTaken;
+  s.updateAccessibility();
+  return answer;
+}
+
+EventAnswer HostWindow::keyUp(Key key, KeyModifiers) {
+  State& s = *state_;
+  auto index = static_cast<std::size_t>(key);
+  if (index >= kKeyCount) index = 0;
+  if (!s.keysTaken[index]) return EventAnswer::kPassed;
+  s.keysTaken[index] = false;
+  return EventAnswer::kTaken;
+}
+
+bool HostWindow::focusBanner() {
+  const bool entered = state_->keyboard->enter();
+  state_->updateAccessibility();
+  return entered;
+}
+
+bool HostWindow::hasKeyboardFocus() const {
+  state_->keyboard->sync();
+  return state_->keyboard->inside();
+}
+
+bool HostWindow::pressElement(std::uint64_t id) { return state_->pressElement(id); }
+
+bool HostWindow::focusElement(std::uint64_t id) { return state_->focusElement(id); }
+
+void HostWindow::setAccessibilityObserver(AccessibilityObserver observer) {
+  State& s = *state_;
+  s.observer = std::move(observer);
+  s.observed.clear();
+  if (s.observer) {
+    // The host's toolkit publishes the banner: the SDK's own application goes.
+    s.bus.reset();
+    s.busAsked = true;
+  }
+  s.updateAccessibility();
+}
+
+void HostWindow::setScreenOriginCallback(ScreenOriginCallback origin) {
+  state_->screenOriginCallback = std::move(origin);
+}
+
 void HostWindow::setFocused(bool focused) {
   if (state_->focused == focused) return;
   state_->focused = focused;
@@ -299,40 +446,8 @@ void HostWindow::setFocused(bool focused) {
   dispatch_async([focused] { Application::sharedApplication().setActive(focused); });
 }
 
-namespace {
-
-// Collects the elements under `view`, whose on-screen frame is `frame` and
-// whose visible part (inside the window and every ancestor) is `visible`.
-void collectElements(View& view, Rect frame, Rect visible, int parent,
-                     std::vector<AccessibleElement>& out) {
-  if (view.isHidden() || view.presentationAlpha() <= 0) return;
-  const AccessibleRole role = view.accessibilityRole();
-  if (role != AccessibleRole::kNone) {
-    const bool showing = visible.width() > 0 && visible.height() > 0;
-    // A container that is entirely out of sight (a banner above the top
-    // edge, before it slides in or after it slid out) is not there at all.
-    if (role == AccessibleRole::kAlert && !showing) return;
-    out.push_back({role, view.accessibilityLabel().value_or(""), frame, parent, showing});
-    if (role != AccessibleRole::kAlert) return;  // one element for all it holds
-    parent = static_cast<int>(out.size()) - 1;
-  }
-  for (const auto& sub : view.subviews()) {
-    const Rect f = sub->presentationFrame();
-    const Rect subFrame{{frame.x() + f.x(), frame.y() + f.y()}, f.size};
-    collectElements(*sub, subFrame, intersection(visible, subFrame), parent, out);
-  }
-}
-
-}  // namespace
-
 std::vector<AccessibleElement> HostWindow::accessibleElements() const {
-  std::vector<AccessibleElement> elements;
-  const Rect bounds = state_->window->bounds();
-  for (const auto& view : state_->window->subviews()) {
-    const Rect frame = view->presentationFrame();
-    collectElements(*view, frame, intersection(bounds, frame), -1, elements);
-  }
-  return elements;
+  return state_->accessibleElements();
 }
 
 bool HostWindow::isAnimating() const {

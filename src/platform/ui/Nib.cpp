@@ -64,6 +64,13 @@ std::optional<Color> color(const Value& node, const char* key) {
 void configure(View& view, const Value& node) {
   if (auto c = color(node, "backgroundColor")) view.setBackgroundColor(*c);
   if (auto tag = number(node, "tag")) view.setTag(static_cast<int>(*tag));
+  // As a layout file says it: a decorative view is no element of its own,
+  // and a control drawn as a symbol is read by its name.
+  if (const Value* element = valueForKey(node, "isAccessibilityElement");
+      element && element->is_boolean() && !element->get<bool>()) {
+    view.setAccessibilityRole(AccessibleRole::kNone);
+  }
+  if (auto name = text(node, "accessibilityLabel"); !name.empty()) view.setAccessibilityLabel(name);
   if (auto* label = dynamic_cast<Label*>(&view)) {
     const std::string content = text(node, dynamic_cast<Button*>(&view) ? "title" : "text");
     label->setText(content);

@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "platform/BlurView.h"
+#include "platform/FocusRing.h"
 #include "platform/Label.h"
 #include "platform/ui/TextLayout.h"
 
@@ -96,6 +97,7 @@ class Painter {
       drawn_ = true;
     }
     if (label) drawText(*label, bounds);
+    if (auto* ring = dynamic_cast<FocusRing*>(&view)) drawRing(*ring, bounds, own);
     for (const auto& sub : view.subviews()) draw(*sub, own);
     if (group) {
       cairo_pop_group_to_source(cr_);
@@ -118,6 +120,20 @@ class Painter {
     cairo_move_to(cr_, 0, std::max(0.0, (bounds.height() - textHeight) / 2));
     pango_cairo_show_layout(cr_, layout);
     g_object_unref(layout);
+  }
+
+  // One stroke just inside the bounds, so that it lies on what it surrounds.
+  void drawRing(const FocusRing& ring, const Rect& bounds, double alpha) {
+    const double half = FocusRing::kLineWidth / 2;
+    if (bounds.width() <= FocusRing::kLineWidth || bounds.height() <= FocusRing::kLineWidth) return;
+    drawn_ = true;
+    const double radius = std::max(0.0, ring.cornerRadius() - half);
+    roundedPath(cr_, BezierPath::bezierPathWithRoundedRect(
+                         Rect::make(half, half, bounds.width() - 2 * half, bounds.height() - 2 * half),
+                         ring.corners(), Size{radius, radius}));
+    setColor(cr_, FocusRing::kColor.colorWithAlphaComponent(FocusRing::kColor.alpha * alpha));
+    cairo_set_line_width(cr_, FocusRing::kLineWidth);
+    cairo_stroke(cr_);
   }
 
   // Blurs what is already drawn behind the view by shrinking it and stretching

@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "platform/BlurView.h"
+#include "platform/FocusRing.h"
 #include "platform/Label.h"
 #include "platform/Window.h"
 
@@ -51,6 +52,11 @@ class Collector {
       item.maskPath = mask->path();
     }
     item.blur = dynamic_cast<BlurView*>(&view) != nullptr;
+    if (auto* ring = dynamic_cast<FocusRing*>(&view)) {
+      item.ring = true;
+      item.ringRadius = ring->cornerRadius();
+      item.ringCorners = ring->corners();
+    }
     if (auto* label = dynamic_cast<Label*>(&view)) {
       item.text = label->text();
       item.font = label->font();
@@ -82,7 +88,8 @@ bool ScreenItem::samePixels(const ScreenItem& o) const {
   return below == o.below && sameRect(rect, o.rect) && alpha == o.alpha &&
          background == o.background && hasMask == o.hasMask &&
          (!hasMask || (maskFrame == o.maskFrame && samePath(maskPath, o.maskPath))) &&
-         blur == o.blur && text == o.text && font == o.font && textColor == o.textColor &&
+         blur == o.blur && ring == o.ring && ringRadius == o.ringRadius &&
+         ringCorners == o.ringCorners && text == o.text && font == o.font && textColor == o.textColor &&
          alignment == o.alignment;
 }
 

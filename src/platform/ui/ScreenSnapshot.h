@@ -28,6 +28,9 @@ struct ScreenItem {
   Rect maskFrame;
   BezierPath maskPath;
   bool blur = false;
+  bool ring = false;  // a focus ring: its shape
+  double ringRadius = 0;
+  unsigned ringCorners = 0;
   std::string text;  // labels: text, font, colour and alignment
   std::string font;
   Color textColor;

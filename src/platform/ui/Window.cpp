@@ -28,8 +28,22 @@ std::shared_ptr<View> Window::touchDown(Point point) {
 void Window::touchUp() {
   auto view = std::move(touchView_);
   touchView_.reset();
+  if (view) endTouch(view, touchPoint_);
+}
+
+void Window::press(const std::shared_ptr<View>& view) {
   if (!view) return;
-  const TouchSet touches{Touch{touchPoint_}};
+  layoutIfNeeded();
+  Point centre{view->frame().width() / 2, view->frame().height() / 2};
+  for (View* v = view.get(); v->superview(); v = v->superview().get()) {
+    centre.x += v->frame().x();
+    centre.y += v->frame().y();
+  }
+  endTouch(view, centre);
+}
+
+void Window::endTouch(const std::shared_ptr<View>& view, Point point) {
+  const TouchSet touches{Touch{point}};
   if (auto button = nearest<Button>(view)) {
     view->touchesEnded(touches);
     button->sendActions();
