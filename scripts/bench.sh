@@ -148,7 +148,8 @@ rows.append(("push: publish to delegate, p99", "push_bench",
 t = us("BM_PushOnePollToTenThousandDevices")
 row("push fan-out: one poll to 10,000 devices", "devserver_bench", t, fmt_time(t), "-", 2e6)
 for name, label in (("BM_SlideInFrames", "window: slide-in frame, p99"),
-                    ("BM_ExpandFrames", "window: expand frame, p99")):
+                    ("BM_ExpandFrames", "window: expand frame, p99"),
+                    ("BM_FocusMoveFrames", "window: keyboard focus move frame, p99")):
     frames = runs.get(name, {})
     p99 = frames.get("p99_ms")
     rows.append((label, "host_window_bench", "n/a" if p99 is None else f"{p99:.2f} ms",
@@ -210,6 +211,7 @@ targets = {
     "push: publish to delegate, p99": "< 20 ms",
     "push fan-out: one poll to 10,000 devices": "< 2 s",
     "window: slide-in frame, p99": "< 4 ms",
+    "window: keyboard focus move frame, p99": "< 4 ms",
     "window: expand frame, p99": "< 4 ms",
     "window: repaints of an idle shown banner": "0",
     "cached hit": "< 5 µs",
