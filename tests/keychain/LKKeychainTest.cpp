@@ -8,7 +8,7 @@
 
 #include "keychain/LKKeychain.h"
 #include "platform/Device.h"
-#include "platform/FaultInjectingKeychainStore.h"
+#include "support/FaultInjectingKeychainStore.h"
 #include "platform/KeychainStore.h"
 #include "platform/Localization.h"
 #include "platform/keychain/SecretServiceKeychainStore.h"

@@ -1,4 +1,4 @@
-#include "platform/FaultInjectingKeychainStore.h"
+#include "support/FaultInjectingKeychainStore.h"
 
 #include <utility>
 

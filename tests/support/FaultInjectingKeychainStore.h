@@ -7,7 +7,6 @@
 #include <mutex>
 #include <vector>
 
-#include "quorvia/export.h"
 #include "platform/KeychainStore.h"
 
 namespace quorvia::platform {
@@ -15,7 +14,7 @@ namespace quorvia::platform {
 /// Wraps a store to record every call and to answer a chosen call with a
 /// chosen status instead of reaching the wrapped store (to exercise "device
 /// locked" and other failure paths). Thread-safe.
-class QUORVIA_EXPORT FaultInjectingKeychainStore final : public KeychainStore {
+class FaultInjectingKeychainStore final : public KeychainStore {
  public:
   enum class Operation { kAdd, kUpdate, kDelete, kCopyMatching };
 
