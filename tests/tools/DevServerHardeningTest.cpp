@@ -55,6 +55,21 @@ class RawConnection final {
     return answer;
   }
 
+  // Everything the server sends until it closes the connection; nullopt when it has not closed
+  // it by `deadline`.
+  std::optional<std::string> receiveUntilClosed(Clock::time_point deadline) {
+    std::string answer;
+    for (;;) {
+      auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      pollfd fds{fd_, POLLIN, 0};
+      char buffer[4096];
+      if (left.count() <= 0 || poll(&fds, 1, static_cast<int>(left.count())) <= 0) return {};
+      ssize_t n = recv(fd_, buffer, sizeof buffer, 0);
+      if (n <= 0) return answer;
+      answer.append(buffer, static_cast<size_t>(n));
+    }
+  }
+
   // Sends `head` (announcing a chunked body, ending in a blank line), then 1 MiB chunks until
   // the server answers or closes, or `limit` bytes went out. Returns the body bytes sent.
   size_t sendEndlessChunkedBody(const std::string& head, size_t limit) {
@@ -77,6 +92,10 @@ class RawConnection final {
 };
 
 constexpr auto kBound = std::chrono::seconds(20);
+// For answers due at once: generous for a loaded machine, far below the request deadlines the
+// tests below set, which an answer that waited on them would need.
+constexpr auto kAtOnce = std::chrono::seconds(5);
+constexpr auto kLongDeadline = std::chrono::minutes(2);
 
 TEST_F(DevServerTest, OversizedTruncatedOrGarbledRequestsAreRefusedAndStoreNothing) {
   EXPECT_EQ(statusOf(sdk("/endpoints/", "", std::string(kMaxBody + 1, 'x'))), 413);
@@ -134,6 +153,25 @@ TEST_F(DevServerTest, SlowRequestsAreCutAtTheirDeadlineWithoutHoldingUpOthers) {
   EXPECT_EQ(statusOf(normal.Get("/admin/polls")), 200);
   const auto deadline = Clock::now() + kBound;
   for (auto& connection : slow) ASSERT_TRUE(connection.receive(deadline)) << "still open";
+}
+
+TEST_F(DevServerTest, ConnectionsOverTheCapAreRefusedAtOnceAndAFreedWorkerServesTheNext) {
+  limits_.maxConnections = 16;
+  limits_.requestDeadline = kLongDeadline;  // the idle connections hold their workers throughout
+  startServer();
+  std::deque<RawConnection> idle;
+  for (int i = 0; i < 200; ++i) idle.emplace_back(port_);
+  RawConnection late(port_);
+  ASSERT_TRUE(late.send("GET /admin/polls HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+  std::string refusal = late.receive(Clock::now() + kAtOnce).value_or("no answer");
+  EXPECT_TRUE(refusal.starts_with("HTTP/1.1 503 ")) << refusal;
+  // Each idle connection was refused or holds a worker, which it gives up when it hangs up.
+  const auto deadline = Clock::now() + kBound;
+  for (auto& connection : idle) {
+    connection.send("", true);
+    ASSERT_TRUE(connection.receiveUntilClosed(deadline)) << "still open";
+  }
+  EXPECT_EQ(statusOf(client().Get("/admin/polls")), 200);
 }
 
 TEST(DevServerFiles, DatabaseAndJournalAreTheOwnersOnly) {

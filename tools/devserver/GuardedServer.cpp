@@ -115,6 +115,17 @@ constexpr std::string_view kBusy =
     "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nContent-Length: 46\r\n"
     "Connection: close\r\n\r\n{\"error\": \"too many connections, try again\"}\r\n";
 
+// The thread that refuses connections over the cap never waits on a client: a flood of idle
+// connections would otherwise queue every later one behind it. What the client already sent is
+// dropped first so that the close is a FIN rather than a reset where it can be.
+void refuse(int fd) {
+  [[maybe_unused]] ssize_t n = ::send(fd, kBusy.data(), kBusy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  char buffer[16 * 1024];
+  for (int reads = 0; reads < 4 && ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) > 0; ++reads) {
+  }
+  ::close(fd);
+}
+
 // Closing with unread request bytes makes the kernel send a reset, which can destroy an answer
 // (a 413) the client has not read yet; so the sending side is closed first and what the client
 // still sends is read and dropped for a short, bounded while.
@@ -169,29 +180,28 @@ void GuardedServer::beginShutdown() {
 }
 
 bool GuardedServer::process_and_close_socket(socket_t sock) {
-  bool ok = false;
   if (ConnectionPool::isShedding()) {
-    [[maybe_unused]] ssize_t n = ::send(sock, kBusy.data(), kBusy.size(), MSG_NOSIGNAL);
-  } else {
-    // httplib sets this in the connection loop replaced here; without it every answer waits on
-    // Nagle and the client's delayed ACK.
-    int yes = 1;
-    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    LimitedStream stream(sock, wakeRead_, limits_);
-    for (size_t served = 0; !shuttingDown_.load(); ++served) {
-      if (served > 0 &&
-          waitFor(sock, POLLIN, wakeRead_, Clock::now() + limits_.keepAlive) != Wait::kReady) {
-        break;
-      }
-      stream.startRequest();
-      bool closed = false;
-      ok = process_request(stream, shuttingDown_.load(), closed, nullptr);
-      if (!ok || closed) break;
-    }
+    refuse(sock);
+    return false;
   }
-  // The one thread that sheds connections must not be held up by a client that never closes.
-  lingeringClose(sock, wakeRead_,
-                 std::chrono::milliseconds(ConnectionPool::isShedding() ? 50 : 500));
+  // httplib sets this in the connection loop replaced here; without it every answer waits on
+  // Nagle and the client's delayed ACK.
+  int yes = 1;
+  setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+  LimitedStream stream(sock, wakeRead_, limits_);
+  bool ok = false;
+  for (size_t served = 0; !shuttingDown_.load(); ++served) {
+    if (served > 0 &&
+        waitFor(sock, POLLIN, wakeRead_, Clock::now() + limits_.keepAlive) != Wait::kReady) {
+      break;
+    }
+    stream.startRequest();
+    bool closed = false;
+    ok = process_request(stream, shuttingDown_.load(), closed, nullptr);
+    if (!ok || closed) break;
+  }
+  ConnectionPool::releaseSlot();
+  lingeringClose(sock, wakeRead_, std::chrono::milliseconds(500));
   return ok;
 }
 

@@ -11,7 +11,7 @@ namespace quorvia::devserver {
 // How long and how much one connection may take before it is cut.
 struct ConnectionLimits {
   // Connections served at once; each gets a worker of its own. Connections beyond it are
-  // answered 503 at once.
+  // answered 503 and closed at once, without reading them.
   size_t maxConnections = 256;
   // The whole request (line, headers and body) must arrive within this time, however slowly it
   // trickles; a client that sends a byte a second gets no longer than one that sends nothing.
