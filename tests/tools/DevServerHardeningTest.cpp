@@ -174,6 +174,28 @@ TEST_F(DevServerTest, ConnectionsOverTheCapAreRefusedAtOnceAndAFreedWorkerServes
   EXPECT_EQ(statusOf(client().Get("/admin/polls")), 200);
 }
 
+TEST_F(DevServerTest, AnEventStreamWhoseClientLeftGivesItsPlaceUpAtOnce) {
+  const std::string follow =
+      "GET /admin/events HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port_) + "\r\n" +
+      AdminGate::kHeader + ": " + kAdminToken + "\r\n\r\n";
+  // How the server answers a new stream: admitted (200) or refused (503).
+  auto answerTo = [&](RawConnection& connection) {
+    EXPECT_TRUE(connection.send(follow));
+    std::string answer = connection.receive(Clock::now() + kAtOnce).value_or("no answer");
+    return answer.substr(0, answer.find("\r\n"));
+  };
+  std::deque<RawConnection> streams;
+  for (int i = 0; i < 32; ++i) {  // the documented cap on open streams
+    ASSERT_EQ(answerTo(streams.emplace_back(port_)), "HTTP/1.1 200 OK");
+  }
+  RawConnection refused(port_);
+  EXPECT_EQ(answerTo(refused), "HTTP/1.1 503 Service Unavailable");
+  streams.front().send("", true);
+  EXPECT_TRUE(streams.front().receiveUntilClosed(Clock::now() + kAtOnce)) << "still streaming";
+  RawConnection next(port_);
+  EXPECT_EQ(answerTo(next), "HTTP/1.1 200 OK");
+}
+
 TEST(DevServerFiles, DatabaseAndJournalAreTheOwnersOnly) {
   namespace fs = std::filesystem;
   auto mode = [](const fs::path& path) { return static_cast<int>(fs::status(path).permissions()); };

@@ -111,6 +111,8 @@ class LimitedStream final : public httplib::Stream {
   size_t budget_ = 0;
 };
 
+thread_local int servedSocket = -1;
+
 constexpr std::string_view kBusy =
     "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nContent-Length: 46\r\n"
     "Connection: close\r\n\r\n{\"error\": \"too many connections, try again\"}\r\n";
@@ -173,6 +175,8 @@ int GuardedServer::bindListening(const std::string& host, int port) {
   return bound;
 }
 
+int GuardedServer::servingSocket() { return servedSocket; }
+
 void GuardedServer::beginShutdown() {
   if (shuttingDown_.exchange(true) || wakeWrite_ < 0) return;
   char byte = 1;
@@ -189,6 +193,7 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
   int yes = 1;
   setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
   LimitedStream stream(sock, wakeRead_, limits_);
+  servedSocket = sock;
   bool ok = false;
   for (size_t served = 0; !shuttingDown_.load(); ++served) {
     if (served > 0 &&
@@ -200,6 +205,7 @@ bool GuardedServer::process_and_close_socket(socket_t sock) {
     ok = process_request(stream, shuttingDown_.load(), closed, nullptr);
     if (!ok || closed) break;
   }
+  servedSocket = -1;
   ConnectionPool::releaseSlot();
   lingeringClose(sock, wakeRead_, std::chrono::milliseconds(500));
   return ok;

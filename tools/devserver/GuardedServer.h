@@ -33,6 +33,10 @@ class GuardedServer final : public httplib::Server {
   GuardedServer(const GuardedServer&) = delete;
   GuardedServer& operator=(const GuardedServer&) = delete;
 
+  // The socket of the connection that the calling thread serves, or -1 off the server's
+  // workers. A long answer (an event stream) watches it to notice at once that its client left.
+  static int servingSocket();
+
   // Binds like bind_to_port / bind_to_any_port (port 0), with a listen backlog deep enough for
   // a burst of connections; returns the port or -1.
   int bindListening(const std::string& host, int port);
