@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <deque>
 #include <fstream>
+#include <string_view>
 
 #include "DevServerFixture.h"
 
@@ -96,6 +97,14 @@ constexpr auto kBound = std::chrono::seconds(20);
 // tests below set, which an answer that waited on them would need.
 constexpr auto kAtOnce = std::chrono::seconds(5);
 constexpr auto kLongDeadline = std::chrono::minutes(2);
+
+size_t count(std::string_view text, std::string_view part) {
+  size_t found = 0;
+  for (size_t at = text.find(part); at != std::string_view::npos; at = text.find(part, at + 1)) {
+    ++found;
+  }
+  return found;
+}
 
 TEST_F(DevServerTest, OversizedTruncatedOrGarbledRequestsAreRefusedAndStoreNothing) {
   EXPECT_EQ(statusOf(sdk("/endpoints/", "", std::string(kMaxBody + 1, 'x'))), 413);
@@ -194,6 +203,56 @@ TEST_F(DevServerTest, AnEventStreamWhoseClientLeftGivesItsPlaceUpAtOnce) {
   EXPECT_TRUE(streams.front().receiveUntilClosed(Clock::now() + kAtOnce)) << "still streaming";
   RawConnection next(port_);
   EXPECT_EQ(answerTo(next), "HTTP/1.1 200 OK");
+}
+
+// RFC 9112 §6.3: a body's end is read from its headers in one way only, or the request is
+// refused and its connection closed, so no byte after the headers is ever taken for a request.
+TEST_F(DevServerTest, BodiesEndWhereTheirHeadersSayOrTheRequestIsRefusedAndTheConnectionClosed) {
+  limits_.requestDeadline = kLongDeadline;  // an answer that waits for more bytes never comes
+  startServer();
+  const json poll = createPoll("A", "Q", json::array({{{"text", "Y"}}}));
+  const std::string token = registerDevice("0001", "A");
+  const std::string host = "Host: 127.0.0.1\r\n";
+  const std::string smuggled = "POST " + replyPath(poll) + " HTTP/1.1\r\n" + host +
+                               "Authorization: JWT " + token +
+                               "\r\nContent-Length: 19\r\n\r\nreply_text=SMUGGLED";
+  const std::string post = "POST /endpoints/ HTTP/1.1\r\n" + host;
+  const std::string form = "Content-Type: application/x-www-form-urlencoded\r\n";
+  const std::string longForm = "push_token=" + std::string(9000, 'f') + "&app_token=A";
+  const std::string registration = "push_token=cc&app_token=A";
+  // A request (sent whole, the connection left open) and how its one answer starts.
+  const std::pair<std::string, std::string> cases[] = {
+      {post + "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" + smuggled,
+       "HTTP/1.1 400 "},
+      {post + "Transfer-Encoding: chunked, identity\r\n\r\n0\r\n\r\n" + smuggled, "HTTP/1.1 400 "},
+      {post + "Transfer-Encoding: gzip, chunked\r\n\r\n0\r\n\r\n" + smuggled, "HTTP/1.1 501 "},
+      {post + "Content-Length: 1\r\nContent-Length: 2\r\n\r\nx" + smuggled, "HTTP/1.1 400 "},
+      {post + "Content-Length: 1, 2\r\n\r\nx" + smuggled, "HTTP/1.1 400 "},
+      {post + "Content-Length: 1e6\r\n\r\nx" + smuggled, "HTTP/1.1 400 "},
+      {post + "Content-Length : 1\r\n\r\nx" + smuggled, "HTTP/1.1 400 "},
+      {"GET /apps/A/polls/ HTTP/1.1\r\n" + host +
+           "Content-Length: " + std::to_string(smuggled.size()) + "\r\n\r\n" + smuggled,
+       "HTTP/1.1 401 "},
+      {post + "Content-Length: 99999999999\r\n\r\n", "HTTP/1.1 413 "},
+      {post + form + "Content-Length: " + std::to_string(longForm.size()) + "\r\n\r\n" + longForm,
+       "HTTP/1.1 413 "},
+      {post + form + "Transfer-Encoding: chunked\r\n\r\n2400\r\n" + longForm.substr(0, 9216) +
+           "\r\n0\r\n\r\n",
+       "HTTP/1.1 413 "},
+      // A request without either header has no body, and the same length twice is one length.
+      {post + "Connection: close\r\n\r\n", "HTTP/1.1 400 "},
+      {post + "Connection: close\r\nContent-Length: 25, 25\r\n\r\n" + registration,
+       "HTTP/1.1 200 "},
+  };
+  for (const auto& [request, start] : cases) {
+    SCOPED_TRACE(request.substr(0, 120));
+    RawConnection connection(port_);
+    ASSERT_TRUE(connection.send(request));
+    std::string answer = connection.receiveUntilClosed(Clock::now() + kAtOnce).value_or("open");
+    EXPECT_TRUE(answer.starts_with(start)) << answer;
+    EXPECT_EQ(count(answer, "HTTP/1.1 "), 1u) << answer;
+  }
+  EXPECT_EQ(adminGet("/admin/polls/" + poll["id"].dump() + "/replies")["replies"], json::array());
 }
 
 TEST(DevServerFiles, DatabaseAndJournalAreTheOwnersOnly) {
