@@ -9,6 +9,7 @@
 #include "AdminJson.h"
 #include "BoundedBody.h"
 #include "Categories.h"
+#include "GuardedServer.h"
 #include "JsonResponse.h"
 #include "PushFanout.h"
 
@@ -19,9 +20,9 @@ namespace {
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
-// An event stream is answered in rounds: a round ends with events or, at the latest, after the
-// heartbeat, which also finds out when the browser went away. A stream ends after its maximum
-// age (the browser reconnects by itself), so none holds a worker for good.
+// An event stream is answered in rounds: a round ends with events, when the browser goes away,
+// or at the latest after the heartbeat, which keeps proxies from timing the stream out. A stream
+// ends after its maximum age (the browser reconnects by itself), so none holds a worker for good.
 constexpr std::chrono::seconds kHeartbeat{15};
 constexpr std::chrono::minutes kMaxStreamAge{10};
 constexpr int kMaxStreams = 32;
@@ -268,18 +269,27 @@ void eventStream(const httplib::Request&, httplib::Response& response, AdminCont
     return;
   }
   EventHub& events = context.events;
+  std::shared_ptr<EventHub::Reader> reader = events.subscribe();
+  if (!reader) {
+    open.fetch_sub(1);
+    sendError(response, 503, "cannot follow events now");
+    return;
+  }
   response.set_header("Cache-Control", "no-store");
   response.set_chunked_content_provider(
       "text/event-stream",
-      [&events, cursor = events.cursor(), started = Clock::now(), greeted = false](
-          size_t, httplib::DataSink& sink) mutable {
+      [&events, reader, connection = GuardedServer::servingSocket(), started = Clock::now(),
+       greeted = false](size_t, httplib::DataSink& sink) mutable {
         if (!greeted) {
           greeted = true;
           // Tells the browser how soon to come back when the stream ends.
           const std::string hello = "retry: 1000\n: connected\n\n";
           return sink.write(hello.data(), hello.size());
         }
-        std::vector<std::string> batch = events.wait(cursor, kHeartbeat);
+        bool hungUp = false;
+        std::vector<std::string> batch = events.wait(*reader, kHeartbeat, connection, &hungUp);
+        // Gives the stream's slot back now rather than at the next heartbeat's failed write.
+        if (hungUp) return false;
         if (events.closed() || Clock::now() - started > kMaxStreamAge) {
           sink.done();
           return true;

@@ -1,9 +1,13 @@
 #include "ConnectionPool.h"
 
+#include <utility>
+
 namespace quorvia::devserver {
 
 namespace {
 thread_local bool shedding = false;
+// The pool whose slot the calling worker's job holds, or null once given back.
+thread_local ConnectionPool* heldSlot = nullptr;
 }  // namespace
 
 ConnectionPool::ConnectionPool(size_t capacity) : capacity_(capacity) {
@@ -14,6 +18,13 @@ ConnectionPool::~ConnectionPool() { shutdown(); }
 
 bool ConnectionPool::isShedding() { return shedding; }
 
+void ConnectionPool::releaseSlot() {
+  ConnectionPool* pool = std::exchange(heldSlot, nullptr);
+  if (pool == nullptr) return;
+  std::lock_guard lock(pool->mutex_);
+  --pool->live_;
+}
+
 void ConnectionPool::enqueue(std::function<void()> fn) {
   std::lock_guard lock(mutex_);
   if (live_ >= capacity_) {
@@ -21,6 +32,10 @@ void ConnectionPool::enqueue(std::function<void()> fn) {
     shedReady_.notify_one();
     return;
   }
+  admitLocked(std::move(fn));
+}
+
+void ConnectionPool::admitLocked(std::function<void()> fn) {
   ++live_;
   jobs_.push_back(std::move(fn));
   // Idle workers that were woken but have not taken their job yet still count as idle, so a
@@ -58,11 +73,16 @@ void ConnectionPool::work(bool shedder) {
     if (queue.empty()) return;  // stopping, and nothing left to close
     std::function<void()> job = std::move(queue.front());
     queue.pop_front();
+    if (shedder && live_ < capacity_ && !stopping_) {
+      admitLocked(std::move(job));
+      continue;
+    }
+    if (!shedder) heldSlot = this;
     lock.unlock();
     job();
     job = nullptr;
+    releaseSlot();
     lock.lock();
-    if (!shedder) --live_;
   }
 }
 

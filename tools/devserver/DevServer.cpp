@@ -20,8 +20,8 @@ constexpr size_t kSecretBytes = 32;
 using Clock = std::chrono::steady_clock;
 
 // When the request that this worker thread is handling reached routing; the logger runs on the
-// same thread right after the response is written. Requests refused while their body is read
-// (413, 400) never reach routing and are logged without a time.
+// same thread right after the response is written. Requests that httplib or the framing check
+// refuse (a garbled request line, faulty framing) never reach it and are logged without a time.
 thread_local std::optional<Clock::time_point> requestStart;
 
 std::string defaultStatusMessage(int status) {
@@ -77,14 +77,13 @@ DevServer::DevServer(DevServerOptions options, std::unique_ptr<PollStore> store,
   server_.set_tcp_nodelay(true);
   server_.set_payload_max_length(options_.maxBodyBytes);
 
-  server_.set_pre_routing_handler(
-      [this](const httplib::Request& request, httplib::Response& response) {
-        requestStart = Clock::now();
-        if (AdminGate::guards(request.path) && !gate_.admit(request, response)) {
-          return httplib::Server::HandlerResponse::Handled;
-        }
-        return httplib::Server::HandlerResponse::Unhandled;
-      });
+  server_.setAdmission([this](const httplib::Request& request, httplib::Response& response) {
+    requestStart = Clock::now();
+    if (AdminGate::guards(request.path) && !gate_.admit(request, response)) {
+      return httplib::Server::HandlerResponse::Handled;
+    }
+    return httplib::Server::HandlerResponse::Unhandled;
+  });
   // Every refusal is JSON, including the ones httplib makes itself (unknown path, oversized or
   // unreadable body); a handler's own error body is left as it is.
   server_.set_error_handler(httplib::Server::HandlerWithResponse(

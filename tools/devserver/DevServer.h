@@ -28,7 +28,8 @@ struct DevServerOptions {
   // Key that signs access tokens; when empty, the one stored in the database is used, or a new
   // random one is generated and stored there so tokens survive restarts.
   std::string jwtSecret;
-  // Larger request bodies are refused with 413 before any handler sees them, however framed.
+  // Larger request bodies are refused with 413 before any handler sees them, however framed;
+  // form bodies are capped at kMaxFormBodyBytes (BoundedBody.h) whatever this says.
   size_t maxBodyBytes = 1024 * 1024;
   // Token the dashboard and the admin API require; empty turns the check off.
   std::string adminToken;

@@ -10,9 +10,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <string>
 
 #include "ConnectionPool.h"
+#include "JsonResponse.h"
+#include "RequestFraming.h"
 
 namespace quorvia::devserver {
 
@@ -79,7 +82,10 @@ class LimitedStream final : public httplib::Stream {
       if (budget_ == 0 || !is_readable()) return -1;
       ssize_t n = ::recv(fd_, ptr, std::min(size, budget_), MSG_DONTWAIT);
       if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
-      if (n > 0) budget_ -= static_cast<size_t>(n);
+      if (n > 0) {
+        budget_ -= static_cast<size_t>(n);
+        consumed_ += static_cast<uint64_t>(n);
+      }
       return n;
     }
   }
@@ -103,17 +109,46 @@ class LimitedStream final : public httplib::Stream {
   }
   socket_t socket() const override { return fd_; }
 
+  // Bytes read from the connection so far. httplib reads the request line and headers a byte at
+  // a time and a body no further than its framing says, so this is where it stopped.
+  uint64_t consumed() const { return consumed_; }
+
  private:
   int fd_;
   int wakeFd_;
   const ConnectionLimits& limits_;
   Clock::time_point deadline_ = Clock::now();
   size_t budget_ = 0;
+  uint64_t consumed_ = 0;
 };
+
+// The request that the calling worker is answering, as far as the server knows it, for the
+// routing hooks, which httplib calls without the connection.
+struct Exchange {
+  int socket = -1;
+  const LimitedStream* stream = nullptr;
+  std::optional<BodyFraming> framing;  // once the headers are read
+  uint64_t bodyStart = 0;              // where the headers ended
+  bool answered = false;
+  bool keepAlive = false;
+};
+
+thread_local Exchange* exchange = nullptr;
 
 constexpr std::string_view kBusy =
     "HTTP/1.1 503 Service Unavailable\r\nContent-Type: application/json\r\nContent-Length: 46\r\n"
     "Connection: close\r\n\r\n{\"error\": \"too many connections, try again\"}\r\n";
+
+// The thread that refuses connections over the cap never waits on a client: a flood of idle
+// connections would otherwise queue every later one behind it. What the client already sent is
+// dropped first so that the close is a FIN rather than a reset where it can be.
+void refuse(int fd) {
+  [[maybe_unused]] ssize_t n = ::send(fd, kBusy.data(), kBusy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  char buffer[16 * 1024];
+  for (int reads = 0; reads < 4 && ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT) > 0; ++reads) {
+  }
+  ::close(fd);
+}
 
 // Closing with unread request bytes makes the kernel send a reset, which can destroy an answer
 // (a 413) the client has not read yet; so the sending side is closed first and what the client
@@ -147,6 +182,30 @@ GuardedServer::GuardedServer(ConnectionLimits limits) : limits_(limits) {
     int yes = 1;
     setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
   });
+  httplib::Server::set_pre_routing_handler(
+      [this](const httplib::Request& request, httplib::Response& response) {
+        if (exchange != nullptr && exchange->framing &&
+            exchange->framing->kind == BodyFraming::Kind::kFaulty) {
+          sendError(response, exchange->framing->status, exchange->framing->problem);
+          return HandlerResponse::Handled;
+        }
+        return admission_ ? admission_(request, response) : HandlerResponse::Unhandled;
+      });
+  // Runs as the answer's headers are written, after the handler read what it wanted.
+  httplib::Server::set_post_routing_handler([](const httplib::Request&,
+                                               httplib::Response& response) {
+    if (exchange == nullptr) return;
+    Exchange& current = *exchange;
+    current.answered = true;
+    current.keepAlive = current.framing && current.framing->kind == BodyFraming::Kind::kLength &&
+                        current.stream->consumed() - current.bodyStart == current.framing->length &&
+                        response.get_header_value("Connection") != "close";
+    if (!current.keepAlive) {
+      response.headers.erase("Keep-Alive");
+      response.headers.erase("Connection");
+      response.set_header("Connection", "close");
+    }
+  });
 }
 
 GuardedServer::~GuardedServer() {
@@ -162,6 +221,12 @@ int GuardedServer::bindListening(const std::string& host, int port) {
   return bound;
 }
 
+void GuardedServer::setAdmission(HandlerWithResponse admission) {
+  admission_ = std::move(admission);
+}
+
+int GuardedServer::servingSocket() { return exchange != nullptr ? exchange->socket : -1; }
+
 void GuardedServer::beginShutdown() {
   if (shuttingDown_.exchange(true) || wakeWrite_ < 0) return;
   char byte = 1;
@@ -169,29 +234,46 @@ void GuardedServer::beginShutdown() {
 }
 
 bool GuardedServer::process_and_close_socket(socket_t sock) {
-  bool ok = false;
   if (ConnectionPool::isShedding()) {
-    [[maybe_unused]] ssize_t n = ::send(sock, kBusy.data(), kBusy.size(), MSG_NOSIGNAL);
-  } else {
-    // httplib sets this in the connection loop replaced here; without it every answer waits on
-    // Nagle and the client's delayed ACK.
-    int yes = 1;
-    setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
-    LimitedStream stream(sock, wakeRead_, limits_);
-    for (size_t served = 0; !shuttingDown_.load(); ++served) {
-      if (served > 0 &&
-          waitFor(sock, POLLIN, wakeRead_, Clock::now() + limits_.keepAlive) != Wait::kReady) {
-        break;
-      }
-      stream.startRequest();
-      bool closed = false;
-      ok = process_request(stream, shuttingDown_.load(), closed, nullptr);
-      if (!ok || closed) break;
-    }
+    refuse(sock);
+    return false;
   }
-  // The one thread that sheds connections must not be held up by a client that never closes.
-  lingeringClose(sock, wakeRead_,
-                 std::chrono::milliseconds(ConnectionPool::isShedding() ? 50 : 500));
+  // httplib sets this in the connection loop replaced here; without it every answer waits on
+  // Nagle and the client's delayed ACK.
+  int yes = 1;
+  setsockopt(sock, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+  LimitedStream stream(sock, wakeRead_, limits_);
+  Exchange current;
+  exchange = &current;
+  bool ok = false;
+  for (size_t served = 0; !shuttingDown_.load(); ++served) {
+    if (served > 0 &&
+        waitFor(sock, POLLIN, wakeRead_, Clock::now() + limits_.keepAlive) != Wait::kReady) {
+      break;
+    }
+    stream.startRequest();
+    current = Exchange{sock, &stream};
+    bool closed = false;
+    ok = process_request(stream, shuttingDown_.load(), closed, [&](httplib::Request& request) {
+      current.framing = bodyFraming(request);
+      current.bodyStart = stream.consumed();
+      // A request with neither header has no body (RFC 9112 §6.3); httplib would read one until
+      // the client closes.
+      if (current.framing->kind == BodyFraming::Kind::kLength &&
+          !request.has_header("Content-Length")) {
+        request.set_header("Content-Length", "0");
+      }
+    });
+    if (!ok || closed || !current.keepAlive) break;
+  }
+  exchange = nullptr;
+  ConnectionPool::releaseSlot();
+  // Only an answer given before the request was read to its end leaves client bytes to drop.
+  if (current.answered && !current.keepAlive) {
+    lingeringClose(sock, wakeRead_, std::chrono::milliseconds(500));
+  } else {
+    ::close(sock);
+  }
   return ok;
 }
 
