@@ -1,6 +1,8 @@
 #include "platform/DateFormatter.h"
 
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <unicode/locid.h>
 #include <unicode/parsepos.h>
 #include <unicode/simpletz.h>
@@ -9,6 +11,7 @@
 #include <unicode/unistr.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -93,11 +96,32 @@ std::string currentLocaleName() {
   return name.empty() || name == "C" || name == "POSIX" ? "en_US_POSIX" : name;
 }
 
-// What names the process's current time zone: TZ when set, else where
-// /etc/localtime points (or, for a copied file, which file it is and when it
-// was written).
-std::string currentZoneKey() {
-  if (const char* tz = std::getenv("TZ")) return std::string("TZ=") + tz;
+// How many times /etc may have changed since the process began watching it;
+// 0 when it cannot be watched (then /etc/localtime is looked at every time).
+// One non-blocking read per call, where looking at the link is a path walk.
+std::uint64_t etcGeneration() {
+  static std::atomic<std::uint64_t> generation{1};
+  static const int watch = [] {
+    const int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0) return -1;
+    if (::inotify_add_watch(fd, "/etc",
+                            IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_MOVED_FROM | IN_CLOSE_WRITE |
+                                IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF) < 0) {
+      ::close(fd);
+      return -1;
+    }
+    return fd;
+  }();
+  if (watch < 0) return 0;
+  alignas(inotify_event) char events[4096];
+  bool changed = false;
+  while (::read(watch, events, sizeof events) > 0) changed = true;
+  return changed ? ++generation : generation.load();
+}
+
+// Where /etc/localtime points, or for a copied file, which file it is and
+// when it was written.
+std::string lookUpLocalTime() {
   std::error_code ec;
   const auto target = std::filesystem::read_symlink(kLocalTime, ec);
   if (!ec) return "link=" + target.string();
@@ -105,6 +129,20 @@ std::string currentZoneKey() {
   if (::stat(kLocalTime, &st) != 0) return "none";
   return "file=" + std::to_string(st.st_ino) + ":" + std::to_string(st.st_mtim.tv_sec) + "." +
          std::to_string(st.st_mtim.tv_nsec);
+}
+
+// What names the process's current time zone: TZ when set, else
+// /etc/localtime, whose answer is kept per thread until /etc changes.
+std::string currentZoneKey() {
+  if (const char* tz = std::getenv("TZ")) return std::string("TZ=") + tz;
+  thread_local std::uint64_t seen = 0;
+  thread_local std::string key;
+  const std::uint64_t now = etcGeneration();
+  if (now == 0 || now != seen) {
+    key = lookUpLocalTime();
+    seen = now;
+  }
+  return key;
 }
 
 // The zone `key` names. ICU reads TZ itself; /etc/localtime it reads once
