@@ -7,13 +7,15 @@
 #include <algorithm>
 #include <fstream>
 #include <numeric>
+#include <thread>
 
+#include "platform/ApplicationDelegateRuntime.h"
+#include "platform/Runtime.h"
 #include "platform/push/DeviceTokenFile.h"
+#include "platform/push/NotificationActions.h"
 #include "platform/push/RemoteNotifications.h"
 #include "quorvia/platform/Application.h"
-#include "platform/ApplicationDelegateRuntime.h"
 #include "quorvia/platform/PushService.h"
-#include "platform/Runtime.h"
 #include "support/MosquittoBroker.h"
 #include "support/PlatformTest.h"
 
@@ -82,7 +84,8 @@ class PushTest : public PlatformTest {
           },
           platform::applicationDelegateTypeEncoding(selector));
     }
-    platform::setDelegateObject(platform::Application::sharedApplication(), std::make_shared<platform::Object>(cls));
+    platform::setDelegateObject(platform::Application::sharedApplication(),
+                                std::make_shared<platform::Object>(cls));
   }
 
   std::shared_ptr<std::vector<std::pair<std::string, MessageArguments>>> calls_ =
@@ -260,6 +263,63 @@ TEST_F(PushTest, PushReachesTheDelegateFormItImplementsAndItsCompletionCountsOnc
     EXPECT_EQ(log_.count(kNotCalled), c.notCalledLines);
     EXPECT_EQ(log_.count("QuorviaSDK: a push's fetch completion handler was called again; ignored"),
               c.calledAgainLines);
+  }
+}
+
+// What the platform keeps of a delivered push or action ends with its
+// completion handler: called at once (on the main thread or another), nothing
+// is left; never called, it is kept until its 30 s are over, logged once, and
+// then dropped too. A flood therefore leaves memory where it was.
+TEST_F(PushTest, ADeliveredPushOrActionKeepsNothingOnceCompletedOrLate) {
+  constexpr int kDeliveries = 1000;
+  enum class Completion { kAtOnce, kFromAnotherThread, kNever };
+  struct Kind {
+    const char* name;
+    std::string_view selector;
+    std::function<void()> deliver;
+    std::function<void(const MessageArguments&)> complete;
+    std::function<std::size_t()> awaited;
+    const char* lateLine;
+  };
+  const Kind kinds[] = {
+      {"push", platform::kDidReceiveRemoteNotificationFetchSelector,
+       [] { platform::deliverRemoteNotification(numbered(1)); },
+       [](const MessageArguments& a) { a.fetchCompletionHandler(0); },
+       platform::pushFetchCompletionsAwaited, kNotCalled},
+      {"action", platform::kHandleActionSelector,
+       [] { platform::deliverNotificationAction("yes", numbered(1)); },
+       [](const MessageArguments& a) { a.completionHandler(); }, platform::actionCompletionsAwaited,
+       "QuorviaSDK: a notification action's completion handler was not called within 30 "
+       "seconds"}};
+  for (const Kind& kind : kinds) {
+    for (Completion completion :
+         {Completion::kAtOnce, Completion::kFromAnotherThread, Completion::kNever}) {
+      SCOPED_TRACE(::testing::Message() << kind.name << " " << static_cast<int>(completion));
+      calls_->clear();
+      log_.clear();
+      installDelegate({kind.selector});
+      for (int i = 0; i < kDeliveries; ++i) kind.deliver();
+      ASSERT_EQ(calls_->size(), static_cast<std::size_t>(kDeliveries));
+      if (completion == Completion::kAtOnce) {
+        for (const auto& call : *calls_) kind.complete(call.second);
+      } else if (completion == Completion::kFromAnotherThread) {
+        std::thread([&] {
+          for (const auto& call : *calls_) kind.complete(call.second);
+        }).join();
+      }
+      const std::size_t kept = completion == Completion::kNever ? kDeliveries : 0;
+      EXPECT_EQ(kind.awaited(), kept) << "before the deadline";
+      advance(29.9);
+      EXPECT_EQ(kind.awaited(), kept);
+      EXPECT_EQ(log_.count(kind.lateLine), 0);
+      advance(0.2);
+      EXPECT_EQ(kind.awaited(), 0u) << "after the deadline";
+      EXPECT_EQ(log_.count(kind.lateLine), static_cast<int>(kept));
+      // Completing after the deadline neither logs nor keeps anything.
+      if (completion == Completion::kNever) kind.complete(calls_->front().second);
+      EXPECT_EQ(kind.awaited(), 0u);
+      EXPECT_EQ(log_.lines().size(), kept);
+    }
   }
 }
 

@@ -4,6 +4,9 @@
 // of its category, and the user's choice goes to the application delegate's
 // action callbacks, on the main queue.
 
+#include <cstddef>
+#include <string>
+
 #include "quorvia/export.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Value.h"
@@ -35,5 +38,9 @@ QUORVIA_EXPORT void presentRemoteNotification(const Value& payload);
 /// called within kActionCompletionDeadline of the main queue's clock. Main
 /// queue.
 QUORVIA_EXPORT void deliverNotificationAction(std::string identifier, Value payload);
+
+/// Delivered actions whose completion handler is neither called nor past
+/// kActionCompletionDeadline. Any thread.
+QUORVIA_EXPORT std::size_t actionCompletionsAwaited();
 
 }  // namespace quorvia::platform
