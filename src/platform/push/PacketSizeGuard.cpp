@@ -134,28 +134,30 @@ struct PacketSizeGuard::Relay {
       sendSome(brokerFd, disconnect, sizeof disconnect);
     }
     ::shutdown(brokerFd, SHUT_WR);
-    closeQuietly(brokerFd);
-    brokerDone = true;
-    toBroker.clear();
+    brokerGone();
   }
 
   void run() {
     pthread_setname_np(pthread_self(), "quorvia-push-io");
     char buffer[kChunkBytes];
     for (;;) {
-      if (brokerDone && toClient.empty() && clientFd >= 0 && !clientDone) {
+      if (brokerDone && toClient.empty() && !clientDone) {
         // The client reads the end after every packet allowed through.
         ::shutdown(clientFd, SHUT_WR);
       }
       if (clientDone && (toBroker.empty() || brokerFd < 0)) return;
-      pollfd fds[3] = {{stopFd, POLLIN, 0}, {clientFd, 0, 0}, {brokerFd, 0, 0}};
-      // With the broker gone, the client's bytes are read only to see it close.
-      if (!clientDone && toBroker.size() < kChunkBytes) fds[1].events |= POLLIN;
-      if (!toClient.empty()) fds[1].events |= POLLOUT;
-      if (brokerFd >= 0 && !brokerDone && toClient.size() < kChunkBytes) fds[2].events |= POLLIN;
-      if (brokerFd >= 0 && !toBroker.empty()) fds[2].events |= POLLOUT;
-      if (clientDone) fds[1].fd = -1;
-      if (brokerFd < 0) fds[2].fd = -1;
+      // A side is watched only for what can be done with it now, so that a
+      // peer that hung up cannot keep the thread spinning.
+      const bool clientIn = !clientDone && toBroker.size() < kChunkBytes;
+      const bool clientOut = !clientDone && !toClient.empty();
+      const bool brokerIn = brokerFd >= 0 && !brokerDone && toClient.size() < kChunkBytes;
+      const bool brokerOut = brokerFd >= 0 && !toBroker.empty();
+      pollfd fds[3] = {
+          {stopFd, POLLIN, 0},
+          {clientIn || clientOut ? clientFd : -1,
+           static_cast<short>((clientIn ? POLLIN : 0) | (clientOut ? POLLOUT : 0)), 0},
+          {brokerIn || brokerOut ? brokerFd : -1,
+           static_cast<short>((brokerIn ? POLLIN : 0) | (brokerOut ? POLLOUT : 0)), 0}};
       if (::poll(fds, 3, -1) < 0) {
         if (errno == EINTR) continue;
         return;
@@ -164,39 +166,45 @@ struct PacketSizeGuard::Relay {
         handOnToBroker(buffer);
         return;
       }
-      if (fds[1].revents & (POLLIN | POLLHUP | POLLERR)) {
+      const short hungUp = POLLHUP | POLLERR;
+      if (clientIn && (fds[1].revents & (POLLIN | hungUp))) {
         const ssize_t got = ::recv(clientFd, buffer, sizeof buffer, MSG_DONTWAIT);
-        if (got > 0 && brokerFd >= 0) {
-          toBroker.append(buffer, static_cast<std::size_t>(got));
-        } else if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-          clientDone = true;
-          toClient.clear();
+        if (got > 0) {
+          // With the broker gone, the client's bytes are read only to see it close.
+          if (brokerFd >= 0) toBroker.append(buffer, static_cast<std::size_t>(got));
+        } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+          clientGone();
         }
-      }
-      if ((fds[1].revents & POLLOUT) && !toClient.empty()) {
+      } else if (clientOut && (fds[1].revents & (POLLOUT | hungUp))) {
         const std::size_t sent = sendSome(clientFd, toClient.data(), toClient.size());
-        if (sent == 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
-          clientDone = true;
-          toClient.clear();
-        }
+        if (sent == 0 && errno != EAGAIN && errno != EWOULDBLOCK) clientGone();
         toClient.erase(0, sent);
       }
-      if (brokerFd < 0) continue;
-      if ((fds[2].revents & POLLOUT) && !toBroker.empty()) {
-        toBroker.erase(0, sendSome(brokerFd, toBroker.data(), toBroker.size()));
+      if (brokerOut && (fds[2].revents & (POLLOUT | hungUp)) && brokerFd >= 0) {
+        const std::size_t sent = sendSome(brokerFd, toBroker.data(), toBroker.size());
+        if (sent == 0 && errno != EAGAIN && errno != EWOULDBLOCK) brokerGone();
+        toBroker.erase(0, sent);
       }
-      if (fds[2].revents & (POLLIN | POLLHUP | POLLERR)) {
-        const std::size_t room = kChunkBytes - std::min(kChunkBytes, toClient.size());
-        const ssize_t got = ::recv(brokerFd, buffer, std::max<std::size_t>(room, 1), MSG_DONTWAIT);
+      if (brokerIn && (fds[2].revents & (POLLIN | hungUp)) && brokerFd >= 0) {
+        const ssize_t got = ::recv(brokerFd, buffer, kChunkBytes - toClient.size(), MSG_DONTWAIT);
         if (got > 0) {
           check(buffer, static_cast<std::size_t>(got));
-        } else if (got == 0 || (got < 0 && errno != EAGAIN && errno != EINTR)) {
-          brokerDone = true;
-          toBroker.clear();
-          closeQuietly(brokerFd);
+        } else if (got == 0 || (errno != EAGAIN && errno != EINTR)) {
+          brokerGone();
         }
       }
     }
+  }
+
+  void clientGone() {
+    clientDone = true;
+    toClient.clear();
+  }
+
+  void brokerGone() {
+    brokerDone = true;
+    toBroker.clear();
+    closeQuietly(brokerFd);
   }
 
   // On the way out: what the client wrote last (its DISCONNECT) still goes.
