@@ -14,7 +14,7 @@ case "${1:-}" in
 esac
 
 jobs=$(nproc)
-benches=(startup_bench idle_bench idle_adapters_bench wide_input_bench networking_bench push_bench devserver_bench keychain_bench ui_bench
+benches=(startup_bench idle_bench idle_adapters_bench wide_input_bench networking_bench push_bench push_flood_bench devserver_bench keychain_bench ui_bench
   host_window_bench memory_bench)
 out=build/release/bench
 echo "== build (release)" >&2
@@ -145,6 +145,13 @@ rows.append(("push: publish to delegate, p99", "push_bench",
              "n/a" if p99 is None else f"{p99:.3f} ms",
              "n/a" if p99 is None else f"p50 {push.get('p50_ms', 0):.3f} ms",
              "n/a" if p99 is None else ("yes" if p99 < 20 else "NO")))
+flood = runs.get("BM_MemoryAfterPushFlood", {})
+for before, after, label, limit in (
+        ("rss_before_kb", "rss_after_kb", "push flood: resident growth over 100,000 pushes", 4096),
+        ("heap_before_kb", "heap_after_kb", "push flood: heap growth over 100,000 pushes", 1024)):
+    grown = None if after not in flood else flood[after] - flood[before]
+    row(label, "push_flood_bench", grown, "n/a" if grown is None else f"{grown / 1024:.2f} MB",
+        "n/a" if grown is None else f"before {flood[before] / 1024:.2f} MB", limit)
 t = us("BM_PushOnePollToTenThousandDevices")
 row("push fan-out: one poll to 10,000 devices", "devserver_bench", t, fmt_time(t), "-", 2e6)
 for name, label in (("BM_SlideInFrames", "window: slide-in frame, p99"),
@@ -211,6 +218,8 @@ targets = {
     "main queue held by a 250,000-key fetch answer": "< 16.67 ms",
     "main queue held by a 200,000-key push": "< 16.67 ms",
     "push: publish to delegate, p99": "< 20 ms",
+    "push flood: resident growth over 100,000 pushes": "< 4 MB",
+    "push flood: heap growth over 100,000 pushes": "< 1 MB",
     "push fan-out: one poll to 10,000 devices": "< 2 s",
     "window: slide-in frame, p99": "< 4 ms",
     "window: keyboard focus move frame, p99": "< 4 ms",

@@ -3,7 +3,6 @@
 // Reports the latency's p50 and p99 (target: p99 under 20 ms).
 
 #include <benchmark/benchmark.h>
-#include <mosquitto.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "platform/ConfigurableEnvironment.h"
+#include "push/Publisher.h"
 #include "quorvia/platform/PushService.h"
 #include "quorvia/platform/RunLoop.h"
 #include "support/MosquittoBroker.h"
@@ -21,6 +21,7 @@
 namespace {
 
 namespace platform = quorvia::platform;
+using quorvia::bench::Publisher;
 using quorvia::testing::MosquittoBroker;
 using Clock = std::chrono::steady_clock;
 
@@ -29,38 +30,6 @@ constexpr auto kBound = std::chrono::seconds(10);
 const std::string kPayload =
     R"({"aps":{"alert":"Coffee or tea?","category":"A.B"},)"
     R"("poll":{"id":7,"question":"Coffee or tea?","options":[{"text":"A"},{"text":"B"}]}})";
-
-// Publishes as the poll service does (QoS 1) without waiting for the broker's
-// acknowledgement, so that the clock stops when the app has the push.
-class Publisher final {
- public:
-  explicit Publisher(int port) {
-    mosquitto_lib_init();
-    client_ = mosquitto_new(nullptr, true, nullptr);
-    connected_ = client_ && mosquitto_connect(client_, "127.0.0.1", port, 60) == MOSQ_ERR_SUCCESS &&
-                 mosquitto_loop_start(client_) == MOSQ_ERR_SUCCESS;
-  }
-  ~Publisher() {
-    if (connected_) {
-      mosquitto_disconnect(client_);
-      mosquitto_loop_stop(client_, false);
-    }
-    mosquitto_destroy(client_);
-    mosquitto_lib_cleanup();
-  }
-  Publisher(const Publisher&) = delete;
-  Publisher& operator=(const Publisher&) = delete;
-
-  bool publish(const std::string& topic, const std::string& payload) {
-    return connected_ &&
-           mosquitto_publish(client_, nullptr, topic.c_str(), static_cast<int>(payload.size()),
-                             payload.data(), 1, false) == MOSQ_ERR_SUCCESS;
-  }
-
- private:
-  mosquitto* client_ = nullptr;
-  bool connected_ = false;
-};
 
 void BM_PushToHandler(benchmark::State& state) {
   std::string pattern = (std::filesystem::temp_directory_path() / "quorvia-push-bench-XXXXXX");

@@ -4,6 +4,7 @@
 
 #include <mosquitto.h>
 #include <mqtt_protocol.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -13,8 +14,9 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/push/DeviceTokenFile.h"
 #include "platform/Log.h"
+#include "platform/push/DeviceTokenFile.h"
+#include "platform/push/PacketSizeGuard.h"
 #include "quorvia/platform/PushService.h"
 #include "quorvia/platform/RunLoop.h"
 
@@ -32,6 +34,9 @@ constexpr std::chrono::seconds kMaxRetryDelay{30};
 constexpr std::uint32_t kSessionExpirySeconds = 30 * 24 * 3600;
 // Room for the fixed header, the topic and the properties around a payload.
 constexpr std::uint32_t kPacketOverheadBytes = 64 * 1024;
+// Announced to the broker, and enforced on what it sends (PacketSizeGuard).
+constexpr std::uint32_t kMaxPacketBytes =
+    static_cast<std::uint32_t>(kMaxPushPayloadBytes) + kPacketOverheadBytes;
 constexpr const char* kTopicPrefix = "quorvia/devices/";
 // Client identifiers of up to 23 characters are the ones every broker accepts.
 constexpr std::size_t kClientIdHexDigits = 21;
@@ -231,9 +236,7 @@ class MqttPushService final : public PushService {
     mosquitto_property* properties = nullptr;
     mosquitto_property_add_int32(&properties, MQTT_PROP_SESSION_EXPIRY_INTERVAL,
                                  kSessionExpirySeconds);
-    mosquitto_property_add_int32(
-        &properties, MQTT_PROP_MAXIMUM_PACKET_SIZE,
-        static_cast<std::uint32_t>(kMaxPushPayloadBytes) + kPacketOverheadBytes);
+    mosquitto_property_add_int32(&properties, MQTT_PROP_MAXIMUM_PACKET_SIZE, kMaxPacketBytes);
     client_ = client;
     {
       std::lock_guard lock(mu_);
@@ -259,6 +262,7 @@ class MqttPushService final : public PushService {
       int savedErrno = 0;
       accepted_ = false;
       refusal_.clear();
+      std::unique_ptr<PacketSizeGuard> guard;
       {
         // Held across the connect so that a stop either comes before it or
         // finds a socket to wake.
@@ -267,16 +271,28 @@ class MqttPushService final : public PushService {
         rc = mosquitto_connect_bind_v5(client, broker.host.c_str(), broker.port, kKeepAliveSeconds,
                                        nullptr, properties);
         savedErrno = errno;
+        // libmosquitto reads a packet whole whatever its size. Over TLS the
+        // socket carries ciphertext, whose framing the guard cannot see; a
+        // TLS broker is one whose certificate the system trusts.
+        if (rc == MOSQ_ERR_SUCCESS && !broker.tls) {
+          guard = PacketSizeGuard::interpose(mosquitto_socket(client), kMaxPacketBytes);
+          // Never unguarded: without descriptors for the guard the
+          // connection ends at once and is tried again later.
+          if (!guard) ::shutdown(mosquitto_socket(client), SHUT_RDWR);
+        }
       }
       while (rc == MOSQ_ERR_SUCCESS && !stopping()) {
         rc = mosquitto_loop(client, kLoopTimeoutMs, 1);
         savedErrno = errno;
       }
       if (stopping()) return;
+      const std::string guardRefusal = guard ? guard->refusal() : std::string();
+      guard.reset();
+      const std::string failure =
+          guardRefusal.empty() ? describeFailure(rc, savedErrno) : guardRefusal;
       auto wait = delay;
       if (accepted_) {
-        debugLog("QuorviaSDK: push broker connection lost (" + describeFailure(rc, savedErrno) +
-                 "); reconnecting");
+        debugLog("QuorviaSDK: push broker connection lost (" + failure + "); reconnecting");
         // A connection that keeps dropping at once (another process with the
         // same token takes the session over) backs off like a failure does.
         if (std::chrono::steady_clock::now() - acceptedAt_ >= kMaxRetryDelay) {
@@ -285,7 +301,7 @@ class MqttPushService final : public PushService {
         failing = false;
       } else {
         const bool refused = !refusal_.empty();
-        const std::string why = refused ? refusal_ : describeFailure(rc, savedErrno);
+        const std::string why = refused ? refusal_ : failure;
         if (!failing) {
           debugLog("QuorviaSDK: push broker " + options_.brokerURL + " " +
                    (refused ? "refused the device: " : "cannot be reached: ") + why +

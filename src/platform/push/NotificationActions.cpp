@@ -5,9 +5,10 @@
 #include <string>
 #include <utility>
 
-#include "platform/Log.h"
-#include "quorvia/platform/Application.h"
 #include "platform/ApplicationDelegateRuntime.h"
+#include "platform/Log.h"
+#include "platform/push/CompletionDeadline.h"
+#include "quorvia/platform/Application.h"
 #include "quorvia/platform/Environment.h"
 #include "quorvia/platform/NotificationPresenter.h"
 
@@ -58,6 +59,14 @@ void routeActionsFrom(const std::shared_ptr<NotificationPresenter>& presenter) {
   });
 }
 
+// A real platform ends the app's time for the action when its deadline is over.
+CompletionDeadline& actionDeadline() {
+  static auto* const deadline = new CompletionDeadline(
+      kActionCompletionDeadline,
+      "QuorviaSDK: a notification action's completion handler was not called within 30 seconds");
+  return *deadline;
+}
+
 }  // namespace
 
 void presentRemoteNotification(const Value& payload) {
@@ -93,19 +102,13 @@ void deliverNotificationAction(std::string identifier, Value payload) {
   if (withResponseInfo) arguments.responseInfo = Value::object();
   // The host may complete from any thread, and more than once by mistake.
   auto called = std::make_shared<std::atomic<bool>>(false);
-  arguments.completionHandler = [called] {
+  arguments.completionHandler = [called, ticket = actionDeadline().start()] {
     if (called->exchange(true)) {
       debugLog("QuorviaSDK: a notification action's completion handler was called again; ignored");
+      return;
     }
+    actionDeadline().finish(ticket);
   };
-  // A real platform ends the app's time for the action here.
-  dispatch_after(kActionCompletionDeadline, [called] {
-    if (!called->load()) {
-      debugLog(
-          "QuorviaSDK: a notification action's completion handler was not called within 30 "
-          "seconds");
-    }
-  });
   deliverToApplicationDelegate(
       withResponseInfo ? kHandleActionWithResponseInfoSelector : kHandleActionSelector,
       std::move(arguments));
@@ -116,5 +119,7 @@ void withdrawRemoteNotifications(std::function<bool(const Value&)> matches) {
     presenter->withdraw(std::move(matches));
   }
 }
+
+std::size_t actionCompletionsAwaited() { return actionDeadline().watching(); }
 
 }  // namespace quorvia::platform

@@ -4,6 +4,7 @@
 // of its category, and the user's choice goes to the application delegate's
 // action callbacks, on the main queue.
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -44,5 +45,9 @@ QUORVIA_EXPORT void deliverNotificationAction(std::string identifier, Value payl
 /// `matches` runs on the presenter's thread. Does nothing when the
 /// environment has no presenter. Any thread.
 QUORVIA_EXPORT void withdrawRemoteNotifications(std::function<bool(const Value& payload)> matches);
+
+/// Delivered actions whose completion handler is neither called nor past
+/// kActionCompletionDeadline. Any thread.
+QUORVIA_EXPORT std::size_t actionCompletionsAwaited();
 
 }  // namespace quorvia::platform

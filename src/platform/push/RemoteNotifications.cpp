@@ -2,14 +2,26 @@
 
 #include <atomic>
 
-#include "quorvia/platform/Environment.h"
-#include "quorvia/platform/PushService.h"
-#include "quorvia/platform/Application.h"
 #include "platform/ApplicationDelegateRuntime.h"
 #include "platform/Log.h"
+#include "platform/push/CompletionDeadline.h"
 #include "platform/push/NotificationActions.h"
+#include "quorvia/platform/Application.h"
+#include "quorvia/platform/Environment.h"
+#include "quorvia/platform/PushService.h"
 
 namespace quorvia::platform {
+namespace {
+
+// A real platform ends the app's time for the push when its deadline is over.
+CompletionDeadline& fetchDeadline() {
+  static auto* const deadline = new CompletionDeadline(
+      kFetchCompletionDeadline,
+      "QuorviaSDK: a push's fetch completion handler was not called within 30 seconds");
+  return *deadline;
+}
+
+}  // namespace
 
 void startRemoteNotifications() {
   const std::shared_ptr<PushService> service = environment().pushService();
@@ -41,18 +53,16 @@ void deliverRemoteNotification(Value payload) {
   }
   // The host may complete from any thread, and more than once by mistake.
   auto called = std::make_shared<std::atomic<bool>>(false);
-  arguments.fetchCompletionHandler = [called](int) {
+  arguments.fetchCompletionHandler = [called, ticket = fetchDeadline().start()](int) {
     if (called->exchange(true)) {
       debugLog("QuorviaSDK: a push's fetch completion handler was called again; ignored");
+      return;
     }
+    fetchDeadline().finish(ticket);
   };
-  // A real platform ends the app's time for the push here.
-  dispatch_after(kFetchCompletionDeadline, [called] {
-    if (!called->load()) {
-      debugLog("QuorviaSDK: a push's fetch completion handler was not called within 30 seconds");
-    }
-  });
   deliverToApplicationDelegate(kDidReceiveRemoteNotificationFetchSelector, std::move(arguments));
 }
+
+std::size_t pushFetchCompletionsAwaited() { return fetchDeadline().watching(); }
 
 }  // namespace quorvia::platform

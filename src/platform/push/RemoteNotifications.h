@@ -2,6 +2,8 @@
 // The platform's side of remote notifications: what the push service reports
 // goes to the application delegate's callbacks, on the main queue.
 
+#include <cstddef>
+
 #include "quorvia/export.h"
 #include "quorvia/platform/RunLoop.h"
 #include "quorvia/platform/Value.h"
@@ -27,5 +29,10 @@ QUORVIA_EXPORT void startRemoteNotifications();
 /// when not called within kFetchCompletionDeadline of the main queue's clock.
 /// Main queue.
 QUORVIA_EXPORT void deliverRemoteNotification(Value payload);
+
+/// Delivered pushes whose fetch completion handler is neither called nor past
+/// kFetchCompletionDeadline: all that the platform keeps of a push once the
+/// delegate has it. Any thread.
+QUORVIA_EXPORT std::size_t pushFetchCompletionsAwaited();
 
 }  // namespace quorvia::platform
