@@ -8,8 +8,8 @@
 #include <malloc.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cctype>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -115,10 +115,11 @@ struct Snapshot {
 // Prints the phase and records its figures, all relative to `start`.
 void phase(benchmark::State& state, const char* key, const char* title, const Snapshot& start,
            const Snapshot& previous, const Snapshot& now) {
-  std::printf("\n== %s: resident %+.0f kB since the start (%+.0f kB in this phase), anonymous "
-              "%+.0f kB, heap in use %+.0f kB\n",
-              title, now.rssKb - start.rssKb, now.rssKb - previous.rssKb,
-              now.anonKb - start.anonKb, now.heapKb - start.heapKb);
+  std::printf(
+      "\n== %s: resident %+.0f kB since the start (%+.0f kB in this phase), anonymous "
+      "%+.0f kB, heap in use %+.0f kB\n",
+      title, now.rssKb - start.rssKb, now.rssKb - previous.rssKb, now.anonKb - start.anonKb,
+      now.heapKb - start.heapKb);
   printGrowth(previous.mappings, now.mappings);
   state.counters[std::string(key) + "_rss_kb"] = now.rssKb - start.rssKb;
   state.counters[std::string(key) + "_anon_kb"] = now.anonKb - start.anonKb;

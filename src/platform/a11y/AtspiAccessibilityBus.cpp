@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "platform/AccessibilityBus.h"
+#include "platform/GLibThreadContext.h"
 #include "platform/Log.h"
 #include "platform/a11y/AtspiApplication.h"
 #include "quorvia/platform/RunLoop.h"
@@ -57,21 +58,15 @@ std::string errorText(const GError* error) {
 class AtspiAccessibilityBus final : public AccessibilityBus {
  public:
   explicit AtspiAccessibilityBus(std::string appName)
-      : context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)),
-        cancellable_(g_cancellable_new()),
-        main_(Application::make(std::move(appName))) {}
+      : cancellable_(g_cancellable_new()), main_(Application::make(std::move(appName))) {}
 
   ~AtspiAccessibilityBus() override {
     if (thread_.joinable()) {
       g_cancellable_cancel(cancellable_);
-      // A source, not g_main_loop_quit(): a quit before the loop runs is lost.
-      onBusThread([this] { g_main_loop_quit(loop_); });
+      glib_.quit();
       thread_.join();
     }
     g_object_unref(cancellable_);
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
     // The last reference to the objects goes to the main queue, where they live.
     dispatch_async([main = std::move(main_)] {});
   }
@@ -84,40 +79,11 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
   void update(const std::vector<AccessibleElement>& now) override { main_->update(now); }
 
  private:
-  // Runs `work` on the bus thread's context. Any thread. The work passes
-  // through our own lock rather than through the GSource, so that the
-  // hand-over is one the thread checker sees.
-  void onBusThread(std::function<void()> work) {
-    {
-      std::lock_guard lock(tasksMu_);
-      tasks_.push_back(std::move(work));
-    }
-    GSource* source = g_idle_source_new();
-    g_source_set_callback(
-        source,
-        [](gpointer self) -> gboolean {
-          static_cast<AtspiAccessibilityBus*>(self)->runTasks();
-          return G_SOURCE_REMOVE;
-        },
-        this, nullptr);
-    g_source_attach(source, context_);
-    g_source_unref(source);
-  }
-
-  void runTasks() {
-    std::deque<std::function<void()>> batch;
-    {
-      std::lock_guard lock(tasksMu_);
-      batch.swap(tasks_);
-    }
-    for (auto& task : batch) task();
-  }
-
   // Everything below runs on the bus thread.
 
   void run() {
     pthread_setname_np(pthread_self(), "quorvia-a11y");
-    g_main_context_push_thread_default(context_);
+    g_main_context_push_thread_default(glib_.context());
     GSource* deadline = g_timeout_source_new(kJoinTimeoutMs);
     g_source_set_callback(
         deadline,
@@ -130,13 +96,13 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
           return G_SOURCE_REMOVE;
         },
         this, nullptr);
-    g_source_attach(deadline, context_);
+    g_source_attach(deadline, glib_.context());
     findBus();
-    g_main_loop_run(loop_);
+    g_main_loop_run(glib_.loop());
     g_source_destroy(deadline);
     g_source_unref(deadline);
     stop();
-    g_main_context_pop_thread_default(context_);
+    g_main_context_pop_thread_default(glib_.context());
   }
 
   // The bus's address: as the environment says, else as the bus launcher
@@ -378,8 +344,8 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
           return G_SOURCE_REMOVE;
         },
         &late, nullptr);
-    g_source_attach(deadline, context_);
-    while (inFlight_ > 0 && !late) g_main_context_iteration(context_, TRUE);
+    g_source_attach(deadline, glib_.context());
+    while (inFlight_ > 0 && !late) g_main_context_iteration(glib_.context(), TRUE);
     g_source_destroy(deadline);
     g_source_unref(deadline);
     if (!connection_) return;
@@ -391,14 +357,11 @@ class AtspiAccessibilityBus final : public AccessibilityBus {
     connection_ = nullptr;
   }
 
-  GMainContext* const context_;
-  GMainLoop* const loop_;
+  GLibThreadContext glib_;
   GCancellable* const cancellable_;
   std::shared_ptr<Application> main_;  // the objects, which live on the main queue
   const std::shared_ptr<std::atomic<int>> pending_ = std::make_shared<std::atomic<int>>(0);
   std::thread thread_;  // main thread only
-  std::mutex tasksMu_;
-  std::deque<std::function<void()>> tasks_;  // guarded by tasksMu_
 
   // Bus thread only.
   GDBusConnection* connection_ = nullptr;

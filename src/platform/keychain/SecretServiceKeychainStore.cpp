@@ -27,6 +27,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/GLibThreadContext.h"
 #include "platform/Log.h"
 
 namespace quorvia::platform {
@@ -290,15 +291,7 @@ struct Found {
 class Keyring final {
  public:
   Keyring(std::string appIdentifier, SecretServiceLimits limits)
-      : app_(validText(std::move(appIdentifier))),
-        limits_(limits),
-        context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)) {}
-
-  ~Keyring() {
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
-  }
+      : app_(validText(std::move(appIdentifier))), limits_(limits) {}
 
   static std::shared_ptr<Keyring> start(std::string appIdentifier, SecretServiceLimits limits) {
     auto keyring = std::make_shared<Keyring>(std::move(appIdentifier), limits);
@@ -318,8 +311,7 @@ class Keyring final {
       g_cancellable_cancel(request);
       g_object_unref(request);
     }
-    // A source, not g_main_loop_quit(): a quit before the loop runs is lost.
-    post([this] { g_main_loop_quit(loop_); });
+    glib_.quit();
     lock.lock();
     cv_.wait_for(lock, kStopBound, [this] { return exited_; });
   }
@@ -506,49 +498,23 @@ class Keyring final {
     watchLimit_ = limit;
   }
 
-  // Runs `work` on the keyring thread. Any thread. The work passes through
-  // our own lock rather than through the GSource, so that the hand-over is
-  // one the thread checker sees.
-  void post(std::function<void()> work) {
-    {
-      std::lock_guard lock(tasksMu_);
-      tasks_.push_back(std::move(work));
-    }
-    GSource* source = g_idle_source_new();
-    g_source_set_callback(
-        source,
-        [](gpointer self) -> gboolean {
-          static_cast<Keyring*>(self)->runTasks();
-          return G_SOURCE_REMOVE;
-        },
-        this, nullptr);
-    g_source_attach(source, context_);
-    g_source_unref(source);
-  }
+  // Runs `work` on the keyring thread. Any thread.
+  void post(std::function<void()> work) { glib_.post(std::move(work)); }
 
   // --- The keyring thread ----------------------------------------------------
 
   void run() {
     pthread_setname_np(pthread_self(), "quorvia-keyring");
-    g_main_context_push_thread_default(context_);
-    g_main_loop_run(loop_);
+    g_main_context_push_thread_default(glib_.context());
+    g_main_loop_run(glib_.loop());
     closeSession();
     // GLib frees the closed session's signal subscriptions from this context.
-    while (g_main_context_iteration(context_, FALSE)) {
+    while (g_main_context_iteration(glib_.context(), FALSE)) {
     }
-    g_main_context_pop_thread_default(context_);
+    g_main_context_pop_thread_default(glib_.context());
     std::lock_guard lock(mu_);
     exited_ = true;
     cv_.notify_all();
-  }
-
-  void runTasks() {
-    std::deque<std::function<void()>> batch;
-    {
-      std::lock_guard lock(tasksMu_);
-      batch.swap(tasks_);
-    }
-    for (auto& task : batch) task();
   }
 
   void runJob(Job& job) {
@@ -968,11 +934,7 @@ class Keyring final {
 
   const std::string app_;
   const SecretServiceLimits limits_;
-  GMainContext* const context_;
-  GMainLoop* const loop_;
-
-  std::mutex tasksMu_;
-  std::deque<std::function<void()>> tasks_;  // guarded by tasksMu_
+  GLibThreadContext glib_;
 
   std::mutex mu_;
   std::condition_variable cv_;

@@ -2,13 +2,13 @@
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <unicode/locid.h>
 #include <unicode/parsepos.h>
 #include <unicode/simpletz.h>
 #include <unicode/smpdtfmt.h>
 #include <unicode/timezone.h>
 #include <unicode/unistr.h>
+#include <unistd.h>
 
 #include <array>
 #include <atomic>
@@ -224,7 +224,8 @@ std::optional<SystemTime> DateFormatter::dateFromString(std::string_view text) c
   if (!state_->formatter) return std::nullopt;
   const auto ms = state_->formatter->parse(text);
   if (!ms) return std::nullopt;
-  return SystemTime(std::chrono::duration_cast<SystemTime::duration>(std::chrono::milliseconds(*ms)));
+  return SystemTime(
+      std::chrono::duration_cast<SystemTime::duration>(std::chrono::milliseconds(*ms)));
 }
 
 }  // namespace quorvia::platform

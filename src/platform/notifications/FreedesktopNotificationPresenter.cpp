@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/GLibThreadContext.h"
 #include "platform/Log.h"
 #include "quorvia/platform/NotificationPresenter.h"
 #include "quorvia/platform/RunLoop.h"
@@ -96,9 +97,7 @@ struct MainSide {
 class FreedesktopNotificationPresenter final : public NotificationPresenter {
  public:
   FreedesktopNotificationPresenter()
-      : context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)),
-        cancellable_(g_cancellable_new()) {}
+      : glib_(G_PRIORITY_DEFAULT), cancellable_(g_cancellable_new()) {}
 
   ~FreedesktopNotificationPresenter() override {
     {
@@ -107,13 +106,10 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     }
     if (thread_.joinable()) {
       g_cancellable_cancel(cancellable_);
-      // A source, not g_main_loop_quit(): a quit before the loop runs is lost.
-      onBusThread([this] { g_main_loop_quit(loop_); });
+      glib_.quit();
       thread_.join();
     }
     g_object_unref(cancellable_);
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
     // The last reference to the handler goes to the main queue.
     dispatch_async([main = std::move(main_)] {});
   }
@@ -138,7 +134,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
       if (!thread_.joinable()) {
         thread_ = std::thread([this] { run(); });
       } else {
-        onBusThread([this] { showWaiting(); });
+        glib_.post([this] { showWaiting(); });
       }
     }
     if (dropped) {
@@ -153,7 +149,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     std::lock_guard lock(mu_);
     // No thread yet: nothing was ever presented.
     if (stopping_ || !thread_.joinable()) return;
-    onBusThread([this, matches = std::move(matches)] { withdrawOnBus(matches); });
+    glib_.post([this, matches = std::move(matches)] { withdrawOnBus(matches); });
   }
 
  private:
@@ -168,45 +164,15 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     bool withdrawn = false;  // taken back before the service answered
   };
 
-  // Runs `work` on the bus thread's context. Any thread. The work itself
-  // passes through our own lock rather than through the GSource, so that the
-  // hand-over is one the thread checker sees.
-  void onBusThread(std::function<void()> work) {
-    {
-      std::lock_guard lock(tasksMu_);
-      tasks_.push_back(std::move(work));
-    }
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(
-        source,
-        [](gpointer self) -> gboolean {
-          static_cast<FreedesktopNotificationPresenter*>(self)->runTasks();
-          return G_SOURCE_REMOVE;
-        },
-        this, nullptr);
-    g_source_attach(source, context_);
-    g_source_unref(source);
-  }
-
-  void runTasks() {
-    std::deque<std::function<void()>> batch;
-    {
-      std::lock_guard lock(tasksMu_);
-      batch.swap(tasks_);
-    }
-    for (auto& task : batch) task();
-  }
-
   // Everything below runs on the bus thread.
 
   void run() {
     pthread_setname_np(pthread_self(), "quorvia-dbus");
-    g_main_context_push_thread_default(context_);
+    g_main_context_push_thread_default(glib_.context());
     connect();
-    g_main_loop_run(loop_);
+    g_main_loop_run(glib_.loop());
     stop();
-    g_main_context_pop_thread_default(context_);
+    g_main_context_pop_thread_default(glib_.context());
   }
 
   void connect() {
@@ -533,8 +499,8 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
           return G_SOURCE_REMOVE;
         },
         &late, nullptr);
-    g_source_attach(deadline, context_);
-    while (inFlight_ > 0 && !late) g_main_context_iteration(context_, TRUE);
+    g_source_attach(deadline, glib_.context());
+    while (inFlight_ > 0 && !late) g_main_context_iteration(glib_.context(), TRUE);
     g_source_destroy(deadline);
     g_source_unref(deadline);
     if (!connection_) return;
@@ -545,8 +511,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
     connection_ = nullptr;
   }
 
-  GMainContext* const context_;
-  GMainLoop* const loop_;
+  GLibThreadContext glib_;
   GCancellable* const cancellable_;
   std::shared_ptr<MainSide> main_ = std::make_shared<MainSide>();
   std::atomic<bool> off_{false};
@@ -555,8 +520,6 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   bool stopping_ = false;             // guarded by mu_
   std::deque<Notification> waiting_;  // guarded by mu_
   std::thread thread_;                // guarded by mu_ until the destructor
-  std::mutex tasksMu_;
-  std::deque<std::function<void()>> tasks_;  // guarded by tasksMu_
 
   // Bus thread only.
   GDBusConnection* connection_ = nullptr;
@@ -567,7 +530,7 @@ class FreedesktopNotificationPresenter final : public NotificationPresenter {
   bool activationTried_ = false;
   std::string owner_;  // unique name of the service's owner; empty: none
   std::map<guint32, Live> live_;
-  std::deque<guint32> order_;  // live ids, oldest first
+  std::deque<guint32> order_;              // live ids, oldest first
   std::vector<PendingNotify*> notifying_;  // Notify calls not yet answered
   int ignoredLogs_ = 0;
 };
