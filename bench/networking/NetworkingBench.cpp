@@ -311,18 +311,23 @@ void BM_GetJsonCachedHit(benchmark::State& state) {
     // addresses) is a request to the server, waited for, and the cached
     // answer is put back before the next try.
     for (;;) {
-      bool answered = false;
+      // Shared with the callback: a miss may answer after this try is over.
+      auto answered = std::make_shared<bool>(false);
       const auto start = std::chrono::steady_clock::now();
       SimpleNetworking::getJsonCachedFromURL(url, std::nullopt, 3600,
-                                             [&](auto, auto) { answered = true; });
+                                             [answered](auto, auto) { *answered = true; });
       const auto took = std::chrono::steady_clock::now() - start;
       ++calls;
-      if (answered) {
+      if (*answered) {
         ++hits;
         state.SetIterationTime(std::chrono::duration<double>(took).count());
         break;
       }
-      runUntil([&] { return answered; });
+      if (!runUntil([&] { return *answered; })) {
+        state.SkipWithError("a miss was not answered");
+        state.SetIterationTime(0);
+        break;
+      }
       platform::URLCache::sharedURLCache()->storeCachedResponse(cached, request);
     }
   }
